@@ -1,0 +1,189 @@
+/*
+ * Server core shared by every area: the list container, the watched
+ * descriptors (Fdops) and their lists, buffered non-blocking I/O, the send
+ * queue, byte order, and the records of clients and transactions.
+ *
+ * Everything here is plain data: the signal handler calls exit() from any
+ * point of the loop, so no global may have a non-trivial destructor.
+ */
+#ifndef LAPI_SRV_GLOBAL_H
+#define LAPI_SRV_GLOBAL_H
+
+#include <stdint.h>
+#include <sys/select.h>
+
+/* ------------------------------------------------------------------------ */
+/* List container                                                            */
+/* ------------------------------------------------------------------------ */
+
+struct ListNode {
+    void *data;
+    ListNode *next;
+};
+
+struct List {
+    ListNode *head;
+    ListNode *tail;
+    uint32_t count;
+};
+
+void List_Init(List *pList);
+ListNode *List_AddTail(List *pList, void *pData);
+ListNode *List_GetHeadPos(List *pList);
+/* Returns the element at *ppPos and moves *ppPos to the next node. */
+void *List_GetNext(List *pList, ListNode **ppPos);
+int List_IsEmpty(List *pList);
+void *List_RemoveAt(List *pList, ListNode *pNode);
+void *List_RemoveHead(List *pList);
+void *List_Remove(List *pList, void *pData);
+/* Removes every node and frees every element with free(). */
+void List_RemoveAll(List *pList);
+
+/* ------------------------------------------------------------------------ */
+/* Fdops and the event loop                                                  */
+/* ------------------------------------------------------------------------ */
+
+struct FdBuf {
+    uint8_t *buf;
+    uint16_t len; /* capacity */
+    uint16_t idx; /* bytes held, from the start of buf */
+};
+
+struct Fdops;
+typedef void (*FdopsProc)(Fdops *pFdops);
+
+struct Fdops {
+    int fd;
+    FdBuf rbuf;
+    FdBuf wbuf;
+    FdopsProc readProc;
+    FdopsProc writeProc;
+    FdopsProc closeProc;
+    void *pFdInfo; /* its Client, its SocketInfo, or null */
+};
+
+/* Buffer sizes of the descriptors that the core creates. */
+enum {
+    LAPI_SRV_CLIENT_RBUF_SIZE = 1024,
+    LAPI_SRV_CLIENT_WBUF_SIZE = 1024,
+    LAPI_SRV_MUX_RBUF_SIZE = 1024,
+    LAPI_SRV_MUX_WBUF_SIZE = 1024,
+};
+
+/* Longest wait of the loop, in ticks of 1/100 s (one hour). */
+#define LAPI_SRV_MAX_TIMEOUT_TICKS 360000L
+
+extern List LAPI_SRV_readFdopsList;
+extern List LAPI_SRV_writeFdopsList;
+extern fd_set readFdSet;
+extern fd_set writeFdSet;
+extern int maxReadFd;
+extern int maxWriteFd;
+extern uint8_t readListChanged;
+extern uint8_t writeListChanged;
+extern Fdops *LAPI_SRV_pMuxFdops;
+extern uint8_t LAPI_SRV_muxConnected;
+
+int GetFdBuf(FdBuf *pFdBuf, int size);
+void FreeFdBuf(FdBuf *pFdBuf);
+Fdops *CreateFdops(int fd, int rbufSize, int wbufSize);
+void *FreeFdops(Fdops *pFdops);
+void LAPI_SRV_AddFdopsReadList(Fdops *pFdops);
+void LAPI_SRV_RemoveFdopsReadList(Fdops *pFdops);
+void LAPI_SRV_AddFdopsWriteList(Fdops *pFdops);
+void LAPI_SRV_RemoveFdopsWriteList(Fdops *pFdops);
+int LAPI_SRV_GetMaxFd(void);
+void LAPI_SRV_ClearReadListChanged(void);
+void LAPI_SRV_ClearWriteListChanged(void);
+uint8_t LAPI_SRV_IsReadListChanged(void);
+uint8_t LAPI_SRV_IsWriteListChanged(void);
+void *DestroyFdops(Fdops *pFdops);
+void LAPI_SRV_CloseFdops(Fdops *pFdops);
+void CloseFd(int fd);
+int SetFdBlocking(int fd, bool blocking);
+long LAPI_SRV_Times(void);
+
+/* Resets every list, descriptor set, flag and counter of the core, the
+ * client records and the socket table (start-up). */
+void LAPI_SRV_InitGlobals(void);
+
+/* ------------------------------------------------------------------------ */
+/* Buffered I/O, byte order and send queue                                   */
+/* ------------------------------------------------------------------------ */
+
+struct SendDataNode {
+    uint8_t *pData;
+    uint16_t length;
+    uint8_t sessionId;
+    uint8_t transactionId;
+};
+
+extern List LAPI_SRV_muxSendDataList;
+
+int LAPI_SRV_GeneralRead(Fdops *pFdops);
+int LAPI_SRV_GeneralWrite(Fdops *pFdops, const void *pBuf, int count);
+void LAPI_SRV_GeneralWriteProc(Fdops *pFdops);
+int LAPI_SRV_AddSendDataList(List *pList, const void *pData, int size, uint8_t sessionId,
+                             uint8_t transactionId);
+SendDataNode *GetQueueHead(List *pList);
+int LAPI_SRV_GetSendDataList(List *pList, uint8_t *pBuf, uint16_t *pLen, uint8_t *pSessionId,
+                             uint8_t *pTransactionId);
+void LAPI_SRV_ByteOrderNetToHost(void *pTo, const void *pFrom, int length);
+void LAPI_SRV_ByteOrderHostToNet(void *pTo, const void *pFrom, int length);
+int LAPI_BytesInSocket(int fd);
+
+/* ------------------------------------------------------------------------ */
+/* Clients and transactions                                                  */
+/* ------------------------------------------------------------------------ */
+
+/* Service bits of registerReq. */
+enum {
+    LAPI_SERVICE_MASK = 0x7,
+    LAPI_SERVICE_MTLR = 0x2,
+    LAPI_SERVICE_STATUS = 0x4,
+};
+
+struct Client {
+    uint32_t globalId;
+    uint32_t pid;
+    uint32_t service;
+    Fdops *pSyncFdops;
+    Fdops *pAsyncFdops;
+};
+
+struct Transaction {
+    uint8_t sid;
+    uint8_t tid;
+    uint8_t clientSid;
+    uint8_t clientTid;
+    uint16_t subCmdId;
+    uint32_t reqParam;
+    int32_t expireTime;
+    uint8_t isSync;
+    Client *pClient;
+};
+
+extern List LAPI_SRV_allClientList;
+extern List LAPI_SRV_statusClientList;
+extern List LAPI_SRV_mtlrClientList;
+extern List LAPI_SRV_tranList;
+extern uint8_t LAPI_SRV_tranListChanged; /* set on every add to / removal from the list */
+extern uint8_t LAPI_SRV_nextSid;         /* next BP session identifier, 2 at start */
+extern uint8_t LAPI_SRV_nextTid;         /* next BP transaction identifier, 1 at start */
+
+Client *LAPI_SRV_CreateClient(uint32_t pid, uint32_t service, Fdops *pFdops);
+void LAPI_SRV_RemoveClient(Client *pClient);
+void LAPI_SRV_RemoveAllTransByClient(Client *pClient);
+Client *LAPI_SRV_GetClientByGlobalId(uint32_t globalId);
+Transaction *LAPI_SRV_CreateTransaction(uint32_t clientSid, uint32_t clientTid, Client *pClient,
+                                        uint32_t isSync);
+int LAPI_SRV_AddTranList(Transaction *pTran);
+Transaction *LAPI_SRV_GetTranByBpId(uint32_t sid, uint32_t tid, uint32_t remove);
+Transaction *LAPI_SRV_GetTranByClientId(Client *pClient, uint32_t clientSid, uint32_t clientTid,
+                                        uint32_t remove);
+int LAPI_SRV_SendMsgToClient(Fdops *pFdops, const void *pBuf, int len);
+int LAPI_SRV_BroadcastMsgToClient(List *pList, const void *pBuf, int len);
+int LAPI_SRV_BroadcastMsgToStatusClient(const void *pBuf, int len);
+int LAPI_SRV_BroadcastMsgToMtlrClient(const void *pBuf, int len);
+
+#endif /* LAPI_SRV_GLOBAL_H */

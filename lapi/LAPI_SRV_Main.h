@@ -1,0 +1,24 @@
+/* Process start-up, shutdown, the listening socket and the event loop. */
+#ifndef LAPI_SRV_MAIN_H
+#define LAPI_SRV_MAIN_H
+
+#include <stdint.h>
+
+#include "LAPI_SRV_Global.h"
+
+/* Everything main does: never returns normally (the loop, or exit). */
+int LAPI_SRV_ServerMain(void);
+
+int LAPI_SRV_Init(void);
+int LAPI_SRV_TypeCheck(void);
+int LAPI_SRV_TestPackedStruct(uint8_t full);
+void LAPI_SRV_InitSignal(void);
+void LAPI_SRV_SigHandler(int sig);
+int LAPI_SRV_InitSrvSock(void);
+void LAPI_SRV_ListenSockReadProc(Fdops *pFdops);
+void LAPI_SRV_CloseAll(void);
+
+/* One turn of the event loop (the loop is this, for ever). */
+void LAPI_SRV_LoopOnce(void);
+
+#endif /* LAPI_SRV_MAIN_H */

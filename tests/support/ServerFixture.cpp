@@ -1,0 +1,1 @@
+/* Placeholder: the integration-test fixture lands with the server foundation. */
