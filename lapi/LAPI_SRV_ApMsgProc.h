@@ -15,6 +15,19 @@ void LAPI_SRV_SockReadProcAfterRegister(Fdops *pFdops);
 void LAPI_SRV_SockReadProcNull(Fdops *pFdops);
 void LAPI_SRV_ProcClientCrash(Fdops *pFdops);
 
+/* Request handlers of the dispatch table (msg starts with its MsgHeader). */
+int LAPI_SRV_ProcGetLocationMsg(uint8_t *pMsg, Fdops *pFdops);
+int LAPI_SRV_ProcAbortLocationMsg(uint8_t *pMsg, Fdops *pFdops);
+int LAPI_SRV_ProcAbortAllLocationMsg(uint8_t *pMsg, Fdops *pFdops);
+int LAPI_SRV_ProcLastKnownLocationMsg(uint8_t *pMsg, Fdops *pFdops);
+int LAPI_SRV_ProcGetGpsDbDataMsg(uint8_t *pMsg, Fdops *pFdops);
+int LAPI_SRV_ProcSetGpsDbDataMsg(uint8_t *pMsg, Fdops *pFdops);
+int LAPI_SRV_ProcGetStatusMsg(uint8_t *pMsg, Fdops *pFdops);
+int LAPI_SRV_ProcLocationNotificationCfmMsg(uint8_t *pMsg, Fdops *pFdops);
+int LAPI_SRV_ProcDistanceAzimuthMsg(uint8_t *pMsg, Fdops *pFdops);
+int LAPI_SRV_ProcAddProximityMsg(uint8_t *pMsg, Fdops *pFdops);
+int LAPI_SRV_ProcRemoveProximityMsg(uint8_t *pMsg, Fdops *pFdops);
+
 /* Sends an abort of the transaction's location request to the BP. */
 int LAPI_SRV_AbortLocationReq(Transaction *pTran, uint32_t isSync);
 

@@ -14,6 +14,21 @@ void LAPI_SRV_MuxFdReadProc(Fdops *pFdops);
 int LAPI_SRV_BpMsgParse(Fdops *pFdops);
 void LAPI_SRV_ProcessBpMsg(uint8_t *pMsg, uint16_t msgLen);
 
+/* Procedures for the messages the BP sends (msg starts with its BpMsgHeader,
+ * msgLen counts the message without the frame bytes). */
+void LAPI_SRV_ProcBpGetLocationRspMsg(uint8_t *pMsg, uint16_t msgLen);
+void LAPI_SRV_ProcBpAbortLocationRspMsg(uint8_t *pMsg, uint16_t msgLen);
+void LAPI_SRV_ProcBpSetGpsDbDataRspMsg(uint8_t *pMsg, uint16_t msgLen);
+void LAPI_SRV_ProcBpGetGpsDbDataRspMsg(uint8_t *pMsg, uint16_t msgLen);
+void LAPI_SRV_ProcBpStatusChangeIndMsg(uint8_t *pMsg, uint16_t msgLen);
+void LAPI_SRV_ProcBpGetStatusRspMsg(uint8_t *pMsg, uint16_t msgLen);
+void LAPI_SRV_ProcBpLocationNotificationIndMsg(uint8_t *pMsg, uint16_t msgLen);
+void LAPI_SRV_ProcBpNotificationStatusIndMsg(uint8_t *pMsg, uint16_t msgLen);
+void LAPI_SRV_ProcBpDistanceAzimuthRspMsg(uint8_t *pMsg, uint16_t msgLen);
+void LAPI_SRV_ProcBpAddProximityRspMsg(uint8_t *pMsg, uint16_t msgLen);
+void LAPI_SRV_ProcBpRemoveProximityRspMsg(uint8_t *pMsg, uint16_t msgLen);
+void LAPI_SRV_ProcBpProximityHitIndMsg(uint8_t *pMsg, uint16_t msgLen);
+
 /* Fill the 32-entry BP procedure table and the BP trace table. */
 void LAPI_SRV_InitBpMsgProc(void);
 void LAPI_SRV_InitBpMsgLogProc(void);
