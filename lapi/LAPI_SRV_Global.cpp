@@ -1,0 +1,1038 @@
+/*
+ * Server core: the list container, the watched descriptors and their lists,
+ * buffered non-blocking I/O, the send queues, byte order, and the records of
+ * clients and transactions.
+ *
+ * All state is plain data owned by the single thread of the select loop.
+ */
+#include "LAPI_SRV_Global.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/ioctl.h>
+#include <sys/times.h>
+#include <unistd.h>
+
+#include "LAPI_Log.h"
+#include "LAPI_SRV_ApMsgProc.h"
+#include "LAPI_SrvCli.h"
+
+/* Longest chunk a send queue accepts: a chunk is later copied whole into the
+ * write buffer of its descriptor, and the BP channel and the proxy sockets
+ * all have 1024-byte write buffers. */
+#define LAPI_SRV_MAX_QUEUE_CHUNK 1024
+
+static_assert(LAPI_SRV_MUX_WBUF_SIZE >= LAPI_SRV_MAX_QUEUE_CHUNK,
+              "a queued chunk must fit the BP channel's write buffer");
+
+/* Write buffers bigger than this are shrunk back once they drain below it. */
+#define LAPI_SRV_WBUF_SHRINK_SIZE 1024
+
+/* ------------------------------------------------------------------------ */
+/* Globals                                                                   */
+/* ------------------------------------------------------------------------ */
+
+List LAPI_SRV_readFdopsList;
+List LAPI_SRV_writeFdopsList;
+fd_set readFdSet;
+fd_set writeFdSet;
+int maxReadFd;
+int maxWriteFd;
+uint8_t readListChanged;
+uint8_t writeListChanged;
+Fdops *LAPI_SRV_pMuxFdops;
+uint8_t LAPI_SRV_muxConnected;
+
+List LAPI_SRV_muxSendDataList;
+
+List LAPI_SRV_allClientList;
+List LAPI_SRV_statusClientList;
+List LAPI_SRV_mtlrClientList;
+List LAPI_SRV_tranList;
+uint8_t LAPI_SRV_tranListChanged;
+uint8_t LAPI_SRV_nextSid = 2;
+uint8_t LAPI_SRV_nextTid = 1;
+
+/* ------------------------------------------------------------------------ */
+/* List container                                                            */
+/* ------------------------------------------------------------------------ */
+
+void List_Init(List *pList) {
+    pList->head = nullptr;
+    pList->tail = nullptr;
+    pList->count = 0;
+}
+
+ListNode *List_AddTail(List *pList, void *pData) {
+    ListNode *pNode = static_cast<ListNode *>(calloc(1, sizeof(ListNode)));
+    if (pNode == nullptr) {
+        return nullptr;
+    }
+    pNode->data = pData;
+    if (pList->tail != nullptr) {
+        pList->tail->next = pNode;
+        pList->tail = pNode;
+    } else {
+        pList->head = pNode;
+        pList->tail = pNode;
+    }
+    pList->count++;
+    return pNode;
+}
+
+ListNode *List_GetHeadPos(List *pList) {
+    return pList->head;
+}
+
+void *List_GetNext(List * /*pList*/, ListNode **ppPos) {
+    if (ppPos == nullptr || *ppPos == nullptr) {
+        return nullptr;
+    }
+    ListNode *pNode = *ppPos;
+    *ppPos = pNode->next;
+    return pNode->data;
+}
+
+int List_IsEmpty(List *pList) {
+    return pList->head == nullptr ? 1 : 0;
+}
+
+void *List_RemoveAt(List *pList, ListNode *pNode) {
+    if (pList->head == nullptr) {
+        return nullptr;
+    }
+    void *pData = nullptr;
+    if (pNode == pList->head) {
+        pList->head = pNode->next;
+        if (pList->head == nullptr) {
+            pList->tail = nullptr;
+        }
+        pData = pNode->data;
+        free(pNode);
+    } else {
+        ListNode *pPrev = pList->head;
+        while (pPrev->next != nullptr && pPrev->next != pNode) {
+            pPrev = pPrev->next;
+        }
+        if (pNode != nullptr && pPrev->next == pNode) {
+            pPrev->next = pNode->next;
+            if (pList->tail == pNode) {
+                pList->tail = pPrev;
+            }
+            pData = pNode->data;
+            free(pNode);
+        }
+    }
+    /* Also when the node was not found: the count only ever errs high. */
+    if (pList->count > 0) {
+        pList->count--;
+    }
+    return pData;
+}
+
+void *List_RemoveHead(List *pList) {
+    return List_RemoveAt(pList, pList->head);
+}
+
+void *List_Remove(List *pList, void *pData) {
+    void *pElem = nullptr;
+    ListNode *pPos = List_GetHeadPos(pList);
+    while (pPos != nullptr) {
+        ListNode *pCur = pPos;
+        pElem = List_GetNext(pList, &pPos);
+        if (pElem == pData) {
+            return List_RemoveAt(pList, pCur);
+        }
+    }
+    return pElem;
+}
+
+void List_RemoveAll(List *pList) {
+    while (!List_IsEmpty(pList)) {
+        free(List_RemoveHead(pList));
+    }
+}
+
+/* ------------------------------------------------------------------------ */
+/* Fdops                                                                     */
+/* ------------------------------------------------------------------------ */
+
+int GetFdBuf(FdBuf *pFdBuf, int size) {
+    if (pFdBuf == nullptr || size < 1) {
+        return -1;
+    }
+    if (size > UINT16_MAX) {
+        /* The capacity is a 16-bit count. */
+        LAPI_SRV_ERR("Buf size: %d > %d, refuse!", size, UINT16_MAX);
+        return -1;
+    }
+    uint8_t *pBuf = static_cast<uint8_t *>(malloc(static_cast<size_t>(size)));
+    if (pBuf == nullptr) {
+        LAPI_SRV_ERR("Can not get buf, No memory!");
+        return -1;
+    }
+    pFdBuf->buf = pBuf;
+    pFdBuf->len = static_cast<uint16_t>(size);
+    pFdBuf->idx = 0;
+    return 0;
+}
+
+void FreeFdBuf(FdBuf *pFdBuf) {
+    if (pFdBuf == nullptr) {
+        return;
+    }
+    free(pFdBuf->buf);
+    pFdBuf->buf = nullptr;
+    pFdBuf->len = 0;
+    pFdBuf->idx = 0;
+}
+
+Fdops *CreateFdops(int fd, int rbufSize, int wbufSize) {
+    if (fd < 0) {
+        return nullptr;
+    }
+    if (fd >= FD_SETSIZE) {
+        /* select() cannot watch it, and its bit would fall outside the sets. */
+        LAPI_SRV_ERR("fd: %d >= FD_SETSIZE: %d, refuse!", fd, FD_SETSIZE);
+        return nullptr;
+    }
+    Fdops *pFdops = static_cast<Fdops *>(malloc(sizeof(Fdops)));
+    if (pFdops == nullptr) {
+        LAPI_SRV_ERR("Can not get Fdops, No memory!");
+        return nullptr;
+    }
+    memset(pFdops, 0, sizeof(Fdops));
+    if (rbufSize > 0 && GetFdBuf(&pFdops->rbuf, rbufSize) != 0) {
+        LAPI_SRV_ERR("Can not get rbuf!");
+        free(pFdops);
+        return nullptr;
+    }
+    if (wbufSize > 0 && GetFdBuf(&pFdops->wbuf, wbufSize) != 0) {
+        LAPI_SRV_ERR("Can not get wbuf!");
+        FreeFdBuf(&pFdops->rbuf);
+        free(pFdops);
+        return nullptr;
+    }
+    pFdops->fd = fd;
+    return pFdops;
+}
+
+void *FreeFdops(Fdops *pFdops) {
+    if (pFdops == nullptr) {
+        return nullptr;
+    }
+    void *pFdInfo = pFdops->pFdInfo;
+    FreeFdBuf(&pFdops->rbuf);
+    FreeFdBuf(&pFdops->wbuf);
+    free(pFdops);
+    return pFdInfo;
+}
+
+static bool FdInSetRange(int fd) {
+    return fd >= 0 && fd < FD_SETSIZE;
+}
+
+/* Takes pFdops off pList if it is there; the bit is the caller's business. */
+static void RemoveFdopsFromList(List *pList, Fdops *pFdops) {
+    ListNode *pPos = List_GetHeadPos(pList);
+    while (pPos != nullptr) {
+        ListNode *pCur = pPos;
+        if (List_GetNext(pList, &pPos) == pFdops) {
+            List_RemoveAt(pList, pCur);
+            return;
+        }
+    }
+}
+
+void LAPI_SRV_AddFdopsReadList(Fdops *pFdops) {
+    if (pFdops == nullptr) {
+        return;
+    }
+    if (!FdInSetRange(pFdops->fd)) {
+        LAPI_SRV_ERR("Fail to AddFdopsReadList!");
+        return;
+    }
+    if (FD_ISSET(pFdops->fd, &readFdSet)) {
+        return;
+    }
+    if (List_AddTail(&LAPI_SRV_readFdopsList, pFdops) == nullptr) {
+        LAPI_SRV_ERR("Fail to AddFdopsReadList!");
+        return;
+    }
+    FD_SET(pFdops->fd, &readFdSet);
+    readListChanged = 1;
+    if (pFdops->fd > maxReadFd) {
+        maxReadFd = pFdops->fd;
+    }
+}
+
+void LAPI_SRV_RemoveFdopsReadList(Fdops *pFdops) {
+    if (pFdops == nullptr || !FdInSetRange(pFdops->fd) || !FD_ISSET(pFdops->fd, &readFdSet)) {
+        return;
+    }
+    FD_CLR(pFdops->fd, &readFdSet);
+    /* One step down only: select() tolerates a maximum above the truth. */
+    if (pFdops->fd == maxReadFd) {
+        maxReadFd--;
+    }
+    RemoveFdopsFromList(&LAPI_SRV_readFdopsList, pFdops);
+    readListChanged = 1;
+}
+
+void LAPI_SRV_AddFdopsWriteList(Fdops *pFdops) {
+    if (pFdops == nullptr) {
+        return;
+    }
+    if (!FdInSetRange(pFdops->fd)) {
+        LAPI_SRV_ERR("Fail to AddFdopsWriteList!");
+        return;
+    }
+    if (FD_ISSET(pFdops->fd, &writeFdSet)) {
+        return;
+    }
+    if (List_AddTail(&LAPI_SRV_writeFdopsList, pFdops) == nullptr) {
+        LAPI_SRV_ERR("Fail to AddFdopsWriteList!");
+        return;
+    }
+    FD_SET(pFdops->fd, &writeFdSet);
+    writeListChanged = 1;
+    if (pFdops->fd > maxWriteFd) {
+        maxWriteFd = pFdops->fd;
+    }
+}
+
+void LAPI_SRV_RemoveFdopsWriteList(Fdops *pFdops) {
+    if (pFdops == nullptr || !FdInSetRange(pFdops->fd) || !FD_ISSET(pFdops->fd, &writeFdSet)) {
+        return;
+    }
+    FD_CLR(pFdops->fd, &writeFdSet);
+    if (pFdops->fd == maxWriteFd) {
+        maxWriteFd--;
+    }
+    RemoveFdopsFromList(&LAPI_SRV_writeFdopsList, pFdops);
+    writeListChanged = 1;
+}
+
+int LAPI_SRV_GetMaxFd(void) {
+    return maxReadFd > maxWriteFd ? maxReadFd : maxWriteFd;
+}
+
+void LAPI_SRV_ClearReadListChanged(void) {
+    readListChanged = 0;
+}
+
+void LAPI_SRV_ClearWriteListChanged(void) {
+    writeListChanged = 0;
+}
+
+uint8_t LAPI_SRV_IsReadListChanged(void) {
+    return readListChanged;
+}
+
+uint8_t LAPI_SRV_IsWriteListChanged(void) {
+    return writeListChanged;
+}
+
+void *DestroyFdops(Fdops *pFdops) {
+    if (pFdops == nullptr) {
+        return nullptr;
+    }
+    LAPI_SRV_RemoveFdopsReadList(pFdops);
+    LAPI_SRV_RemoveFdopsWriteList(pFdops);
+    CloseFd(pFdops->fd);
+    return FreeFdops(pFdops);
+}
+
+void LAPI_SRV_CloseFdops(Fdops *pFdops) {
+    if (pFdops == nullptr) {
+        return;
+    }
+    if (pFdops == LAPI_SRV_pMuxFdops) {
+        LAPI_SRV_pMuxFdops = nullptr;
+        LAPI_SRV_ERR("Close LAPI_SRV_pMuxFdops, disconnection with BP!");
+    }
+    if (pFdops->pFdInfo != nullptr) {
+        /* A registered connection: the client owns and destroys it. */
+        LAPI_SRV_RemoveClient(static_cast<Client *>(pFdops->pFdInfo));
+    } else {
+        DestroyFdops(pFdops);
+    }
+}
+
+void CloseFd(int fd) {
+    if (fd < 0) {
+        return;
+    }
+    while (close(fd) < 0 && (errno == EINTR || errno == EAGAIN)) {
+    }
+}
+
+int SetFdBlocking(int fd, bool blocking) {
+    int flags = fcntl(fd, F_GETFL);
+    if (flags < 0) {
+        return flags;
+    }
+    if (blocking) {
+        flags &= ~O_NONBLOCK;
+    } else {
+        flags |= O_NONBLOCK;
+    }
+    return fcntl(fd, F_SETFL, flags);
+}
+
+long LAPI_SRV_Times(void) {
+    struct tms tmsBuf;
+    long now = -1;
+    for (int tries = 0; tries < 3; ++tries) {
+        now = static_cast<long>(times(&tmsBuf));
+        if (now >= 0) {
+            return now;
+        }
+    }
+    LAPI_SRV_ERR("Fail to get curTime, errno is: %d, %s", errno, strerror(errno));
+    return now;
+}
+
+void LAPI_SRV_InitGlobals(void) {
+    FD_ZERO(&readFdSet);
+    FD_ZERO(&writeFdSet);
+    maxReadFd = 0;
+    maxWriteFd = 0;
+    readListChanged = 0;
+    writeListChanged = 0;
+    List_Init(&LAPI_SRV_readFdopsList);
+    List_Init(&LAPI_SRV_writeFdopsList);
+    List_Init(&LAPI_SRV_muxSendDataList);
+    List_Init(&LAPI_SRV_allClientList);
+    List_Init(&LAPI_SRV_statusClientList);
+    List_Init(&LAPI_SRV_mtlrClientList);
+    List_Init(&LAPI_SRV_tranList);
+    LAPI_SRV_tranListChanged = 0;
+    LAPI_SRV_nextSid = 2;
+    LAPI_SRV_nextTid = 1;
+    LAPI_SRV_pMuxFdops = nullptr;
+    LAPI_SRV_muxConnected = 0;
+    /* The network socket table is zeroed here once the proxy has one. */
+}
+
+/* ------------------------------------------------------------------------ */
+/* Buffered I/O                                                              */
+/* ------------------------------------------------------------------------ */
+
+static Client *FdopsClient(const Fdops *pFdops) {
+    return static_cast<Client *>(pFdops->pFdInfo);
+}
+
+/*
+ * Writes as much of pBuf as the descriptor takes now. Returns the number of
+ * bytes written (stopping at EAGAIN or a zero write), or -1 with errno kept
+ * on any other failure. EINTR simply writes again.
+ */
+static int WriteNonBlocking(int fd, const uint8_t *pBuf, int count) {
+    int done = 0;
+    while (done < count) {
+        ssize_t n = write(fd, pBuf + done, static_cast<size_t>(count - done));
+        if (n > 0) {
+            done += static_cast<int>(n);
+        } else if (n == 0 || errno == EAGAIN || errno == EWOULDBLOCK) {
+            break;
+        } else if (errno == EINTR) {
+            continue;
+        } else {
+            return -1;
+        }
+    }
+    return done;
+}
+
+int LAPI_SRV_GeneralRead(Fdops *pFdops) {
+    LAPI_SRV_TRACE("Enter LAPI_SRV_GeneralRead");
+    if (pFdops == nullptr || (pFdops->rbuf.buf == nullptr && pFdops->rbuf.len > 0)) {
+        LAPI_SRV_ERR("Invalid pFdops!");
+        return -1;
+    }
+    int room = static_cast<int>(pFdops->rbuf.len) - static_cast<int>(pFdops->rbuf.idx);
+    for (;;) {
+        if (room < 1) {
+            return 0;
+        }
+        ssize_t n =
+            read(pFdops->fd, pFdops->rbuf.buf + pFdops->rbuf.idx, static_cast<size_t>(room));
+        if (n > 0) {
+            pFdops->rbuf.idx = static_cast<uint16_t>(pFdops->rbuf.idx + n);
+            room -= static_cast<int>(n);
+        } else if (n == 0) {
+            LAPI_SRV_ERR("Read 0 byte!");
+            Client *pClient = FdopsClient(pFdops);
+            if (pClient != nullptr) {
+                LAPI_SRV_ERR("Socket disconnection, globalId: %d, pid: %d!",
+                             static_cast<int>(pClient->globalId), static_cast<int>(pClient->pid));
+            }
+            LAPI_SRV_RemoveFdopsReadList(pFdops);
+            return -1;
+        } else if (errno == EINTR) {
+            LAPI_SRV_TRACE("errno == EINTR");
+        } else if (errno == EAGAIN || errno == EWOULDBLOCK) {
+            LAPI_SRV_TRACE("errno == EAGAIN");
+            return 0;
+        } else {
+            int err = errno;
+            LAPI_SRV_ERR("Fail to read, errno is: %d, %s", err, strerror(err));
+            Client *pClient = FdopsClient(pFdops);
+            if (pClient != nullptr) {
+                LAPI_SRV_ERR("Socket disconnection, globalId: %d, pid: %d!",
+                             static_cast<int>(pClient->globalId), static_cast<int>(pClient->pid));
+            }
+            return -1;
+        }
+    }
+}
+
+int LAPI_SRV_GeneralWrite(Fdops *pFdops, const void *pBuf, int count) {
+    if (pFdops == nullptr || pFdops->wbuf.buf == nullptr || pFdops->wbuf.len == 0) {
+        LAPI_SRV_ERR("Invalid pFdops!");
+        return -1;
+    }
+    if (pBuf == nullptr || count <= 0) {
+        LAPI_SRV_ERR("(buf == NULL) || (count <= 0)!");
+        return -1;
+    }
+    Client *pClient = FdopsClient(pFdops);
+    if (pClient != nullptr) {
+        LAPI_LogApMsg(pBuf, count, 1);
+    }
+    FdBuf *pW = &pFdops->wbuf;
+    const uint8_t *pBytes = static_cast<const uint8_t *>(pBuf);
+
+    if (pW->idx == 0) {
+        if (count > pW->len) {
+            /* Dropped on purpose: the caller sees success. */
+            LAPI_SRV_ERR("Msg size: %d > buf size: %d, discard!", count, pW->len);
+            return 0;
+        }
+        int written = WriteNonBlocking(pFdops->fd, pBytes, count);
+        if (written < 0) {
+            int err = errno;
+            LAPI_SRV_ERR("Fail to write, errno is: %d, %s", err, strerror(err));
+            if (pClient != nullptr) {
+                LAPI_SRV_ERR("Socket disconnection, globalId: %d, pid: %d!",
+                             static_cast<int>(pClient->globalId), static_cast<int>(pClient->pid));
+            }
+            return -1;
+        }
+        if (written < count) {
+            memcpy(pW->buf, pBytes + written, static_cast<size_t>(count - written));
+            pW->idx = static_cast<uint16_t>(count - written);
+            LAPI_SRV_AddFdopsWriteList(pFdops);
+        }
+        if (pW->len > LAPI_SRV_WBUF_SHRINK_SIZE && pW->idx < LAPI_SRV_WBUF_SHRINK_SIZE) {
+            uint8_t *pSmall = static_cast<uint8_t *>(realloc(pW->buf, LAPI_SRV_WBUF_SHRINK_SIZE));
+            if (pSmall == nullptr) {
+                /* The block is given up: later writes report "Invalid pFdops!". */
+                LAPI_SRV_ERR("realloc fail!");
+                free(pW->buf);
+            }
+            pW->buf = pSmall;
+            pW->len = LAPI_SRV_WBUF_SHRINK_SIZE;
+        }
+        return 0;
+    }
+
+    if (pFdops == LAPI_SRV_pMuxFdops &&
+        LAPI_SRV_AddSendDataList(&LAPI_SRV_muxSendDataList, pBuf, count, 0, 0) == 0) {
+        return 0;
+    }
+    if (pW->idx <= pW->len && count <= pW->len - pW->idx) {
+        memcpy(pW->buf + pW->idx, pBytes, static_cast<size_t>(count));
+        pW->idx = static_cast<uint16_t>(pW->idx + count);
+        return 0;
+    }
+    LAPI_SRV_ERR("Too many messages to pid: %d, discard!",
+                 pClient != nullptr ? static_cast<int>(pClient->pid) : 0);
+    return 0;
+}
+
+void LAPI_SRV_GeneralWriteProc(Fdops *pFdops) {
+    if (pFdops == nullptr) {
+        LAPI_SRV_ERR("pFdops == NULL!");
+        return;
+    }
+    FdBuf *pW = &pFdops->wbuf;
+    if (pW->buf == nullptr || pW->idx > pW->len) {
+        LAPI_SRV_ERR("Invalid pFdops!");
+        if (pFdops->closeProc != nullptr) {
+            pFdops->closeProc(pFdops);
+        }
+        return;
+    }
+    int pending = pW->idx;
+    int written = WriteNonBlocking(pFdops->fd, pW->buf, pending);
+    if (written < 0) {
+        int err = errno;
+        LAPI_SRV_ERR("Fail to write, errno is: %d, %s", err, strerror(err));
+        Client *pClient = FdopsClient(pFdops);
+        if (pClient != nullptr) {
+            LAPI_SRV_ERR("Socket disconnection, globalId: %d, pid: %d!",
+                         static_cast<int>(pClient->globalId), static_cast<int>(pClient->pid));
+        }
+        if (pFdops->closeProc != nullptr) {
+            pFdops->closeProc(pFdops);
+        }
+        return;
+    }
+    if (written == pending) {
+        pW->idx = 0;
+        if (pFdops != LAPI_SRV_pMuxFdops) {
+            LAPI_SRV_RemoveFdopsWriteList(pFdops);
+            return;
+        }
+        uint16_t len = 0;
+        if (LAPI_SRV_GetSendDataList(&LAPI_SRV_muxSendDataList, pW->buf, &len, nullptr, nullptr) >
+            0) {
+            pW->idx = len;
+        } else {
+            LAPI_SRV_RemoveFdopsWriteList(pFdops);
+        }
+        return;
+    }
+    if (written > 0) {
+        memmove(pW->buf, pW->buf + written, static_cast<size_t>(pending - written));
+    }
+    pW->idx = static_cast<uint16_t>(pending - written);
+}
+
+/* ------------------------------------------------------------------------ */
+/* Send queue                                                                */
+/* ------------------------------------------------------------------------ */
+
+int LAPI_SRV_AddSendDataList(List *pList, const void *pData, int size, uint8_t sessionId,
+                             uint8_t transactionId) {
+    LAPI_SRV_TRACE("Enter LAPI_SRV_AddSendDataList list:%p", static_cast<void *>(pList));
+    LAPI_SRV_TRACE("pData:%p, length:%d", pData, size);
+    if (pList == nullptr || size < 0 || size > LAPI_SRV_MAX_QUEUE_CHUNK ||
+        (pData == nullptr && size > 0)) {
+        /* A chunk is later copied whole into a write buffer of this size. */
+        LAPI_SRV_ERR("Queue data size: %d out of 0..%d, refuse!", size, LAPI_SRV_MAX_QUEUE_CHUNK);
+        return -1;
+    }
+    SendDataNode *pNode = static_cast<SendDataNode *>(malloc(sizeof(SendDataNode)));
+    if (pNode == nullptr) {
+        LAPI_SRV_ERR("Failed to malloc memory for queue data1");
+        return -1;
+    }
+    /* At least one byte, so an empty chunk still has a block to free. */
+    pNode->pData = static_cast<uint8_t *>(malloc(size > 0 ? static_cast<size_t>(size) : 1));
+    if (pNode->pData == nullptr) {
+        LAPI_SRV_ERR("Failed to malloc memory for queue data2");
+        free(pNode);
+        return -1;
+    }
+    if (size > 0) {
+        memcpy(pNode->pData, pData, static_cast<size_t>(size));
+    }
+    pNode->length = static_cast<uint16_t>(size);
+    pNode->sessionId = sessionId;
+    pNode->transactionId = transactionId;
+    if (List_AddTail(pList, pNode) == nullptr) {
+        LAPI_SRV_ERR("List_AddTail Fail");
+        free(pNode->pData);
+        free(pNode);
+        return -1;
+    }
+    return 0;
+}
+
+SendDataNode *GetQueueHead(List *pList) {
+    LAPI_SRV_TRACE("ENTER GETQUEUEHEAD");
+    if (pList == nullptr || List_IsEmpty(pList)) {
+        return nullptr;
+    }
+    ListNode *pPos = List_GetHeadPos(pList);
+    LAPI_SRV_TRACE("AFTER LIST_GETHEADPOS");
+    SendDataNode *pNode = static_cast<SendDataNode *>(List_GetNext(pList, &pPos));
+    LAPI_SRV_TRACE("AFTER LIST_GETNEXT");
+    List_RemoveHead(pList);
+    LAPI_SRV_TRACE("AFTER LIST_REMOVEHEAD");
+    return pNode;
+}
+
+int LAPI_SRV_GetSendDataList(List *pList, uint8_t *pBuf, uint16_t *pLen, uint8_t *pSessionId,
+                             uint8_t *pTransactionId) {
+    LAPI_SRV_TRACE("Enter LAPI_SRV_GetSendDataList list:%p", static_cast<void *>(pList));
+    LAPI_SRV_TRACE("buf:%p, len:%p", static_cast<void *>(pBuf), static_cast<void *>(pLen));
+    if (pBuf == nullptr || pLen == nullptr) {
+        LAPI_SRV_ERR("buf or len is NULL");
+        return 0;
+    }
+    *pLen = 0;
+    for (;;) {
+        SendDataNode *pNode = GetQueueHead(pList);
+        if (pNode == nullptr) {
+            return 0;
+        }
+        if (pNode->pData == nullptr || pNode->length == 0) {
+            LAPI_SRV_ERR("pNode pdata is NULL or length:%d <=0", pNode->length);
+            free(pNode->pData);
+            free(pNode);
+            continue;
+        }
+        LAPI_SRV_TRACE("pNode length:%d", pNode->length);
+        memcpy(pBuf, pNode->pData, pNode->length);
+        *pLen = pNode->length;
+        if (pSessionId != nullptr) {
+            *pSessionId = pNode->sessionId;
+        }
+        if (pTransactionId != nullptr) {
+            *pTransactionId = pNode->transactionId;
+        }
+        int len = pNode->length;
+        free(pNode->pData);
+        free(pNode);
+        return len;
+    }
+}
+
+/* ------------------------------------------------------------------------ */
+/* Byte order                                                                */
+/* ------------------------------------------------------------------------ */
+
+static void ReverseCopy(void *pTo, const void *pFrom, int length) {
+    uint8_t *pDst = static_cast<uint8_t *>(pTo);
+    const uint8_t *pSrc = static_cast<const uint8_t *>(pFrom);
+    for (int i = 0; i < length; ++i) {
+        pDst[i] = pSrc[length - 1 - i];
+    }
+}
+
+void LAPI_SRV_ByteOrderNetToHost(void *pTo, const void *pFrom, int length) {
+    if (pTo == nullptr || pFrom == nullptr || length < 0) {
+        LAPI_SRV_ERR("(pTo == NULL) || (pFrom == NULL) || (length < 0)!");
+        return;
+    }
+    ReverseCopy(pTo, pFrom, length);
+}
+
+void LAPI_SRV_ByteOrderHostToNet(void *pTo, const void *pFrom, int length) {
+    if (pTo == nullptr || pFrom == nullptr || length < 0) {
+        LAPI_SRV_ERR("(pTo == NULL) || (pFrom == NULL) || (length < 0)!");
+        return;
+    }
+    ReverseCopy(pTo, pFrom, length);
+}
+
+int LAPI_BytesInSocket(int fd) {
+    int nbytes = 0;
+    if (ioctl(fd, FIONREAD, &nbytes) < 0) {
+        nbytes = -1;
+    }
+    LAPI_SRV_TRACE("nbytes:%d\n", nbytes);
+    return nbytes;
+}
+
+/* ------------------------------------------------------------------------ */
+/* Clients                                                                   */
+/* ------------------------------------------------------------------------ */
+
+Client *LAPI_SRV_GetClientByGlobalId(uint32_t globalId) {
+    ListNode *pPos = List_GetHeadPos(&LAPI_SRV_allClientList);
+    while (pPos != nullptr) {
+        Client *pClient = static_cast<Client *>(List_GetNext(&LAPI_SRV_allClientList, &pPos));
+        if (pClient != nullptr && pClient->globalId == globalId) {
+            return pClient;
+        }
+    }
+    return nullptr;
+}
+
+/* The generator is never seeded, so identifiers follow its default
+ * sequence from one start to the next. */
+static uint32_t NewGlobalId(void) {
+    uint32_t globalId;
+    do {
+        globalId = static_cast<uint32_t>(rand());
+    } while (LAPI_SRV_GetClientByGlobalId(globalId) != nullptr);
+    return globalId;
+}
+
+Client *LAPI_SRV_CreateClient(uint32_t pid, uint32_t service, Fdops *pFdops) {
+    if (pFdops == nullptr) {
+        return nullptr;
+    }
+    Client *pClient = static_cast<Client *>(malloc(sizeof(Client)));
+    if (pClient == nullptr) {
+        LAPI_SRV_ERR("Can not get Client, No memory!");
+        return nullptr;
+    }
+    pClient->globalId = NewGlobalId();
+    pClient->pid = pid;
+    pClient->service = service;
+    pClient->pSyncFdops = pFdops;
+    pClient->pAsyncFdops = nullptr;
+
+    if (List_AddTail(&LAPI_SRV_allClientList, pClient) == nullptr) {
+        LAPI_SRV_ERR("Fail to add pClient into LAPI_SRV_allClientList!");
+        free(pClient);
+        return nullptr;
+    }
+    if ((service & LAPI_SERVICE_STATUS) != 0 &&
+        List_AddTail(&LAPI_SRV_statusClientList, pClient) == nullptr) {
+        LAPI_SRV_ERR("Fail to add pClient into LAPI_SRV_statusClientList!");
+        List_Remove(&LAPI_SRV_allClientList, pClient);
+        free(pClient);
+        return nullptr;
+    }
+    if ((service & LAPI_SERVICE_MTLR) != 0 &&
+        List_AddTail(&LAPI_SRV_mtlrClientList, pClient) == nullptr) {
+        LAPI_SRV_ERR("Fail to add pClient into LAPI_SRV_mtlrClientList!");
+        List_Remove(&LAPI_SRV_statusClientList, pClient);
+        List_Remove(&LAPI_SRV_allClientList, pClient);
+        free(pClient);
+        return nullptr;
+    }
+    pFdops->pFdInfo = pClient;
+    return pClient;
+}
+
+/* Takes pClient off pList if it is there (List_Remove would touch the count
+ * of a list that does not hold it). */
+static void RemoveClientFromList(List *pList, Client *pClient) {
+    ListNode *pPos = List_GetHeadPos(pList);
+    while (pPos != nullptr) {
+        ListNode *pCur = pPos;
+        if (List_GetNext(pList, &pPos) == pClient) {
+            List_RemoveAt(pList, pCur);
+            return;
+        }
+    }
+}
+
+void LAPI_SRV_RemoveClient(Client *pClient) {
+    if (pClient == nullptr) {
+        return;
+    }
+    LAPI_SRV_TRACE("remove client, pid = %d", static_cast<int>(pClient->pid));
+    LAPI_SRV_RemoveAllTransByClient(pClient);
+    RemoveClientFromList(&LAPI_SRV_allClientList, pClient);
+    RemoveClientFromList(&LAPI_SRV_statusClientList, pClient);
+    RemoveClientFromList(&LAPI_SRV_mtlrClientList, pClient);
+
+    Fdops *pSync = pClient->pSyncFdops;
+    Fdops *pAsync = pClient->pAsyncFdops;
+    pClient->pSyncFdops = nullptr;
+    pClient->pAsyncFdops = nullptr;
+    if (pSync != nullptr) {
+        DestroyFdops(pSync);
+    }
+    if (pAsync != nullptr && pAsync != pSync) {
+        DestroyFdops(pAsync);
+    }
+    free(pClient);
+}
+
+void LAPI_SRV_RemoveAllTransByClient(Client *pClient) {
+    if (pClient == nullptr) {
+        return;
+    }
+    /* The abort sent to the BP may touch the list, so every removal starts
+     * the walk again from the head. */
+    bool restart = true;
+    while (restart) {
+        restart = false;
+        ListNode *pPos = List_GetHeadPos(&LAPI_SRV_tranList);
+        while (pPos != nullptr) {
+            Transaction *pTran =
+                static_cast<Transaction *>(List_GetNext(&LAPI_SRV_tranList, &pPos));
+            if (pTran == nullptr || pTran->pClient != pClient) {
+                continue;
+            }
+            if (pTran->subCmdId == 0x00 || pTran->subCmdId == 0x16) {
+                LAPI_SRV_TRACE(
+                    "client[pid=%d] forgot to abort location or                     it crash and "
+                    "leave an active location",
+                    static_cast<int>(pClient->pid));
+                LAPI_SRV_AbortLocationReq(pTran, 0);
+            }
+            List_Remove(&LAPI_SRV_tranList, pTran);
+            LAPI_SRV_tranListChanged = 1;
+            free(pTran);
+            restart = true;
+            break;
+        }
+    }
+}
+
+/* ------------------------------------------------------------------------ */
+/* Transactions                                                              */
+/* ------------------------------------------------------------------------ */
+
+static void AdvanceBpPair(void) {
+    LAPI_SRV_nextTid++;
+    if (LAPI_SRV_nextTid == 0) {
+        LAPI_SRV_nextTid = 1;
+        LAPI_SRV_nextSid++;
+        if (LAPI_SRV_nextSid == 0) {
+            LAPI_SRV_nextSid = 2;
+        }
+    }
+}
+
+/* Pairs in use, one bit per (sid, tid), built from the list in one pass. */
+struct BpPairMap {
+    uint8_t bits[256 * 256 / 8];
+};
+
+static void MarkBpPairsInUse(BpPairMap *pMap) {
+    memset(pMap->bits, 0, sizeof(pMap->bits));
+    ListNode *pPos = List_GetHeadPos(&LAPI_SRV_tranList);
+    while (pPos != nullptr) {
+        Transaction *pTran = static_cast<Transaction *>(List_GetNext(&LAPI_SRV_tranList, &pPos));
+        if (pTran != nullptr) {
+            unsigned bit = (static_cast<unsigned>(pTran->sid) << 8) | pTran->tid;
+            pMap->bits[bit >> 3] = static_cast<uint8_t>(pMap->bits[bit >> 3] | (1u << (bit & 7)));
+        }
+    }
+}
+
+static bool BpPairInUse(const BpPairMap *pMap, uint8_t sid, uint8_t tid) {
+    unsigned bit = (static_cast<unsigned>(sid) << 8) | tid;
+    return (pMap->bits[bit >> 3] & (1u << (bit & 7))) != 0;
+}
+
+/* Number of distinct pairs: sid 2..255, tid 1..255. */
+#define LAPI_SRV_BP_PAIR_COUNT (254 * 255)
+
+Transaction *LAPI_SRV_CreateTransaction(uint32_t clientSid, uint32_t clientTid, Client *pClient,
+                                        uint32_t isSync) {
+    if (pClient == nullptr) {
+        return nullptr;
+    }
+    Transaction *pTran = static_cast<Transaction *>(malloc(sizeof(Transaction)));
+    if (pTran == nullptr) {
+        LAPI_SRV_ERR("Can not get Transaction, No memory!");
+        return nullptr;
+    }
+    memset(pTran, 0, sizeof(Transaction));
+    if (LAPI_SRV_AddTranList(pTran) != 0) {
+        LAPI_SRV_ERR("Fail to add pTran into LAPI_SRV_tranList!");
+        free(pTran);
+        return nullptr;
+    }
+    /* The new record is still zero, and (0, 0) is never handed out. */
+    BpPairMap used;
+    MarkBpPairsInUse(&used);
+    /* Every pair taken: refuse rather than search for ever. */
+    int tries = 0;
+    while (BpPairInUse(&used, LAPI_SRV_nextSid, LAPI_SRV_nextTid)) {
+        if (++tries >= LAPI_SRV_BP_PAIR_COUNT) {
+            LAPI_SRV_ERR("No free BP sid/tid pair, %d transactions!",
+                         static_cast<int>(LAPI_SRV_tranList.count));
+            List_Remove(&LAPI_SRV_tranList, pTran);
+            LAPI_SRV_tranListChanged = 1;
+            free(pTran);
+            return nullptr;
+        }
+        AdvanceBpPair();
+    }
+    pTran->sid = LAPI_SRV_nextSid;
+    pTran->tid = LAPI_SRV_nextTid;
+    AdvanceBpPair();
+    pTran->clientSid = static_cast<uint8_t>(clientSid);
+    pTran->clientTid = static_cast<uint8_t>(clientTid);
+    pTran->pClient = pClient;
+    pTran->isSync = static_cast<uint8_t>(isSync);
+    return pTran;
+}
+
+int LAPI_SRV_AddTranList(Transaction *pTran) {
+    if (pTran == nullptr) {
+        return -1;
+    }
+    if (List_AddTail(&LAPI_SRV_tranList, pTran) == nullptr) {
+        return -1;
+    }
+    LAPI_SRV_tranListChanged = 1;
+    return 0;
+}
+
+Transaction *LAPI_SRV_GetTranByBpId(uint32_t sid, uint32_t tid, uint32_t remove) {
+    ListNode *pPos = List_GetHeadPos(&LAPI_SRV_tranList);
+    while (pPos != nullptr) {
+        ListNode *pCur = pPos;
+        Transaction *pTran = static_cast<Transaction *>(List_GetNext(&LAPI_SRV_tranList, &pPos));
+        if (pTran != nullptr && pTran->sid == static_cast<uint8_t>(sid) &&
+            pTran->tid == static_cast<uint8_t>(tid)) {
+            if (static_cast<uint8_t>(remove) != 0) {
+                List_RemoveAt(&LAPI_SRV_tranList, pCur);
+                LAPI_SRV_tranListChanged = 1;
+            }
+            return pTran;
+        }
+    }
+    return nullptr;
+}
+
+Transaction *LAPI_SRV_GetTranByClientId(Client *pClient, uint32_t clientSid, uint32_t clientTid,
+                                        uint32_t remove) {
+    ListNode *pPos = List_GetHeadPos(&LAPI_SRV_tranList);
+    while (pPos != nullptr) {
+        ListNode *pCur = pPos;
+        Transaction *pTran = static_cast<Transaction *>(List_GetNext(&LAPI_SRV_tranList, &pPos));
+        if (pTran != nullptr && pTran->pClient == pClient &&
+            pTran->clientSid == static_cast<uint8_t>(clientSid) &&
+            pTran->clientTid == static_cast<uint8_t>(clientTid)) {
+            if (static_cast<uint8_t>(remove) != 0) {
+                List_RemoveAt(&LAPI_SRV_tranList, pCur);
+                LAPI_SRV_tranListChanged = 1;
+            }
+            return pTran;
+        }
+    }
+    return nullptr;
+}
+
+/* ------------------------------------------------------------------------ */
+/* Writing to clients                                                        */
+/* ------------------------------------------------------------------------ */
+
+int LAPI_SRV_SendMsgToClient(Fdops *pFdops, const void *pBuf, int len) {
+    if (pFdops == nullptr || pFdops->pFdInfo == nullptr) {
+        return -1;
+    }
+    if (LAPI_SRV_GeneralWrite(pFdops, pBuf, len) == 0) {
+        return 0;
+    }
+    LAPI_SRV_ERR("Fail to send msg to client, pid is :%d!",
+                 static_cast<int>(FdopsClient(pFdops)->pid));
+    if (pFdops->closeProc != nullptr) {
+        pFdops->closeProc(pFdops);
+    }
+    return -1;
+}
+
+int LAPI_SRV_BroadcastMsgToClient(List *pList, const void *pBuf, int len) {
+    if (pList == nullptr) {
+        LAPI_SRV_ERR("pList == NULL!");
+        return -1;
+    }
+    int result = 0;
+    /* A failed send removes that client (and its node) through closeProc;
+     * the position has already moved past it. */
+    ListNode *pPos = List_GetHeadPos(pList);
+    while (pPos != nullptr) {
+        Client *pClient = static_cast<Client *>(List_GetNext(pList, &pPos));
+        if (pClient == nullptr || LAPI_SRV_SendMsgToClient(pClient->pAsyncFdops, pBuf, len) != 0) {
+            result = -1;
+        }
+    }
+    return result;
+}
+
+int LAPI_SRV_BroadcastMsgToStatusClient(const void *pBuf, int len) {
+    return LAPI_SRV_BroadcastMsgToClient(&LAPI_SRV_statusClientList, pBuf, len);
+}
+
+int LAPI_SRV_BroadcastMsgToMtlrClient(const void *pBuf, int len) {
+    return LAPI_SRV_BroadcastMsgToClient(&LAPI_SRV_mtlrClientList, pBuf, len);
+}
