@@ -3,6 +3,7 @@
 #define LAPI_SRV_MAIN_H
 
 #include <stdint.h>
+#include <sys/time.h>
 
 #include "LAPI_SRV_Global.h"
 
@@ -20,5 +21,13 @@ void LAPI_SRV_CloseAll(void);
 
 /* One turn of the event loop (the loop is this, for ever). */
 void LAPI_SRV_LoopOnce(void);
+
+/* For the tests; the server never sets the hook. When set, it is called
+ * with each pattern byte before LAPI_SRV_TestPackedStruct uses it. */
+extern void (*LAPI_SRV_packedTestHook)(uint8_t pattern);
+/* What the last turn passed to select: nfds and the time-out that the
+ * transaction scan left. */
+extern int LAPI_SRV_loopNfds;
+extern struct timeval LAPI_SRV_loopTimeout;
 
 #endif /* LAPI_SRV_MAIN_H */

@@ -1,4 +1,7 @@
-/* The handset daemon: no options, no environment, the fixed paths. */
+/* The handset daemon: no options, no environment, the fixed paths. Its
+ * arguments are ignored. */
 #include "LAPI_SRV_Main.h"
 
-int main(void) { return LAPI_SRV_ServerMain(); }
+int main(void) {
+    return LAPI_SRV_ServerMain();
+}

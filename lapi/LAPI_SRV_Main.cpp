@@ -1,0 +1,617 @@
+/*
+ * The server's main: start-up, the self-tests, the listening socket, the
+ * signal handler with its orderly shutdown, and the select loop.
+ *
+ * Every watched descriptor is an Fdops on the read list and, while it has
+ * output pending, on the write list. One turn of the loop runs the
+ * transaction scan (which also yields the time-out), waits in select and
+ * calls the procedures of the ready descriptors. Procedures may add or
+ * remove any Fdops, their own included: the loop then starts the pass again
+ * from the head, and descriptors already served this turn are skipped
+ * because they were cleared from the local sets.
+ */
+#include "LAPI_SRV_Main.h"
+
+#include <errno.h>
+#include <signal.h>
+#include <stddef.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/select.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/time.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <type_traits>
+
+#include "LAPI_Log.h"
+#include "LAPI_Msg.h"
+#include "LAPI_SRV_ApMsgProc.h"
+#include "LAPI_SRV_BpMsgProc.h"
+#include "LAPI_SRV_Global.h"
+#include "LAPI_SRV_LocationLog.h"
+#include "LAPI_SRV_Paths.h"
+#include "LAPI_SRV_Pid.h"
+#include "LAPI_SRV_WAPPush.h"
+#include "LAPI_SrvCli.h"
+
+void (*LAPI_SRV_packedTestHook)(uint8_t pattern) = nullptr;
+int LAPI_SRV_loopNfds = 0;
+struct timeval LAPI_SRV_loopTimeout = {0, 0};
+
+namespace {
+
+/* Flags word of the signal actions: interrupt, never restart, so that a
+ * signal wakes select and every blocking call with EINTR. */
+constexpr int kSaInterrupt = 0x20000000;
+
+constexpr int kListenBacklog = 64;
+
+/* The accept procedure offers a peer address of this size; it is not used. */
+constexpr socklen_t kAcceptAddrLen = 16;
+
+bool FdInSet(int fd, const fd_set *pSet) {
+    return fd >= 0 && fd < FD_SETSIZE && FD_ISSET(fd, pSet);
+}
+
+}  // namespace
+
+/* ------------------------------------------------------------------------ */
+/* Self-tests                                                                */
+/* ------------------------------------------------------------------------ */
+
+namespace {
+
+struct WireSize {
+    const char *name;
+    size_t size;
+    size_t expected;
+};
+
+#define LAPI_WIRE_SIZE(type, body) \
+    { #type, sizeof(type), LAPI_MSG_HEADER_LEN + (body) }
+
+constexpr WireSize kWireSizes[] = {
+    LAPI_WIRE_SIZE(MsgHeader, 0),
+    LAPI_WIRE_SIZE(RegisterReq, LAPI_REGISTER_REQ_LEN),
+    LAPI_WIRE_SIZE(GetAsyncFdReq, LAPI_GET_ASYNC_FD_REQ_LEN),
+    LAPI_WIRE_SIZE(UnregisterReq, LAPI_UNREGISTER_REQ_LEN),
+    LAPI_WIRE_SIZE(GetLocationReq, LAPI_GET_LOCATION_REQ_LEN),
+    LAPI_WIRE_SIZE(AbortLocationReq, LAPI_ABORT_LOCATION_REQ_LEN),
+    LAPI_WIRE_SIZE(AbortAllLocationReq, LAPI_ABORT_ALL_LOCATION_REQ_LEN),
+    LAPI_WIRE_SIZE(LastKnownLocationReq, LAPI_LAST_KNOWN_LOCATION_REQ_LEN),
+    LAPI_WIRE_SIZE(GetGpsDbDataReq, LAPI_GET_GPS_DB_DATA_REQ_LEN),
+    LAPI_WIRE_SIZE(SetGpsDbDataReq, LAPI_SET_GPS_DB_DATA_REQ_LEN),
+    LAPI_WIRE_SIZE(GetStatusReq, LAPI_GET_STATUS_REQ_LEN),
+    LAPI_WIRE_SIZE(LocationNotificationCfm, LAPI_LOCATION_NOTIFICATION_CFM_LEN),
+    LAPI_WIRE_SIZE(DistanceAzimuthReq, LAPI_DISTANCE_AZIMUTH_REQ_LEN),
+    LAPI_WIRE_SIZE(AddProximityReq, LAPI_ADD_PROXIMITY_REQ_LEN),
+    LAPI_WIRE_SIZE(RemoveProximityReq, LAPI_REMOVE_PROXIMITY_REQ_LEN),
+    LAPI_WIRE_SIZE(RegisterRsp, LAPI_REGISTER_RSP_LEN),
+    LAPI_WIRE_SIZE(GetAsyncFdRsp, LAPI_GET_ASYNC_FD_RSP_LEN),
+    LAPI_WIRE_SIZE(UnregisterRsp, LAPI_UNREGISTER_RSP_LEN),
+    LAPI_WIRE_SIZE(TimeOutRsp, LAPI_TIME_OUT_RSP_LEN),
+    LAPI_WIRE_SIZE(InvalidRequestRsp, LAPI_INVALID_REQUEST_RSP_LEN),
+    LAPI_WIRE_SIZE(AbortLocationRsp, LAPI_ABORT_LOCATION_RSP_LEN),
+    LAPI_WIRE_SIZE(SetGpsDbDataRsp, LAPI_SET_GPS_DB_DATA_RSP_LEN),
+    LAPI_WIRE_SIZE(AddProximityRsp, LAPI_ADD_PROXIMITY_RSP_LEN),
+    LAPI_WIRE_SIZE(RemoveProximityRsp, LAPI_REMOVE_PROXIMITY_RSP_LEN),
+    LAPI_WIRE_SIZE(NotificationStatusInd, LAPI_NOTIFICATION_STATUS_IND_LEN),
+    LAPI_WIRE_SIZE(DistanceAzimuthRsp, LAPI_DISTANCE_AZIMUTH_RSP_LEN),
+    LAPI_WIRE_SIZE(GetStatusRsp, LAPI_GET_STATUS_RSP_LEN),
+    LAPI_WIRE_SIZE(GetLocationRsp, LAPI_GET_LOCATION_RSP_LEN),
+    LAPI_WIRE_SIZE(ProximityHitInd, LAPI_PROXIMITY_HIT_IND_LEN),
+    LAPI_WIRE_SIZE(GetGpsDbDataRsp, LAPI_GET_GPS_DB_DATA_RSP_LEN),
+    LAPI_WIRE_SIZE(LocationNotificationInd, LAPI_LOCATION_NOTIFICATION_IND_LEN),
+    {"ReqPrefix", sizeof(ReqPrefix), 4},
+    {"DbFile", sizeof(DbFile), 10},
+    {"FixResultStatus", sizeof(FixResultStatus), 8},
+};
+
+#undef LAPI_WIRE_SIZE
+
+}  // namespace
+
+int LAPI_SRV_TypeCheck(void) {
+    int result = 0;
+    for (const WireSize &w : kWireSizes) {
+        if (w.size != w.expected) {
+            LAPI_SRV_ERR("%s is %u bytes, expected %u!", w.name, static_cast<unsigned>(w.size),
+                         static_cast<unsigned>(w.expected));
+            result = -1;
+        }
+    }
+    if (sizeof(double) != 8 || sizeof(float) != 4) {
+        LAPI_SRV_ERR("double is %u bytes, expected 8!", static_cast<unsigned>(sizeof(double)));
+        result = -1;
+    }
+    return result;
+}
+
+namespace {
+
+#pragma pack(push, 1)
+struct PackedTest {
+    uint8_t u8;
+    int16_t i16;
+    int32_t i32;
+    int64_t i64;
+    double d;
+};
+#pragma pack(pop)
+
+static_assert(sizeof(PackedTest) == 23, "PackedTest must be packed");
+static_assert(offsetof(PackedTest, i16) == 1 && offsetof(PackedTest, i32) == 3 &&
+                  offsetof(PackedTest, i64) == 7 && offsetof(PackedTest, d) == 15,
+              "PackedTest field offsets");
+
+constexpr int kScratchLen = 2 * static_cast<int>(sizeof(PackedTest)); /* 46 */
+constexpr int kOffsets = 8;
+
+/* Byte 3 of the double under the pattern 0xFF: all-ones would be a NaN on
+ * the word-swapped layout, where byte 3 holds the sign and exponent. */
+constexpr int kDoubleExceptionByte = 3;
+constexpr uint8_t kDoubleExceptionValue = 0xFE;
+
+/* Equality of two doubles read from the same bytes. On layouts where the
+ * pattern still is a NaN, a NaN equals a NaN of the very same bits. */
+bool SameDouble(double a, double b) {
+    if (a == b) {
+        return true;
+    }
+    return a != a && b != b && memcmp(&a, &b, sizeof(a)) == 0;
+}
+
+/* The four fields under test. Each is reached by its name, never through a
+ * pointer or a pointer-to-member, which would lose the packed attribute. */
+struct Int16Field {
+    using Type = int16_t;
+    static constexpr size_t kOffset = offsetof(PackedTest, i16);
+    static constexpr const char *kName = "int16Test";
+    static Type Get(const PackedTest *p) { return p->i16; }
+    static void Set(PackedTest *p, Type v) { p->i16 = v; }
+};
+struct Int32Field {
+    using Type = int32_t;
+    static constexpr size_t kOffset = offsetof(PackedTest, i32);
+    static constexpr const char *kName = "int32Test";
+    static Type Get(const PackedTest *p) { return p->i32; }
+    static void Set(PackedTest *p, Type v) { p->i32 = v; }
+};
+struct Int64Field {
+    using Type = int64_t;
+    static constexpr size_t kOffset = offsetof(PackedTest, i64);
+    static constexpr const char *kName = "int64Test";
+    static Type Get(const PackedTest *p) { return p->i64; }
+    static void Set(PackedTest *p, Type v) { p->i64 = v; }
+};
+struct DoubleField {
+    using Type = double;
+    static constexpr size_t kOffset = offsetof(PackedTest, d);
+    static constexpr const char *kName = "doubleTest";
+    static Type Get(const PackedTest *p) { return p->d; }
+    static void Set(PackedTest *p, Type v) { p->d = v; }
+};
+
+/* One field with the structure at scratch + i: put the expected bytes in
+ * place and read the field through the structure, then assign the
+ * reference through the structure and check every byte. */
+template <typename Field>
+int CheckField(uint8_t *scratch, uint8_t background, typename Field::Type ref,
+               const uint8_t (&expect)[sizeof(typename Field::Type)], uint8_t pat, int i) {
+    using T = typename Field::Type;
+    int result = 0;
+    PackedTest *pTest = reinterpret_cast<PackedTest *>(scratch + i);
+
+    memset(scratch, background, kScratchLen);
+    memcpy(scratch + i + Field::kOffset, expect, sizeof(T));
+    T got = Field::Get(pTest);
+    bool same;
+    if constexpr (std::is_floating_point_v<T>) {
+        same = SameDouble(got, ref);
+    } else {
+        same = (got == ref);
+    }
+    if (!same) {
+        LAPI_SRV_ERR("%s read error, hex: %02x, i: %d!", Field::kName, pat, i);
+        result = -1;
+    }
+
+    memset(scratch, background, kScratchLen);
+    Field::Set(pTest, ref);
+    for (size_t b = 0; b < sizeof(T); ++b) {
+        if (scratch[i + Field::kOffset + b] != expect[b]) {
+            LAPI_SRV_ERR("%s write error, hex: %02x, i: %d!", Field::kName, pat, i);
+            result = -1;
+        }
+    }
+    return result;
+}
+
+int TestOnePattern(uint8_t pat) {
+    int result = 0;
+    uint8_t background = (pat == 0x00) ? 0xFF : 0x00;
+
+    uint8_t bytes16[sizeof(int16_t)];
+    uint8_t bytes32[sizeof(int32_t)];
+    uint8_t bytes64[sizeof(int64_t)];
+    uint8_t bytesD[sizeof(double)];
+    memset(bytes16, pat, sizeof(bytes16));
+    memset(bytes32, pat, sizeof(bytes32));
+    memset(bytes64, pat, sizeof(bytes64));
+    memset(bytesD, pat, sizeof(bytesD));
+    if (pat == 0xFF) {
+        bytesD[kDoubleExceptionByte] = kDoubleExceptionValue;
+    }
+
+    int16_t ref16;
+    int32_t ref32;
+    int64_t ref64;
+    double refD;
+    memcpy(&ref16, bytes16, sizeof(ref16));
+    memcpy(&ref32, bytes32, sizeof(ref32));
+    memcpy(&ref64, bytes64, sizeof(ref64));
+    memcpy(&refD, bytesD, sizeof(refD));
+
+    uint8_t scratch[kScratchLen];
+    for (int i = 0; i < kOffsets; ++i) {
+        if (i < 2 && CheckField<Int16Field>(scratch, background, ref16, bytes16, pat, i) != 0) {
+            result = -1;
+        }
+        if (i < 4 && CheckField<Int32Field>(scratch, background, ref32, bytes32, pat, i) != 0) {
+            result = -1;
+        }
+        if (CheckField<Int64Field>(scratch, background, ref64, bytes64, pat, i) != 0) {
+            result = -1;
+        }
+        if (CheckField<DoubleField>(scratch, background, refD, bytesD, pat, i) != 0) {
+            result = -1;
+        }
+    }
+    return result;
+}
+
+}  // namespace
+
+int LAPI_SRV_TestPackedStruct(uint8_t full) {
+    static constexpr uint8_t kQuickPatterns[] = {0x3F, 0xAF};
+    int result = 0;
+    if (full == 0) {
+        for (uint8_t pat : kQuickPatterns) {
+            if (LAPI_SRV_packedTestHook != nullptr) {
+                LAPI_SRV_packedTestHook(pat);
+            }
+            if (TestOnePattern(pat) != 0) {
+                result = -1;
+            }
+        }
+    } else {
+        for (int p = 0x00; p <= 0xFF; ++p) {
+            uint8_t pat = static_cast<uint8_t>(p);
+            if (LAPI_SRV_packedTestHook != nullptr) {
+                LAPI_SRV_packedTestHook(pat);
+            }
+            if (TestOnePattern(pat) != 0) {
+                result = -1;
+            }
+        }
+    }
+    return result;
+}
+
+/* ------------------------------------------------------------------------ */
+/* Signals and shutdown                                                      */
+/* ------------------------------------------------------------------------ */
+
+void LAPI_SRV_InitSignal(void) {
+    static const struct {
+        int sig;
+        const char *name;
+    } kSignals[] = {
+        {SIGPIPE, "SIGPIPE"},
+        {SIGFPE, "SIGFPE"},
+        {SIGTERM, "SIGTERM"},
+        {SIGSEGV, "SIGSEGV"},
+    };
+    struct sigaction action;
+    memset(&action, 0, sizeof(action));
+    action.sa_handler = LAPI_SRV_SigHandler;
+    sigemptyset(&action.sa_mask);
+    action.sa_flags = kSaInterrupt;
+    for (const auto &s : kSignals) {
+        if (sigaction(s.sig, &action, nullptr) != 0) {
+            LAPI_SRV_ERR("Fail to sigaction %s, errno is: %d, %s", s.name, errno, strerror(errno));
+        }
+    }
+}
+
+void LAPI_SRV_SigHandler(int sig) {
+    switch (sig) {
+        case SIGPIPE:
+            /* The write that raised it reports its own failure. */
+            LAPI_SRV_TRACE("\n\nLAPI SRV received signal: SIGPIPE!\n\n\n\n");
+            return;
+        case SIGFPE:
+            LAPI_SRV_TRACE("\n\nLAPI SRV received signal: SIGFPE!\n\n\n\n");
+            break;
+        case SIGTERM:
+            LAPI_SRV_TRACE("\n\nLAPI SRV received signal: SIGTERM!\n\n\n\n");
+            break;
+        case SIGSEGV:
+            LAPI_SRV_TRACE("\n\nLAPI SRV received signal: SIGSEGV!\n\n\n\n");
+            break;
+        default:
+            LAPI_SRV_TRACE("\n\nLAPI SRV received signal: unknown %d!\n\n\n\n", sig);
+            return;
+    }
+    /* Status 0 after every fatal signal, SIGSEGV included. */
+    LAPI_SRV_CloseAll();
+    LAPI_SRV_RemovePid();
+    exit(0);
+}
+
+void LAPI_SRV_CloseAll(void) {
+    /* Each pass must shrink the list; a head that survives its removal is
+     * dropped so that shutdown always ends. */
+    while (!List_IsEmpty(&LAPI_SRV_allClientList)) {
+        ListNode *pHead = List_GetHeadPos(&LAPI_SRV_allClientList);
+        ListNode *pPos = pHead;
+        Client *pClient = static_cast<Client *>(List_GetNext(&LAPI_SRV_allClientList, &pPos));
+        if (pClient != nullptr) {
+            LAPI_SRV_RemoveClient(pClient);
+        }
+        if (List_GetHeadPos(&LAPI_SRV_allClientList) == pHead) {
+            List_RemoveHead(&LAPI_SRV_allClientList);
+        }
+    }
+
+    if (LAPI_SRV_pMuxFdops != nullptr) {
+        DestroyFdops(LAPI_SRV_pMuxFdops);
+        LAPI_SRV_pMuxFdops = nullptr;
+    }
+
+    /* The listening socket and every other watched descriptor. */
+    while (!List_IsEmpty(&LAPI_SRV_readFdopsList)) {
+        ListNode *pHead = List_GetHeadPos(&LAPI_SRV_readFdopsList);
+        ListNode *pPos = pHead;
+        Fdops *pFdops = static_cast<Fdops *>(List_GetNext(&LAPI_SRV_readFdopsList, &pPos));
+        if (pFdops != nullptr) {
+            DestroyFdops(pFdops);
+        }
+        if (List_GetHeadPos(&LAPI_SRV_readFdopsList) == pHead) {
+            List_RemoveHead(&LAPI_SRV_readFdopsList);
+        }
+    }
+}
+
+/* ------------------------------------------------------------------------ */
+/* Listening socket                                                          */
+/* ------------------------------------------------------------------------ */
+
+int LAPI_SRV_InitSrvSock(void) {
+    const char *pPath = LAPI_SRV_sockPath;
+    unlink(pPath);
+
+    int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+    if (fd < 0) {
+        LAPI_SRV_ERR("Fail to create socket, errno is: %d, %s", errno, strerror(errno));
+        return -1;
+    }
+
+    struct sockaddr_un addr;
+    memset(&addr, 0, sizeof(addr));
+    addr.sun_family = AF_UNIX;
+    size_t pathLen = strlen(pPath);
+    if (pathLen >= sizeof(addr.sun_path)) {
+        LAPI_SRV_ERR("Fail to bind socket, errno is: %d, %s", ENAMETOOLONG, strerror(ENAMETOOLONG));
+        CloseFd(fd);
+        return -1;
+    }
+    memcpy(addr.sun_path, pPath, pathLen);
+    /* The family field and the path without its terminating zero. */
+    socklen_t addrLen = static_cast<socklen_t>(pathLen + 2);
+    if (bind(fd, reinterpret_cast<struct sockaddr *>(&addr), addrLen) != 0) {
+        LAPI_SRV_ERR("Fail to bind socket, errno is: %d, %s", errno, strerror(errno));
+        CloseFd(fd);
+        return -1;
+    }
+
+    /* Every application may connect, whatever its user. */
+    if (chmod(pPath, 0666) != 0) {
+        LAPI_SRV_ERR("Fail to chmod, errno is: %d, %s", errno, strerror(errno));
+        CloseFd(fd);
+        unlink(pPath);
+        return -1;
+    }
+
+    if (listen(fd, kListenBacklog) != 0) {
+        LAPI_SRV_ERR("Fail to listen, errno is: %d, %s", errno, strerror(errno));
+        CloseFd(fd);
+        unlink(pPath);
+        return -1;
+    }
+
+    if (SetFdBlocking(fd, false) < 0) {
+        LAPI_SRV_ERR("Fail to set non-block fd, errno is: %d, %s", errno, strerror(errno));
+    }
+    return fd;
+}
+
+void LAPI_SRV_ListenSockReadProc(Fdops *pFdops) {
+    if (pFdops == nullptr) {
+        return;
+    }
+    struct sockaddr_storage peer;
+    socklen_t peerLen = kAcceptAddrLen;
+    int fd = accept(pFdops->fd, reinterpret_cast<struct sockaddr *>(&peer), &peerLen);
+    if (fd < 0) {
+        /* The listening socket is closed for good: no more connections. */
+        LAPI_SRV_ERR("Fail to accept connection request, errno is: %d, %s", errno, strerror(errno));
+        if (pFdops->closeProc != nullptr) {
+            pFdops->closeProc(pFdops);
+        }
+        return;
+    }
+
+    if (SetFdBlocking(fd, false) < 0) {
+        LAPI_SRV_ERR("Fail to set non-block fd, errno is: %d, %s", errno, strerror(errno));
+        CloseFd(fd);
+        return;
+    }
+
+    Fdops *pNew = CreateFdops(fd, LAPI_SRV_CLIENT_RBUF_SIZE, LAPI_SRV_CLIENT_WBUF_SIZE);
+    if (pNew == nullptr) {
+        CloseFd(fd);
+        return;
+    }
+    pNew->readProc = LAPI_SRV_SockReadProcAfterConnect;
+    pNew->writeProc = LAPI_SRV_GeneralWriteProc;
+    pNew->closeProc = LAPI_SRV_CloseFdops;
+    pNew->pFdInfo = nullptr;
+    LAPI_SRV_AddFdopsReadList(pNew);
+}
+
+/* ------------------------------------------------------------------------ */
+/* Start-up                                                                  */
+/* ------------------------------------------------------------------------ */
+
+int LAPI_SRV_Init(void) {
+    LAPI_SRV_InitSignal();
+
+    if (LAPI_SRV_TypeCheck() < 0) {
+        LAPI_SRV_ERR("Fail to pass LAPI_SRV_TypeCheck()!");
+        return -1;
+    }
+    if (LAPI_SRV_TestPackedStruct(0) < 0) {
+        LAPI_SRV_ERR("Fail to pass LAPI_SRV_TestPackedStruct()!");
+        return -1;
+    }
+
+    LAPI_SRV_LOG_Init();
+    LAPI_SRV_InitGlobals();
+
+    LAPI_SRV_InitApMsgProc();
+    LAPI_SRV_InitBpMsgProc();
+    LAPI_InitApMsgLogProc();
+    LAPI_SRV_InitBpMsgLogProc();
+
+    int fd = LAPI_SRV_InitSrvSock();
+    if (fd < 0) {
+        return -1;
+    }
+    Fdops *pFdops = CreateFdops(fd, 0, 0);
+    if (pFdops == nullptr) {
+        CloseFd(fd);
+        unlink(LAPI_SRV_sockPath);
+        return -1;
+    }
+    pFdops->readProc = LAPI_SRV_ListenSockReadProc;
+    pFdops->writeProc = nullptr;
+    pFdops->closeProc = LAPI_SRV_CloseFdops;
+    pFdops->pFdInfo = nullptr;
+    LAPI_SRV_AddFdopsReadList(pFdops);
+    return 0;
+}
+
+/* ------------------------------------------------------------------------ */
+/* The loop                                                                  */
+/* ------------------------------------------------------------------------ */
+
+void LAPI_SRV_LoopOnce(void) {
+    fd_set readSet;
+    fd_set writeSet;
+    memcpy(&readSet, &readFdSet, sizeof(readSet));
+    memcpy(&writeSet, &writeFdSet, sizeof(writeSet));
+
+    int nfds = LAPI_SRV_GetMaxFd() + 1;
+
+    struct timeval timeout = {0, 0};
+    LAPI_SRV_ScanTranList(&timeout);
+    LAPI_SRV_loopNfds = nfds;
+    LAPI_SRV_loopTimeout = timeout;
+
+    int n = select(nfds, &readSet, &writeSet, nullptr, &timeout);
+    if (n > 0) {
+        ListNode *pPos = List_GetHeadPos(&LAPI_SRV_readFdopsList);
+        while (pPos != nullptr && n > 0) {
+            Fdops *pFdops = static_cast<Fdops *>(List_GetNext(&LAPI_SRV_readFdopsList, &pPos));
+            if (pFdops == nullptr) {
+                LAPI_SRV_ERR("pFdops == NULL in LAPI_SRV_readFdopsList");
+                continue;
+            }
+            if (!FdInSet(pFdops->fd, &readSet)) {
+                continue;
+            }
+            FD_CLR(pFdops->fd, &readSet);
+            n--;
+            if (pFdops->readProc == nullptr) {
+                LAPI_SRV_ERR("pFdops->readProc == NULL in LAPI_SRV_readFdopsList");
+                continue;
+            }
+            LAPI_SRV_ClearReadListChanged();
+            pFdops->readProc(pFdops);
+            LAPI_SRV_TRACE("AFTER READPROC %d", n);
+            if (LAPI_SRV_IsReadListChanged()) {
+                pPos = List_GetHeadPos(&LAPI_SRV_readFdopsList);
+            }
+        }
+
+        pPos = List_GetHeadPos(&LAPI_SRV_writeFdopsList);
+        while (pPos != nullptr && n > 0) {
+            Fdops *pFdops = static_cast<Fdops *>(List_GetNext(&LAPI_SRV_writeFdopsList, &pPos));
+            if (pFdops == nullptr) {
+                LAPI_SRV_ERR("pFdops == NULL in LAPI_SRV_writeFdopsList");
+                continue;
+            }
+            if (!FdInSet(pFdops->fd, &writeSet)) {
+                continue;
+            }
+            FD_CLR(pFdops->fd, &writeSet);
+            n--;
+            if (pFdops->writeProc == nullptr) {
+                LAPI_SRV_ERR("pFdops->writeProc == NULL in LAPI_SRV_writeFdopsList");
+                continue;
+            }
+            LAPI_SRV_ClearWriteListChanged();
+            pFdops->writeProc(pFdops);
+            if (LAPI_SRV_IsWriteListChanged()) {
+                pPos = List_GetHeadPos(&LAPI_SRV_writeFdopsList);
+            }
+        }
+    } else if (n < 0 && errno != EINTR && errno != EAGAIN) {
+        LAPI_SRV_ERR("select numfd < 0, errno is: %d, %s", errno, strerror(errno));
+    }
+
+    LAPI_SRV_TRACE("END WHILE(1)");
+}
+
+int LAPI_SRV_ServerMain(void) {
+    if (LAPI_SRV_PidMutex() != 0) {
+        LAPI_SRV_ERR("Fail to pass LAPI_SRV_PidMutex()!");
+        exit(1);
+    }
+
+    if (LAPI_SRV_Init() < 0) {
+        LAPI_SRV_RemovePid();
+        LAPI_SRV_ERR("LAPI SRV initialization failure! Exit!!!");
+        exit(1);
+    }
+
+    /* Neither push source nor the BP channel is needed to serve clients. */
+    if (LAPI_SRV_InitIPServer() != 0) {
+        LAPI_SRV_ERR("LAPI SRV IP server initialization failure!");
+    }
+
+    LAPI_SRV_TRACE("Trying to connect mux channel...");
+    if (LAPI_SRV_ConnectMuxChannel() != 0) {
+        LAPI_SRV_ERR("Fail to connect mux channel!");
+    }
+
+    (void)LAPI_SRV_RegisterTAPIClient();
+
+    for (;;) {
+        LAPI_SRV_LoopOnce();
+    }
+}
