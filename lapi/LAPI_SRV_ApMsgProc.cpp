@@ -1,8 +1,402 @@
-/* Placeholder until the client service lands. */
+/*
+ * Client connections: the two-connection handshake, the read procedures of
+ * each connection state, unregistration, the dispatch of requests through
+ * the table indexed by msgId - 100, and the end of a client whose
+ * synchronous connection breaks.
+ *
+ * Messages are cut out of the read buffer wherever they start, so every
+ * header field is copied out with memcpy, never read through a cast.
+ */
 #include "LAPI_SRV_ApMsgProc.h"
 
-void LAPI_SRV_InitApMsgProc(void) {}
-void LAPI_SRV_SockReadProcAfterConnect(Fdops *pFdops) { LAPI_SRV_CloseFdops(pFdops); }
-void LAPI_SRV_SockReadProcAfterRegister(Fdops *pFdops) { LAPI_SRV_CloseFdops(pFdops); }
-void LAPI_SRV_SockReadProcNull(Fdops *pFdops) { LAPI_SRV_CloseFdops(pFdops); }
-void LAPI_SRV_ProcClientCrash(Fdops *pFdops) { LAPI_SRV_CloseFdops(pFdops); }
+#include <string.h>
+
+#include "LAPI_Log.h"
+#include "LAPI_Msg.h"
+#include "LAPI_SRV_BpMsgProc.h"
+
+LAPI_SRV_ApMsgProcFn LAPI_SRV_apMsgProcTable[LAPI_SRV_AP_MSG_PROC_COUNT];
+
+static_assert(LAPI_SRV_AP_MSG_PROC_COUNT == LAPI_CLI_MSG_COUNT);
+static_assert(LAPI_REMOVE_PROXIMITY_REQ - LAPI_CLI_MSG_BASE == LAPI_SRV_AP_MSG_PROC_COUNT - 1);
+
+namespace {
+
+/* Whole size of the handshake requests (registerReq, getAsyncFdReq). */
+constexpr int kHandshakeMsgSize = LAPI_MSG_HEADER_LEN + LAPI_REGISTER_REQ_LEN;
+static_assert(LAPI_REGISTER_REQ_LEN == LAPI_GET_ASYNC_FD_REQ_LEN);
+
+MsgHeader ReadHeader(const uint8_t *pMsg) {
+    MsgHeader h;
+    memcpy(&h, pMsg, sizeof(h));
+    return h;
+}
+
+uint32_t ReadU32(const uint8_t *p) {
+    uint32_t v;
+    memcpy(&v, p, sizeof(v));
+    return v;
+}
+
+int HasReadBuffer(const Fdops *pFdops) {
+    return pFdops != nullptr && pFdops->rbuf.buf != nullptr && pFdops->rbuf.len != 0;
+}
+
+void CallCloseProc(Fdops *pFdops) {
+    if (pFdops->closeProc != nullptr) {
+        pFdops->closeProc(pFdops);
+    }
+}
+
+/* A server message that is a header alone (getAsyncFdRsp, unregisterRsp). */
+int SendHeaderOnly(Fdops *pFdops, uint16_t msgId) {
+    MsgHeader rsp;
+    rsp.pid = 0;
+    rsp.msgId = msgId;
+    rsp.msgLen = 0;
+    return LAPI_SRV_GeneralWrite(pFdops, &rsp, sizeof(rsp));
+}
+
+}  // namespace
+
+void LAPI_SRV_InitApMsgProc(void) {
+    memset(LAPI_SRV_apMsgProcTable, 0, sizeof(LAPI_SRV_apMsgProcTable));
+    LAPI_SRV_ApMsgProcFn *t = LAPI_SRV_apMsgProcTable;
+    t[LAPI_UNREGISTER_REQ - LAPI_CLI_MSG_BASE] = LAPI_SRV_ProcUnregisterMsg;
+    t[LAPI_GET_LOCATION_REQ - LAPI_CLI_MSG_BASE] = LAPI_SRV_ProcGetLocationMsg;
+    t[LAPI_ABORT_LOCATION_REQ - LAPI_CLI_MSG_BASE] = LAPI_SRV_ProcAbortLocationMsg;
+    t[LAPI_ABORT_ALL_LOCATION_REQ - LAPI_CLI_MSG_BASE] = LAPI_SRV_ProcAbortAllLocationMsg;
+    t[LAPI_LAST_KNOWN_LOCATION_REQ - LAPI_CLI_MSG_BASE] = LAPI_SRV_ProcLastKnownLocationMsg;
+    t[LAPI_GET_GPS_DB_DATA_REQ - LAPI_CLI_MSG_BASE] = LAPI_SRV_ProcGetGpsDbDataMsg;
+    t[LAPI_SET_GPS_DB_DATA_REQ - LAPI_CLI_MSG_BASE] = LAPI_SRV_ProcSetGpsDbDataMsg;
+    t[LAPI_GET_STATUS_REQ - LAPI_CLI_MSG_BASE] = LAPI_SRV_ProcGetStatusMsg;
+    t[LAPI_LOCATION_NOTIFICATION_CFM - LAPI_CLI_MSG_BASE] = LAPI_SRV_ProcLocationNotificationCfmMsg;
+    t[LAPI_DISTANCE_AZIMUTH_REQ - LAPI_CLI_MSG_BASE] = LAPI_SRV_ProcDistanceAzimuthMsg;
+    t[LAPI_ADD_PROXIMITY_REQ - LAPI_CLI_MSG_BASE] = LAPI_SRV_ProcAddProximityMsg;
+    t[LAPI_REMOVE_PROXIMITY_REQ - LAPI_CLI_MSG_BASE] = LAPI_SRV_ProcRemoveProximityMsg;
+}
+
+/* ------------------------------------------------------------------------ */
+/* Read procedures                                                           */
+/* ------------------------------------------------------------------------ */
+
+void LAPI_SRV_SockReadProcAfterConnect(Fdops *pFdops) {
+    if (!HasReadBuffer(pFdops)) {
+        LAPI_SRV_ERR("Invalid pFdops!");
+        return;
+    }
+    if (LAPI_SRV_GeneralRead(pFdops) < 0) {
+        LAPI_SRV_ERR("Fail to general read for pFdops!");
+        CallCloseProc(pFdops);
+        return;
+    }
+    if (LAPI_SRV_SockMsgProcAfterConnect(pFdops) < 0) {
+        LAPI_SRV_ERR("Fail to process message for pFdops!");
+        CallCloseProc(pFdops);
+    }
+}
+
+void LAPI_SRV_SockReadProcAfterRegister(Fdops *pFdops) {
+    if (!HasReadBuffer(pFdops)) {
+        LAPI_SRV_ERR("Invalid pFdops!");
+        return;
+    }
+    if (LAPI_SRV_GeneralRead(pFdops) < 0) {
+        LAPI_SRV_ERR("Fail to general read for pFdops!");
+        CallCloseProc(pFdops);
+        return;
+    }
+    /* A successful unregisterReq has freed pFdops: touch it only on failure,
+     * which never frees it. */
+    if (LAPI_SRV_SockMsgProcAfterRegister(pFdops) < 0) {
+        LAPI_SRV_ERR("Fail to process message for pFdops!");
+        CallCloseProc(pFdops);
+    }
+}
+
+void LAPI_SRV_SockReadProcNull(Fdops *pFdops) {
+    if (!HasReadBuffer(pFdops)) {
+        LAPI_SRV_ERR("Invalid pFdops!");
+        return;
+    }
+    if (LAPI_SRV_GeneralRead(pFdops) < 0) {
+        LAPI_SRV_ERR("Fail to general read for pFdops!");
+        CallCloseProc(pFdops);
+        return;
+    }
+    if (pFdops->rbuf.idx > 0) {
+        Client *pClient = static_cast<Client *>(pFdops->pFdInfo);
+        if (pClient != nullptr) {
+            LAPI_SRV_ERR("Invalid write to async fd, pid is: %d!", static_cast<int>(pClient->pid));
+        } else {
+            LAPI_SRV_ERR("pClient == NULL!");
+        }
+    }
+    /* The asynchronous connection only carries answers to the client. */
+    pFdops->rbuf.idx = 0;
+}
+
+/* ------------------------------------------------------------------------ */
+/* Message procedures                                                        */
+/* ------------------------------------------------------------------------ */
+
+int LAPI_SRV_SockMsgProcAfterConnect(Fdops *pFdops) {
+    if (!HasReadBuffer(pFdops)) {
+        LAPI_SRV_ERR("Invalid pFdops!");
+        return -1;
+    }
+    FdBuf *pFdBuf = &pFdops->rbuf;
+    if (pFdBuf->idx < LAPI_MSG_HEADER_LEN) {
+        return 0;
+    }
+    MsgHeader h = ReadHeader(pFdBuf->buf);
+    int ret;
+    if (h.msgId == LAPI_REGISTER_REQ) {
+        if (h.msgLen != LAPI_REGISTER_REQ_LEN) {
+            LAPI_SRV_ERR("Invalid register msgLen: %d!", h.msgLen);
+            return -1;
+        }
+        if (pFdBuf->idx < kHandshakeMsgSize) {
+            return 0;
+        }
+        if (pFdBuf->idx > kHandshakeMsgSize) {
+            LAPI_SRV_ERR("Receive register message with more bytes than expected!");
+            return -1;
+        }
+        ret = LAPI_SRV_ProcRegisterMsg(pFdBuf->buf, pFdops);
+    } else if (h.msgId == LAPI_GET_ASYNC_FD_REQ) {
+        if (h.msgLen != LAPI_GET_ASYNC_FD_REQ_LEN) {
+            LAPI_SRV_ERR("Invalid get async fd msgLen: %d!", h.msgLen);
+            return -1;
+        }
+        if (pFdBuf->idx < kHandshakeMsgSize) {
+            return 0;
+        }
+        if (pFdBuf->idx > kHandshakeMsgSize) {
+            LAPI_SRV_ERR("Receive get async fd message with more bytes than expected!");
+            return -1;
+        }
+        ret = LAPI_SRV_ProcGetAsyncFdMsg(pFdBuf->buf, pFdops);
+    } else {
+        LAPI_SRV_ERR("Not expected msgId: %d!", h.msgId);
+        return -1;
+    }
+    /* The handshake handlers never free pFdops; a refusal is closed by the
+     * read procedure afterwards. */
+    pFdBuf->idx = 0;
+    return ret;
+}
+
+int LAPI_SRV_SockMsgProcAfterRegister(Fdops *pFdops) {
+    if (!HasReadBuffer(pFdops)) {
+        LAPI_SRV_ERR("Invalid pFdops!");
+        return -1;
+    }
+    FdBuf *pFdBuf = &pFdops->rbuf;
+    int held = pFdBuf->idx;
+    int pos = 0;
+    int ret = 0;
+    while (held - pos >= LAPI_MSG_HEADER_LEN) {
+        uint8_t *pMsg = pFdBuf->buf + pos;
+        MsgHeader h = ReadHeader(pMsg);
+        int msgSize = h.msgLen + LAPI_MSG_HEADER_LEN;
+        /* Never wait for a message that cannot fit: refuse it at once. */
+        if (msgSize > pFdBuf->len) {
+            LAPI_SRV_ERR("msgLen: %d > pFdBuf->len: %d, msgId: %d, pid is: %d!", msgSize,
+                         pFdBuf->len, h.msgId, static_cast<int>(h.pid));
+            return -1;
+        }
+        if (held - pos < msgSize) {
+            break;
+        }
+        ret = LAPI_SRV_ProcessApMsg(pMsg, pFdops);
+        if (ret < 0) {
+            LAPI_SRV_ERR("Fail to process ap message for pFdops!");
+            return -1;
+        }
+        if (h.msgId == LAPI_UNREGISTER_REQ) {
+            /* The client and both its connections are gone. */
+            return 0;
+        }
+        pos += msgSize;
+    }
+    if (pos == held) {
+        pFdBuf->idx = 0;
+    } else if (pos > 0) {
+        memmove(pFdBuf->buf, pFdBuf->buf + pos, static_cast<size_t>(held - pos));
+        pFdBuf->idx = static_cast<uint16_t>(held - pos);
+    }
+    return ret;
+}
+
+/* ------------------------------------------------------------------------ */
+/* Handshake                                                                 */
+/* ------------------------------------------------------------------------ */
+
+int LAPI_SRV_ProcRegisterMsg(uint8_t *pMsg, Fdops *pFdops) {
+    if (pMsg == nullptr || pFdops == nullptr) {
+        LAPI_SRV_ERR("Invalid pFdops!");
+        return -1;
+    }
+    MsgHeader h = ReadHeader(pMsg);
+    int pid = static_cast<int>(h.pid);
+    if (pFdops->pFdInfo != nullptr) {
+        LAPI_SRV_ERR("pFdops->pFdInfo != NULL, pid is : %d!", pid);
+        return -1;
+    }
+    /* Only the three low bits mean something; the others are cleared in
+     * the message itself. */
+    uint8_t *pService = pMsg + offsetof(RegisterReq, service);
+    uint32_t service = ReadU32(pService) & LAPI_SERVICE_MASK;
+    memcpy(pService, &service, sizeof(service));
+    if (service == 0) {
+        LAPI_SRV_ERR("Invalid register service: %u!", service);
+        return -1;
+    }
+    if ((service & LAPI_SERVICE_MTLR) && !List_IsEmpty(&LAPI_SRV_mtlrClientList)) {
+        LAPI_SRV_ERR("Can not register more than one client to process MT_LR!");
+        return -1;
+    }
+    Client *pClient = LAPI_SRV_CreateClient(h.pid, service, pFdops);
+    if (pClient == nullptr) {
+        LAPI_SRV_ERR("Fail to create Client, pid is : %d!", pid);
+        return -1;
+    }
+    RegisterRsp rsp;
+    rsp.header.pid = 0;
+    rsp.header.msgId = LAPI_REGISTER_RSP;
+    rsp.header.msgLen = LAPI_REGISTER_RSP_LEN;
+    rsp.globalId = pClient->globalId;
+    if (LAPI_SRV_GeneralWrite(pClient->pSyncFdops, &rsp, sizeof(rsp)) < 0) {
+        /* The client stays: closing this connection removes it. */
+        LAPI_SRV_ERR("Fail to send register response to pid : %d!", pid);
+        return -1;
+    }
+    return 0;
+}
+
+int LAPI_SRV_ProcGetAsyncFdMsg(uint8_t *pMsg, Fdops *pFdops) {
+    if (pMsg == nullptr || pFdops == nullptr) {
+        LAPI_SRV_ERR("Invalid pFdops!");
+        return -1;
+    }
+    MsgHeader h = ReadHeader(pMsg);
+    int pid = static_cast<int>(h.pid);
+    if (pFdops->pFdInfo != nullptr) {
+        LAPI_SRV_ERR("pFdops->pFdInfo != NULL, pid is : %d!", pid);
+        return -1;
+    }
+    uint32_t globalId = ReadU32(pMsg + offsetof(GetAsyncFdReq, globalId));
+    Client *pClient = LAPI_SRV_GetClientByGlobalId(globalId);
+    if (pClient == nullptr) {
+        LAPI_SRV_ERR("Fail to find Client globalId: %d, pid is : %d!", static_cast<int>(globalId),
+                     pid);
+        return -1;
+    }
+    if (pClient->pAsyncFdops != nullptr) {
+        LAPI_SRV_ERR("pClient->pAsyncFdops != NULL, globalId: %d, pid is : %d!",
+                     static_cast<int>(globalId), pid);
+        return -1;
+    }
+    pClient->pAsyncFdops = pFdops;
+    pFdops->pFdInfo = pClient;
+    pClient->pid = h.pid;
+
+    /* Until the BP channel has been opened once, every completed handshake
+     * tries again; after that a lost channel stays lost. */
+    if (!LAPI_SRV_IsMuxConnected()) {
+        LAPI_SRV_TRACE("Trying to connect mux channel...");
+        if (LAPI_SRV_ConnectMuxChannel() < 0) {
+            LAPI_SRV_ERR("Fail to connect mux channel!");
+            return -1;
+        }
+    }
+    if (SendHeaderOnly(pFdops, LAPI_GET_ASYNC_FD_RSP) < 0) {
+        LAPI_SRV_ERR("Fail to send get async fd response to pid : %d!", pid);
+        return -1;
+    }
+    Fdops *pSyncFdops = pClient->pSyncFdops;
+    if (pSyncFdops != nullptr) {
+        pSyncFdops->readProc = LAPI_SRV_SockReadProcAfterRegister;
+        pSyncFdops->closeProc = LAPI_SRV_ProcClientCrash;
+    }
+    pFdops->readProc = LAPI_SRV_SockReadProcNull;
+    return 0;
+}
+
+/* ------------------------------------------------------------------------ */
+/* Dispatch and unregistration                                               */
+/* ------------------------------------------------------------------------ */
+
+int LAPI_SRV_ProcessApMsg(uint8_t *pMsg, Fdops *pFdops) {
+    if (pMsg == nullptr || pFdops == nullptr) {
+        LAPI_SRV_ERR("Invalid pFdops!");
+        return -1;
+    }
+    MsgHeader h = ReadHeader(pMsg);
+    int pid = static_cast<int>(h.pid);
+    Client *pClient = static_cast<Client *>(pFdops->pFdInfo);
+    if (pClient == nullptr) {
+        LAPI_SRV_ERR("pFdops->pFdInfo == NULL, pid is : %d!", pid);
+        return -1;
+    }
+    if (pClient->pSyncFdops != pFdops) {
+        LAPI_SRV_ERR("pClient->pSyncFdops != pFdops, pid is : %d!", pid);
+        return -1;
+    }
+    pClient->pid = h.pid;
+    int index = h.msgId - LAPI_CLI_MSG_BASE;
+    if (index < 0 || index >= LAPI_SRV_AP_MSG_PROC_COUNT) {
+        LAPI_SRV_ERR("Unknown msgId: %d, pid is: %d!", h.msgId, pid);
+        return -1;
+    }
+    LAPI_SRV_ApMsgProcFn proc = LAPI_SRV_apMsgProcTable[index];
+    if (proc == nullptr) {
+        LAPI_SRV_ERR("No procedure for msgId: %d, pid is: %d!", h.msgId, pid);
+        return -1;
+    }
+    return proc(pMsg, pFdops);
+}
+
+int LAPI_SRV_ProcUnregisterMsg(uint8_t *pMsg, Fdops *pFdops) {
+    if (pMsg == nullptr || pFdops == nullptr) {
+        LAPI_SRV_ERR("Invalid pFdops!");
+        return -1;
+    }
+    MsgHeader h = ReadHeader(pMsg);
+    int pid = static_cast<int>(h.pid);
+    if (h.msgId != LAPI_UNREGISTER_REQ) {
+        LAPI_SRV_ERR("pMsgHeader->msgId : %d is not expected, pid : %d!", h.msgId, pid);
+        return -1;
+    }
+    if (h.msgLen != LAPI_UNREGISTER_REQ_LEN) {
+        LAPI_SRV_ERR("Wrong unregister msg length: %d, pid is: %d!", h.msgLen, pid);
+        return -1;
+    }
+    if (SendHeaderOnly(pFdops, LAPI_UNREGISTER_RSP) < 0) {
+        LAPI_SRV_ERR("Fail to send unregister response to pid : %d!", pid);
+        return -1;
+    }
+    /* Removing the client closes the connection: a response still waiting
+     * in the write buffer would be lost without notice. */
+    if (pFdops->wbuf.idx > 0) {
+        LAPI_SRV_ERR("Send incomplete unregister response to pid : %d!", pid);
+        return -1;
+    }
+    LAPI_SRV_RemoveClient(static_cast<Client *>(pFdops->pFdInfo));
+    return 0;
+}
+
+void LAPI_SRV_ProcClientCrash(Fdops *pFdops) {
+    LAPI_SRV_TRACE("enter LAPI_SRV_ProcClientCrash function");
+    if (pFdops == nullptr) {
+        return;
+    }
+    Client *pClient = static_cast<Client *>(pFdops->pFdInfo);
+    if (pClient != nullptr) {
+        LAPI_SRV_RemoveClient(pClient);
+    } else {
+        /* No owner to release it: end the connection itself. */
+        DestroyFdops(pFdops);
+    }
+}

@@ -15,6 +15,25 @@ void LAPI_SRV_SockReadProcAfterRegister(Fdops *pFdops);
 void LAPI_SRV_SockReadProcNull(Fdops *pFdops);
 void LAPI_SRV_ProcClientCrash(Fdops *pFdops);
 
+/* Take the complete messages out of the read buffer: the first message of
+ * a connection (registerReq or getAsyncFdReq), and every later message of
+ * a registered client's synchronous connection. 0, or negative when the
+ * connection must be closed. */
+int LAPI_SRV_SockMsgProcAfterConnect(Fdops *pFdops);
+int LAPI_SRV_SockMsgProcAfterRegister(Fdops *pFdops);
+
+/* Handshake, unregistration and dispatch (msg starts with its MsgHeader,
+ * at any byte position). 0 or -1. */
+int LAPI_SRV_ProcRegisterMsg(uint8_t *pMsg, Fdops *pFdops);
+int LAPI_SRV_ProcGetAsyncFdMsg(uint8_t *pMsg, Fdops *pFdops);
+int LAPI_SRV_ProcUnregisterMsg(uint8_t *pMsg, Fdops *pFdops);
+int LAPI_SRV_ProcessApMsg(uint8_t *pMsg, Fdops *pFdops);
+
+/* The dispatch table, indexed by msgId - 100. */
+typedef int (*LAPI_SRV_ApMsgProcFn)(uint8_t *pMsg, Fdops *pFdops);
+#define LAPI_SRV_AP_MSG_PROC_COUNT 17
+extern LAPI_SRV_ApMsgProcFn LAPI_SRV_apMsgProcTable[LAPI_SRV_AP_MSG_PROC_COUNT];
+
 /* Request handlers of the dispatch table (msg starts with its MsgHeader). */
 int LAPI_SRV_ProcGetLocationMsg(uint8_t *pMsg, Fdops *pFdops);
 int LAPI_SRV_ProcAbortLocationMsg(uint8_t *pMsg, Fdops *pFdops);
@@ -34,5 +53,32 @@ int LAPI_SRV_AbortLocationReq(Transaction *pTran, uint32_t isSync);
 /* The timer scan: ends expired transactions and stores in *pTimeout (may be
  * null) how long the loop may wait, at most one hour. */
 void LAPI_SRV_ScanTranList(struct timeval *pTimeout);
+
+/* Request handlers and deadlines (LAPI_SRV_ApMsgProcReq.cpp). */
+
+/* removeProximityReq with removeType 1: a new transaction under its own pair. */
+int LAPI_SRV_ProcRemoveAllProximityMsg(uint8_t *pMsg, Fdops *pFdops);
+
+/* invalidRequestRsp / timeOutRsp with the client's pair: 0 or -1. The first
+ * writes straight to the connection, the second through
+ * LAPI_SRV_SendMsgToClient (a failed write removes the client). */
+int LAPI_SRV_SendInvalidReqResponse(Fdops *pFdops, uint8_t sid, uint8_t tid);
+int LAPI_SRV_SendTimeOutReqResponse(Fdops *pFdops, uint8_t sid, uint8_t tid);
+
+/* Deadline of a running location request that the BP did not answer: the
+ * transaction goes back into the list and is aborted. Returns 1 when the
+ * caller must free it, 0 when it is kept. */
+int LAPI_SRV_GetLocationTimeOut(Transaction *pTran);
+/* Timeout procedure of any expired transaction (already out of the list);
+ * 1 when the caller must free it. */
+int LAPI_SRV_TranTimeOut(Transaction *pTran);
+
+/* Deadline in ticks, `seconds` from now (seconds x 100 alone when the clock
+ * cannot be read). Deadlines live modulo 2^32 ticks. */
+int32_t LAPI_SRV_TicksAhead(uint32_t seconds);
+/* Signed ticks from now until expireTime; 0 or less = expired. */
+int32_t LAPI_SRV_TicksLeft(int32_t expireTime, long now);
+/* Seconds a getLocationReq may wait for the BP. */
+uint32_t LAPI_SRV_GetLocationDeadlineSec(uint32_t responseTime, uint32_t reportCriteria);
 
 #endif /* LAPI_SRV_APMSGPROC_H */
