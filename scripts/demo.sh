@@ -1,0 +1,219 @@
+#!/usr/bin/env bash
+# The whole system in one command: builds the location server, the BP
+# simulator and the lapi tool, starts the simulator and the server on a
+# private temporary root, asks the server for a location fix and for a
+# distance, prints the answers, and stops everything again.
+#
+#   scripts/demo.sh [--build-dir DIR] [--keep]
+#
+# On a machine that lacks the build tools it installs them first (as root:
+# apt-get update, then apt-get install). Exit status 0 when every step
+# worked; otherwise 1 with a message naming the step that failed.
+set -euo pipefail
+
+REPO=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+BUILD="$REPO/build"
+KEEP=0
+PACKAGES=(cmake ninja-build g++ libgtest-dev libgmock-dev libssl-dev)
+
+# The fix the simulated positioning engine reports, and a second point for
+# the distance: Paris and London.
+FIX_LAT=48.8566
+FIX_LON=2.3522
+FIX_ALT=35
+TO_LAT=51.5074
+TO_LON=-0.1278
+
+usage() {
+    cat <<EOF
+Usage: scripts/demo.sh [--build-dir DIR] [--keep]
+
+Builds lapi_srv_host, bpsim and lapi, runs the server against the BP
+simulator on a temporary root, and shows 'lapi locate' and 'lapi distance'.
+
+  --build-dir DIR  build in DIR (default: build/ in the repository)
+  --keep           keep the temporary root (logs, socket folder) afterwards
+  -h, --help       this text
+EOF
+}
+
+while [ $# -gt 0 ]; do
+    case "$1" in
+        --build-dir)
+            [ $# -ge 2 ] || { echo "demo: --build-dir needs a folder" >&2; exit 2; }
+            BUILD=$2
+            shift 2
+            ;;
+        --keep) KEEP=1; shift ;;
+        -h | --help) usage; exit 0 ;;
+        *) echo "demo: unknown argument '$1'" >&2; usage >&2; exit 2 ;;
+    esac
+done
+case "$BUILD" in
+    /*) ;;
+    *) BUILD="$PWD/$BUILD" ;;
+esac
+
+step() { printf '\n==> %s\n' "$*"; }
+fail() {
+    printf '\ndemo: FAILED: %s\n' "$*" >&2
+    exit 1
+}
+
+# ---- 1. tools ---------------------------------------------------------------
+missing=()
+command -v cmake >/dev/null 2>&1 || missing+=(cmake)
+command -v ninja >/dev/null 2>&1 || missing+=(ninja-build)
+command -v g++ >/dev/null 2>&1 || missing+=(g++)
+[ -e /usr/include/gtest/gtest.h ] || missing+=(libgtest-dev)
+[ -e /usr/include/gmock/gmock.h ] || missing+=(libgmock-dev)
+[ -e /usr/include/openssl/ssl.h ] || missing+=(libssl-dev)
+if [ ${#missing[@]} -gt 0 ]; then
+    step "Installing build tools (missing: ${missing[*]})"
+    command -v apt-get >/dev/null 2>&1 ||
+        fail "no apt-get on this machine; install ${PACKAGES[*]} by hand"
+    if [ "$(id -u)" -eq 0 ]; then
+        SUDO=()
+    elif command -v sudo >/dev/null 2>&1 && sudo -n true 2>/dev/null; then
+        SUDO=(sudo)
+    else
+        fail "installing needs root: run 'apt-get update && apt-get install -y ${PACKAGES[*]}' as root, then this script again"
+    fi
+    "${SUDO[@]}" apt-get update || fail "apt-get update"
+    DEBIAN_FRONTEND=noninteractive "${SUDO[@]}" apt-get install -y "${PACKAGES[@]}" ||
+        fail "apt-get install ${PACKAGES[*]}"
+fi
+
+# ---- 2. build ---------------------------------------------------------------
+step "Building the server, the BP simulator and the lapi tool in $BUILD"
+if [ ! -e "$BUILD/CMakeCache.txt" ]; then
+    cmake -S "$REPO" -B "$BUILD" -G Ninja || fail "cmake could not configure the build"
+fi
+cmake --build "$BUILD" --target lapi_srv_host bpsim lapi_tool || fail "the build failed"
+SRV_BIN="$BUILD/bin/lapi_srv_host"
+SIM_BIN="$BUILD/bin/bpsim"
+LAPI_BIN="$BUILD/bin/lapi"
+for b in "$SRV_BIN" "$SIM_BIN" "$LAPI_BIN"; do
+    [ -x "$b" ] || fail "the build did not produce $b"
+done
+
+# ---- 3. run -----------------------------------------------------------------
+ROOT=$(mktemp -d /tmp/lapi-demo.XXXXXX) || fail "cannot create a temporary folder"
+SIM_PID=""
+SRV_PID=""
+LAUNCHER_PID=""
+
+# Stops a process we started: SIGTERM, up to 5 s, then SIGKILL.
+stop_pid() {
+    local pid=$1
+    [ -n "$pid" ] || return 0
+    kill -0 "$pid" 2>/dev/null || return 0
+    kill -TERM "$pid" 2>/dev/null || true
+    for _ in $(seq 50); do
+        kill -0 "$pid" 2>/dev/null || break
+        sleep 0.1
+    done
+    if kill -0 "$pid" 2>/dev/null; then
+        echo "demo: $pid did not stop on SIGTERM; killing it" >&2
+        kill -KILL "$pid" 2>/dev/null || true
+    fi
+    wait "$pid" 2>/dev/null || true
+}
+
+cleanup() {
+    local rc=$?
+    trap - EXIT INT TERM
+    stop_pid "$SRV_PID"
+    [ "$LAUNCHER_PID" = "$SRV_PID" ] || stop_pid "$LAUNCHER_PID"
+    exec 7>&- 2>/dev/null || true
+    stop_pid "$SIM_PID"
+    if [ $rc -ne 0 ] && [ -s "$ROOT/lapi_srv.log" ]; then
+        echo "--- last lines of the server's diagnostics ($ROOT/lapi_srv.log) ---" >&2
+        tail -n 20 "$ROOT/lapi_srv.log" >&2
+    fi
+    if [ "$KEEP" -eq 1 ]; then
+        echo "demo: kept $ROOT"
+    else
+        rm -rf "$ROOT"
+    fi
+    exit $rc
+}
+trap cleanup EXIT
+trap 'exit 130' INT
+trap 'exit 143' TERM
+
+step "Starting the BP simulator on $ROOT/dev/mux18"
+# The simulated engine reports this position, with one NMEA sentence.
+# shellcheck disable=SC2016 # the sentence starts with a literal '$'
+printf '%s\r\n' '$GPGGA,120000.00,4851.396,N,00221.132,E,1,08,0.9,35.0,M,45.0,M,,*5C' \
+    >"$ROOT/fix.nmea"
+# The simulator takes commands on its standard input; keep a pipe open to it.
+mkfifo "$ROOT/bpsim.in"
+exec 7<>"$ROOT/bpsim.in"
+"$SIM_BIN" --root "$ROOT" --lat "$FIX_LAT" --lon "$FIX_LON" --alt "$FIX_ALT" \
+    --nmea "$ROOT/fix.nmea" --quiet <&7 >"$ROOT/bpsim.log" 2>&1 &
+SIM_PID=$!
+for _ in $(seq 100); do
+    grep -q '^bpsim: ready' "$ROOT/bpsim.log" 2>/dev/null && break
+    kill -0 "$SIM_PID" 2>/dev/null || fail "the BP simulator stopped: $(cat "$ROOT/bpsim.log")"
+    sleep 0.1
+done
+grep -q '^bpsim: ready' "$ROOT/bpsim.log" || fail "the BP simulator did not become ready"
+
+# The engine's answer to distance requests: the great-circle distance and
+# the initial bearing between the two points.
+read -r DIST AZ < <(awk -v a="$FIX_LAT" -v b="$FIX_LON" -v c="$TO_LAT" -v d="$TO_LON" 'BEGIN {
+    pi = atan2(0, -1); r = pi / 180; R = 6371008.8
+    p1 = a * r; p2 = c * r; dl = (d - b) * r
+    h = sin((p2 - p1) / 2) ^ 2 + cos(p1) * cos(p2) * sin(dl / 2) ^ 2
+    dist = 2 * R * atan2(sqrt(h), sqrt(1 - h))
+    az = atan2(sin(dl) * cos(p2), cos(p1) * sin(p2) - sin(p1) * cos(p2) * cos(dl)) / r
+    if (az < 0) az += 360
+    printf "%.1f %.2f\n", dist, az
+}')
+echo "distance $DIST $AZ" >&7
+
+step "Starting the location server (lapi_srv_host --root $ROOT)"
+"$SRV_BIN" --root "$ROOT" >"$ROOT/lapi_srv.out" 2>"$ROOT/lapi_srv.log" &
+LAUNCHER_PID=$!
+SRV_PID=$LAUNCHER_PID
+ready=0
+for _ in $(seq 100); do
+    if [ -S "$ROOT/tmp/lapisock" ] &&
+        "$LAPI_BIN" --root "$ROOT" watch --no-mtlr --timeout 1 >/dev/null 2>&1; then
+        ready=1
+        break
+    fi
+    # Started as a process-group leader, the launcher forks and its first
+    # process exits 0; the pid file then names the server.
+    if ! kill -0 "$LAUNCHER_PID" 2>/dev/null && [ ! -s "$ROOT/tmp/lapi.pid" ]; then
+        fail "the server stopped at start (diagnostics: $ROOT/lapi_srv.log)"
+    fi
+    sleep 0.1
+done
+[ $ready -eq 1 ] || fail "the server's socket $ROOT/tmp/lapisock did not accept connections"
+if [ -s "$ROOT/tmp/lapi.pid" ]; then
+    SRV_PID=$(head -n 1 "$ROOT/tmp/lapi.pid")
+fi
+echo "server pid $SRV_PID; socket $ROOT/tmp/lapisock; diagnostics in $ROOT/lapi_srv.log"
+
+step "lapi --root $ROOT locate --nmea"
+"$LAPI_BIN" --root "$ROOT" locate --nmea || fail "'lapi locate' did not get a fix"
+
+step "lapi --root $ROOT distance $FIX_LAT $FIX_LON $TO_LAT $TO_LON"
+echo "(the simulated engine answers with the great-circle distance in metres and the"
+echo " initial bearing in degrees, computed by this script: $DIST m, $AZ deg)"
+"$LAPI_BIN" --root "$ROOT" distance "$FIX_LAT" "$FIX_LON" "$TO_LAT" "$TO_LON" ||
+    fail "'lapi distance' did not get an answer"
+
+step "Stopping the server and the simulator"
+stop_pid "$SRV_PID"
+[ "$LAUNCHER_PID" = "$SRV_PID" ] || stop_pid "$LAUNCHER_PID"
+if [ -e "$ROOT/tmp/lapi.pid" ]; then
+    fail "the server did not remove its pid file on SIGTERM"
+fi
+SRV_PID=""
+LAUNCHER_PID=""
+stop_pid "$SIM_PID"
+SIM_PID=""
+printf '\nDemo finished: the server answered a location request and a distance request.\n'
