@@ -43,10 +43,14 @@ sanitize)
 fuzz)
     CC=clang CXX=clang++ cmake -S . -B build-fuzz -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
         -DLAPI_BUILD_FUZZ=ON -DLAPI_BUILD_TESTS=OFF
-    cmake --build build-fuzz -j "$jobs"
     shopt -s nullglob
-    for target in build-fuzz/bin/fuzz_*; do
-        name=$(basename "$target")
+    targets=()
+    for src in fuzz/fuzz_*.cpp; do
+        targets+=("$(basename "$src" .cpp)")
+    done
+    cmake --build build-fuzz -j "$jobs" --target "${targets[@]}"
+    for name in "${targets[@]}"; do
+        target="build-fuzz/bin/$name"
         corpus="build-fuzz/corpus/$name"
         mkdir -p "$corpus"
         seeds="fuzz/corpus/$name"
