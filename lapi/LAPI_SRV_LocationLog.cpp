@@ -32,9 +32,6 @@ constexpr char kLogHeaderMarker[] =
 static_assert(sizeof(kLogHeaderMarker) - 1 == LAPI_SRV_LOG_HEADER_LEN,
               "the header marker is the header's length");
 
-/* Room for the offset's digits at the start of the header (the 40 blanks). */
-constexpr size_t kLogOffsetFieldLen = 40;
-
 /* Built records are far shorter than the limit; a longer one (absurd
  * doubles) is cut here and then refused by LAPI_SRV_LOG_Write. */
 constexpr size_t kLogLineBufSize = 512;
@@ -49,35 +46,45 @@ bool IsSpace(char c) {
 }
 
 /*
- * The decimal number at the start of the header. A header without digits,
- * or with a number inside the header itself, cannot name a record position:
- * writing then starts again right behind the header. A number too large for
- * 32 bits reads as the largest one (and so as beyond any configured size).
+ * The decimal number at the start of the file, read as "%d" reads it:
+ * leading white space, an optional sign, digits. Returns false when there
+ * is no number (the offset is then left as it was). A number is taken as
+ * it stands, one inside the header or a negative one (which, as a 32-bit
+ * position, lies beyond any configured size) included. One too large for
+ * an int, which "%d" could not hold, reads as the largest position.
  */
-uint32_t ReadHeaderOffset(FILE *fp) {
-    char field[kLogOffsetFieldLen + 1];
+bool ReadHeaderOffset(FILE *fp, uint32_t *pOffset) {
     (void)fseek(fp, 0, SEEK_SET);
-    size_t n = fread(field, 1, kLogOffsetFieldLen, fp);
-    field[n] = '\0';
-
-    size_t i = 0;
-    while (i < n && IsSpace(field[i])) {
-        ++i;
+    int c = fgetc(fp);
+    while (c != EOF && IsSpace(static_cast<char>(c))) {
+        c = fgetc(fp);
     }
-    if (i == n || field[i] < '0' || field[i] > '9') {
-        return LAPI_SRV_LOG_HEADER_LEN;
+    bool negative = false;
+    if (c == '+' || c == '-') {
+        negative = (c == '-');
+        c = fgetc(fp);
     }
-    uint64_t value = 0;
-    for (; i < n && field[i] >= '0' && field[i] <= '9'; ++i) {
-        value = value * 10 + static_cast<uint64_t>(field[i] - '0');
-        if (value > UINT32_MAX) {
-            return UINT32_MAX;
+    if (c == EOF || c < '0' || c > '9') {
+        return false;
+    }
+    /* The magnitude an int holds: INT_MAX, or INT_MAX + 1 when negative. */
+    const uint64_t limit = static_cast<uint64_t>(INT32_MAX) + (negative ? 1u : 0u);
+    uint64_t magnitude = 0;
+    bool tooLarge = false;
+    for (; c != EOF && c >= '0' && c <= '9'; c = fgetc(fp)) {
+        if (!tooLarge) {
+            magnitude = magnitude * 10 + static_cast<uint64_t>(c - '0');
+            tooLarge = magnitude > limit;
         }
     }
-    if (value < LAPI_SRV_LOG_HEADER_LEN) {
-        return LAPI_SRV_LOG_HEADER_LEN;
+    if (tooLarge) {
+        *pOffset = UINT32_MAX;
+    } else if (negative) {
+        *pOffset = static_cast<uint32_t>(0u - static_cast<uint32_t>(magnitude));
+    } else {
+        *pOffset = static_cast<uint32_t>(magnitude);
     }
-    return static_cast<uint32_t>(value);
+    return true;
 }
 
 /* The current time as ctime renders it, its final line feed made a comma. */
@@ -242,7 +249,7 @@ int LAPI_SRV_LOG_Open(void) {
     }
     pLogFile = fp;
 
-    gLogoffset = ReadHeaderOffset(fp);
+    (void)ReadHeaderOffset(fp, &gLogoffset);
     if (gLogoffset < gMaxLogSize) {
         (void)fseek(fp, static_cast<long>(gLogoffset), SEEK_SET);
         return 0;
@@ -265,9 +272,9 @@ int LAPI_SRV_LOG_Write(const char *text) {
     }
 
     /* A record that would pass the end goes right behind the header; one
-     * that exactly reaches the end still goes at the end. An offset already
-     * at or past the end (left by a refused open) wraps too. */
-    if (static_cast<uint64_t>(gLogoffset) + len > gMaxLogSize || gLogoffset >= gMaxLogSize) {
+     * that exactly reaches the end still goes at the end. Summed in 64 bits,
+     * so an offset far past the end (left by a refused open) wraps too. */
+    if (static_cast<uint64_t>(gLogoffset) + len > gMaxLogSize) {
         gLogoffset = LAPI_SRV_LOG_HEADER_LEN;
     }
     (void)fseek(pLogFile, static_cast<long>(gLogoffset), SEEK_SET);

@@ -38,9 +38,10 @@ int GetRunningServerPid(void) {
     if (pid == 0 || pid == getpid()) {
         return 0;
     }
-    /* A process we may not signal still exists: it counts as running. A
-     * negative number would address a process group; it names no server. */
-    if (pid > 0 && (kill(pid, 0) == 0 || errno != ESRCH)) {
+    /* A process we may not signal still exists: it counts as running. The
+     * number is asked about as it stands, a negative one included (kill
+     * then asks about a process group; signal 0 sends nothing). */
+    if (kill(pid, 0) == 0 || errno != ESRCH) {
         return pid;
     }
     return 0;
@@ -68,15 +69,17 @@ int LAPI_SRV_SavePid(void) {
     }
 
     /* Written over the old content without truncating it: readers take the
-     * first number only, so a longer old tail does no harm. */
+     * first number only, so a longer old tail does no harm. Only a write
+     * that takes no character fails; the flush result is not looked at. */
     int pid = getpid();
-    if (fprintf(pFile, "%d\n", pid) <= 0 || fflush(pFile) != 0) {
+    if (fprintf(pFile, "%d\n", pid) <= 0) {
         int err = errno;
         fclose(pFile);
         LAPI_SRV_ERR("Fail to write pid , %s.", strerror(err));
         return 0;
     }
 
+    (void)fflush(pFile);
     if (flock(fd, LOCK_UN) != 0) {
         int err = errno;
         fclose(pFile);

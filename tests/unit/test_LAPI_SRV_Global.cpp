@@ -406,15 +406,17 @@ TEST_F(FdopsTest, GetFdBufRejectsNullAndNonPositiveSizeSilently) {
     EXPECT_EQ(buf.buf, nullptr);
 }
 
-TEST_F(FdopsTest, GetFdBufRefusesSizeBeyondSixteenBits) {
+TEST_F(FdopsTest, GetFdBufKeepsCapacityInSixteenBits) {
     FdBuf buf = {};
     StderrCapture cap;
-    EXPECT_EQ(GetFdBuf(&buf, 65536), -1);
-    std::string err = cap.Stop();
-    EXPECT_NE(err.find("LAPI Error SRV GetFdBuf: Buf size: 65536 > 65535, refuse!\n"),
-              std::string::npos)
-        << err;
-    EXPECT_EQ(buf.buf, nullptr);
+    /* Only a null pointer, a size below 1 or a failed allocation fail: a
+     * block beyond 16 bits is allocated and used up to the low 16 bits. */
+    ASSERT_EQ(GetFdBuf(&buf, 65536 + 10), 0);
+    EXPECT_EQ(cap.Stop(), "");
+    ASSERT_NE(buf.buf, nullptr);
+    EXPECT_EQ(buf.len, 10);
+    EXPECT_EQ(buf.idx, 0);
+    FreeFdBuf(&buf);
 
     ASSERT_EQ(GetFdBuf(&buf, 65535), 0);
     EXPECT_EQ(buf.len, 65535);
@@ -739,6 +741,31 @@ TEST_F(FdopsTest, InitGlobalsResetsEverything) {
 /* ======================================================================== */
 
 using GeneralReadTest = CoreTest;
+
+TEST_F(GeneralReadTest, NullFdopsOrMissingBlockIsRefused) {
+    FdBuf noBlock = {};
+    noBlock.len = 16; /* a capacity, but no block behind it */
+    Fdops broken = {};
+    broken.fd = -1;
+    broken.rbuf = noBlock;
+    StderrCapture cap;
+    EXPECT_EQ(LAPI_SRV_GeneralRead(nullptr), -1);
+    EXPECT_EQ(LAPI_SRV_GeneralRead(&broken), -1);
+    std::string err = cap.Stop();
+    EXPECT_EQ(CountOf(err, "LAPI Error SRV LAPI_SRV_GeneralRead: Invalid pFdops!\n"), 2u) << err;
+}
+
+TEST_F(GeneralReadTest, FdopsWithoutReadBufferReadsNothing) {
+    SocketPair sp;
+    Fdops *pFdops = CreateFdops(sp.TakeA(), 0, 0);
+    ASSERT_NE(pFdops, nullptr);
+    ASSERT_EQ(write(sp.b(), "x", 1), 1);
+    EXPECT_EQ(LAPI_SRV_GeneralRead(pFdops), 0);
+    EXPECT_EQ(pFdops->rbuf.idx, 0);
+    /* The byte is still waiting in the socket. */
+    EXPECT_EQ(LAPI_BytesInSocket(pFdops->fd), 1);
+    DestroyFdops(pFdops);
+}
 
 TEST_F(GeneralReadTest, ReadsWhatIsThereAndStopsAtEagain) {
     SocketPair sp;

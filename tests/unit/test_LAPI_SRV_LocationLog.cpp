@@ -587,30 +587,59 @@ TEST_F(LocationLog, HeaderOffsetAtSizeFailsFirstWriteThenWraps) {
     EXPECT_EQ(ReadFile(logPath_).substr(0, 82), Header(82) + "second\n");
 }
 
-TEST_F(LocationLog, EmptyRecordAfterRefusedOpenStillGoesBehindHeader) {
+TEST_F(LocationLog, EmptyRecordAtTheEndAfterRefusedOpenStaysAtTheEnd) {
+    /* Offset 1024 with size 1024: 1024 + 0 is not greater than the size,
+     * so an empty record is written (as nothing) at the end, like any record
+     * that exactly reaches it; the next real record wraps. */
     WriteFile(logPath_, Header(1024) + std::string(1024 - 75, 'o'));
     LogOn(1024);
     StderrCapture cap(errPath_);
     EXPECT_EQ(LAPI_SRV_LOG_Write("first\n"), -1);
     cap.Text();
     ASSERT_EQ(LAPI_SRV_LOG_Write(""), 0);
-    EXPECT_EQ(gLogoffset, 75u);
-    EXPECT_EQ(HeaderNumber(ReadFile(logPath_)), 75u);
+    EXPECT_EQ(gLogoffset, 1024u);
+    EXPECT_EQ(HeaderNumber(ReadFile(logPath_)), 1024u);
+    ASSERT_EQ(LAPI_SRV_LOG_Write("x\n"), 0);
+    EXPECT_EQ(gLogoffset, 77u);
 }
 
-TEST_F(LocationLog, HeaderWithoutNumberStartsBehindHeader) {
+TEST_F(LocationLog, HeaderWithoutNumberKeepsTheCurrentOffset) {
+    /* Nothing to read: the offset stays at its start value 0, so the record
+     * goes to the top of the file and the header is written over it. */
     WriteFile(logPath_, std::string(40, ' ') + kMarker + "garbage\n");
     LogOn(1024);
     ASSERT_EQ(LAPI_SRV_LOG_Write("rec\n"), 0);
-    EXPECT_EQ(gLogoffset, 79u);
-    EXPECT_EQ(ReadFile(logPath_).substr(0, 79), Header(79) + "rec\n");
+    EXPECT_EQ(gLogoffset, 4u);
+    EXPECT_EQ(ReadFile(logPath_), Header(4) + "garbage\n");
 }
 
-TEST_F(LocationLog, HeaderNumberInsideHeaderStartsBehindHeader) {
+TEST_F(LocationLog, HeaderNumberInsideHeaderIsTakenAsItStands) {
     WriteFile(logPath_, Header(3));
     LogOn(1024);
     ASSERT_EQ(LAPI_SRV_LOG_Write("rec\n"), 0);
-    EXPECT_EQ(ReadFile(logPath_), Header(79) + "rec\n");
+    /* Written at byte 3, then covered by the rewritten header. */
+    EXPECT_EQ(gLogoffset, 7u);
+    EXPECT_EQ(ReadFile(logPath_), Header(7));
+}
+
+TEST_F(LocationLog, NegativeHeaderNumberIsBeyondSize) {
+    /* -5 as a 32-bit position lies beyond any size: the first write fails,
+     * the next one starts behind the header. */
+    WriteFile(logPath_, "-5" + std::string(38, ' ') + kMarker);
+    LogOn(1024);
+    StderrCapture cap(errPath_);
+    EXPECT_EQ(LAPI_SRV_LOG_Write("first\n"), -1);
+    EXPECT_TRUE(Contains(cap.Text(), ErrLine("LAPI_SRV_LOG_Open", "gLogoffset >= gMaxLogSize!")));
+    ASSERT_EQ(LAPI_SRV_LOG_Write("second\n"), 0);
+    EXPECT_EQ(gLogoffset, 82u);
+    EXPECT_EQ(ReadFile(logPath_).substr(0, 82), Header(82) + "second\n");
+}
+
+TEST_F(LocationLog, HeaderNumberAfterLeadingBlanksIsRead) {
+    WriteFile(logPath_, "   90" + std::string(35, ' ') + kMarker + std::string(20, 'o'));
+    LogOn(1024);
+    ASSERT_EQ(LAPI_SRV_LOG_Write("n\n"), 0);
+    EXPECT_EQ(gLogoffset, 92u);
 }
 
 TEST_F(LocationLog, HugeHeaderNumberIsBeyondSize) {
