@@ -92,10 +92,19 @@ static ReqPrefix ReadPrefix(const uint8_t *pMsg) {
     return prefix;
 }
 
-static Client *RequestClient(Fdops *pFdops, const MsgHeader &hdr) {
+/* The handler on whose behalf a shared step writes its diagnostic: the
+ * line names that handler, as if it had written the line itself. */
+struct LogSite {
+    const char *pFunc;
+    int line;
+};
+#define LOG_SITE (LogSite{__func__, __LINE__})
+#define SITE_ERR(site, ...) LAPI_LogLine(1, 1, __FILE__, (site).line, (site).pFunc, __VA_ARGS__)
+
+static Client *RequestClient(Fdops *pFdops, const MsgHeader &hdr, LogSite site) {
     Client *pClient = pFdops != nullptr ? static_cast<Client *>(pFdops->pFdInfo) : nullptr;
     if (pClient == nullptr) {
-        LAPI_SRV_ERR("pFdops->pFdInfo == NULL, pid is : %d!", static_cast<int>(hdr.pid));
+        SITE_ERR(site, "pFdops->pFdInfo == NULL, pid is : %d!", static_cast<int>(hdr.pid));
     }
     return pClient;
 }
@@ -149,15 +158,14 @@ static int SendBpMsg(BpMsgWriter *pW) {
 /* Header check shared by every request: the identifier, then the exact body
  * length, with the handler's own wrong-length text. */
 static bool CheckHeader(const MsgHeader &hdr, uint16_t msgId, uint16_t msgLen,
-                        const char *pWrongLenFmt) {
+                        const char *pWrongLenFmt, LogSite site) {
     if (hdr.msgId != msgId) {
-        LAPI_SRV_ERR("pMsgHeader->msgId : %d is not expected, pid : %d!", hdr.msgId,
-                     static_cast<int>(hdr.pid));
+        SITE_ERR(site, "pMsgHeader->msgId : %d is not expected, pid : %d!", hdr.msgId,
+                 static_cast<int>(hdr.pid));
         return false;
     }
     if (hdr.msgLen != msgLen) {
-        LAPI_LogLine(1, 1, __FILE__, __LINE__, __func__, pWrongLenFmt, hdr.msgLen,
-                     static_cast<int>(hdr.pid));
+        SITE_ERR(site, pWrongLenFmt, hdr.msgLen, static_cast<int>(hdr.pid));
         return false;
     }
     return true;
@@ -171,11 +179,12 @@ static bool CheckHeader(const MsgHeader &hdr, uint16_t msgId, uint16_t msgLen,
  * no transaction could be created.
  */
 static Transaction *StartTransaction(Client *pClient, const MsgHeader &hdr, const ReqPrefix &prefix,
-                                     uint16_t subCmdId, uint32_t deadlineSec, int *pResult) {
+                                     uint16_t subCmdId, uint32_t deadlineSec, int *pResult,
+                                     LogSite site) {
     uint32_t isSync = prefix.mode == LAPI_MODE_SYNC ? 1 : 0;
     if (LAPI_SRV_GetTranByClientId(pClient, prefix.sessionId, prefix.transactionId, 0) != nullptr) {
-        LAPI_SRV_ERR("Invalid client sid: %d, tid: %d, transaction exist! pid is : %d!",
-                     prefix.sessionId, prefix.transactionId, static_cast<int>(hdr.pid));
+        SITE_ERR(site, "Invalid client sid: %d, tid: %d, transaction exist! pid is : %d!",
+                 prefix.sessionId, prefix.transactionId, static_cast<int>(hdr.pid));
         *pResult = LAPI_SRV_SendInvalidReqResponse(ReplyFdops(pClient, isSync), prefix.sessionId,
                                                    prefix.transactionId);
         return nullptr;
@@ -183,7 +192,7 @@ static Transaction *StartTransaction(Client *pClient, const MsgHeader &hdr, cons
     Transaction *pTran =
         LAPI_SRV_CreateTransaction(prefix.sessionId, prefix.transactionId, pClient, isSync);
     if (pTran == nullptr) {
-        LAPI_SRV_ERR("Fail to create transaction, pid is : %d!", static_cast<int>(hdr.pid));
+        SITE_ERR(site, "Fail to create transaction, pid is : %d!", static_cast<int>(hdr.pid));
         *pResult = -1;
         return nullptr;
     }
@@ -254,10 +263,10 @@ int LAPI_SRV_AbortLocationReq(Transaction *pTran, uint32_t isSync) {
 int LAPI_SRV_ProcGetLocationMsg(uint8_t *pMsg, Fdops *pFdops) {
     MsgHeader hdr = ReadHeader(pMsg);
     if (!CheckHeader(hdr, LAPI_GET_LOCATION_REQ, LAPI_GET_LOCATION_REQ_LEN,
-                     "Wrong get location msg length: %d, pid is: %d!")) {
+                     "Wrong get location msg length: %d, pid is: %d!", LOG_SITE)) {
         return -1;
     }
-    Client *pClient = RequestClient(pFdops, hdr);
+    Client *pClient = RequestClient(pFdops, hdr, LOG_SITE);
     if (pClient == nullptr) {
         return -1;
     }
@@ -268,7 +277,7 @@ int LAPI_SRV_ProcGetLocationMsg(uint8_t *pMsg, Fdops *pFdops) {
     int result = 0;
     Transaction *pTran = StartTransaction(
         pClient, hdr, prefix, GEOLOCATION_APBP_REQ,
-        LAPI_SRV_GetLocationDeadlineSec(req.responseTime, req.reportCriteria), &result);
+        LAPI_SRV_GetLocationDeadlineSec(req.responseTime, req.reportCriteria), &result, LOG_SITE);
     if (pTran == nullptr) {
         return result;
     }
@@ -302,10 +311,10 @@ int LAPI_SRV_ProcGetLocationMsg(uint8_t *pMsg, Fdops *pFdops) {
 int LAPI_SRV_ProcAbortLocationMsg(uint8_t *pMsg, Fdops *pFdops) {
     MsgHeader hdr = ReadHeader(pMsg);
     if (!CheckHeader(hdr, LAPI_ABORT_LOCATION_REQ, LAPI_ABORT_LOCATION_REQ_LEN,
-                     "Wrong abort location msg length: %d, pid is: %d!")) {
+                     "Wrong abort location msg length: %d, pid is: %d!", LOG_SITE)) {
         return -1;
     }
-    Client *pClient = RequestClient(pFdops, hdr);
+    Client *pClient = RequestClient(pFdops, hdr, LOG_SITE);
     if (pClient == nullptr) {
         return -1;
     }
@@ -326,7 +335,7 @@ int LAPI_SRV_ProcAbortLocationMsg(uint8_t *pMsg, Fdops *pFdops) {
 int LAPI_SRV_ProcAbortAllLocationMsg(uint8_t *pMsg, Fdops * /*pFdops*/) {
     MsgHeader hdr = ReadHeader(pMsg);
     if (!CheckHeader(hdr, LAPI_ABORT_ALL_LOCATION_REQ, LAPI_ABORT_ALL_LOCATION_REQ_LEN,
-                     "Wrong abort all location msg length: %d, pid is: %d!")) {
+                     "Wrong abort all location msg length: %d, pid is: %d!", LOG_SITE)) {
         return -1;
     }
     /* Every running location request of every client is aborted, whoever
@@ -345,17 +354,17 @@ int LAPI_SRV_ProcAbortAllLocationMsg(uint8_t *pMsg, Fdops * /*pFdops*/) {
 int LAPI_SRV_ProcLastKnownLocationMsg(uint8_t *pMsg, Fdops *pFdops) {
     MsgHeader hdr = ReadHeader(pMsg);
     if (!CheckHeader(hdr, LAPI_LAST_KNOWN_LOCATION_REQ, LAPI_LAST_KNOWN_LOCATION_REQ_LEN,
-                     "Wrong get last known location msg length: %d, pid is: %d!")) {
+                     "Wrong get last known location msg length: %d, pid is: %d!", LOG_SITE)) {
         return -1;
     }
-    Client *pClient = RequestClient(pFdops, hdr);
+    Client *pClient = RequestClient(pFdops, hdr, LOG_SITE);
     if (pClient == nullptr) {
         return -1;
     }
     int result = 0;
     Transaction *pTran =
         StartTransaction(pClient, hdr, ReadPrefix(pMsg), LAST_KNOWN_GEOLOCATION_APBP_REQ,
-                         LAPI_SRV_LAST_KNOWN_DEADLINE_SEC, &result);
+                         LAPI_SRV_LAST_KNOWN_DEADLINE_SEC, &result, LOG_SITE);
     if (pTran == nullptr) {
         return result;
     }
@@ -376,10 +385,10 @@ int LAPI_SRV_ProcLastKnownLocationMsg(uint8_t *pMsg, Fdops *pFdops) {
 int LAPI_SRV_ProcGetGpsDbDataMsg(uint8_t *pMsg, Fdops *pFdops) {
     MsgHeader hdr = ReadHeader(pMsg);
     if (!CheckHeader(hdr, LAPI_GET_GPS_DB_DATA_REQ, LAPI_GET_GPS_DB_DATA_REQ_LEN,
-                     "Wrong get location state msg length: %d, pid is: %d!")) {
+                     "Wrong get location state msg length: %d, pid is: %d!", LOG_SITE)) {
         return -1;
     }
-    Client *pClient = RequestClient(pFdops, hdr);
+    Client *pClient = RequestClient(pFdops, hdr, LOG_SITE);
     if (pClient == nullptr) {
         return -1;
     }
@@ -387,7 +396,7 @@ int LAPI_SRV_ProcGetGpsDbDataMsg(uint8_t *pMsg, Fdops *pFdops) {
     memcpy(&req, pMsg, sizeof(req));
     int result = 0;
     Transaction *pTran = StartTransaction(pClient, hdr, ReadPrefix(pMsg), DB_READ_APBP_REQ,
-                                          LAPI_SRV_DB_DEADLINE_SEC, &result);
+                                          LAPI_SRV_DB_DEADLINE_SEC, &result, LOG_SITE);
     if (pTran == nullptr) {
         return result;
     }
@@ -412,16 +421,16 @@ int LAPI_SRV_ProcGetGpsDbDataMsg(uint8_t *pMsg, Fdops *pFdops) {
 int LAPI_SRV_ProcSetGpsDbDataMsg(uint8_t *pMsg, Fdops *pFdops) {
     MsgHeader hdr = ReadHeader(pMsg);
     if (!CheckHeader(hdr, LAPI_SET_GPS_DB_DATA_REQ, LAPI_SET_GPS_DB_DATA_REQ_LEN,
-                     "Wrong set location state msg length: %d, pid is: %d!")) {
+                     "Wrong set location state msg length: %d, pid is: %d!", LOG_SITE)) {
         return -1;
     }
-    Client *pClient = RequestClient(pFdops, hdr);
+    Client *pClient = RequestClient(pFdops, hdr, LOG_SITE);
     if (pClient == nullptr) {
         return -1;
     }
     int result = 0;
     Transaction *pTran = StartTransaction(pClient, hdr, ReadPrefix(pMsg), DB_WRITE_APBP_REQ,
-                                          LAPI_SRV_DB_DEADLINE_SEC, &result);
+                                          LAPI_SRV_DB_DEADLINE_SEC, &result, LOG_SITE);
     if (pTran == nullptr) {
         return result;
     }
@@ -476,16 +485,16 @@ int LAPI_SRV_ProcSetGpsDbDataMsg(uint8_t *pMsg, Fdops *pFdops) {
 int LAPI_SRV_ProcGetStatusMsg(uint8_t *pMsg, Fdops *pFdops) {
     MsgHeader hdr = ReadHeader(pMsg);
     if (!CheckHeader(hdr, LAPI_GET_STATUS_REQ, LAPI_GET_STATUS_REQ_LEN,
-                     "Wrong get status msg length: %d, pid is: %d!")) {
+                     "Wrong get status msg length: %d, pid is: %d!", LOG_SITE)) {
         return -1;
     }
-    Client *pClient = RequestClient(pFdops, hdr);
+    Client *pClient = RequestClient(pFdops, hdr, LOG_SITE);
     if (pClient == nullptr) {
         return -1;
     }
     int result = 0;
     Transaction *pTran = StartTransaction(pClient, hdr, ReadPrefix(pMsg), GET_STATUS_APBP_REQ,
-                                          LAPI_SRV_STATUS_DEADLINE_SEC, &result);
+                                          LAPI_SRV_STATUS_DEADLINE_SEC, &result, LOG_SITE);
     if (pTran == nullptr) {
         return result;
     }
@@ -503,7 +512,7 @@ int LAPI_SRV_ProcGetStatusMsg(uint8_t *pMsg, Fdops *pFdops) {
 int LAPI_SRV_ProcLocationNotificationCfmMsg(uint8_t *pMsg, Fdops * /*pFdops*/) {
     MsgHeader hdr = ReadHeader(pMsg);
     if (!CheckHeader(hdr, LAPI_LOCATION_NOTIFICATION_CFM, LAPI_LOCATION_NOTIFICATION_CFM_LEN,
-                     "Wrong location notification confirm msg length: %d, pid is: %d!")) {
+                     "Wrong location notification confirm msg length: %d, pid is: %d!", LOG_SITE)) {
         return -1;
     }
     LocationNotificationCfm cfm;
@@ -522,10 +531,10 @@ int LAPI_SRV_ProcLocationNotificationCfmMsg(uint8_t *pMsg, Fdops * /*pFdops*/) {
 int LAPI_SRV_ProcDistanceAzimuthMsg(uint8_t *pMsg, Fdops *pFdops) {
     MsgHeader hdr = ReadHeader(pMsg);
     if (!CheckHeader(hdr, LAPI_DISTANCE_AZIMUTH_REQ, LAPI_DISTANCE_AZIMUTH_REQ_LEN,
-                     "Wrong distance and azimuth req msg length: %d, pid is: %d!")) {
+                     "Wrong distance and azimuth req msg length: %d, pid is: %d!", LOG_SITE)) {
         return -1;
     }
-    Client *pClient = RequestClient(pFdops, hdr);
+    Client *pClient = RequestClient(pFdops, hdr, LOG_SITE);
     if (pClient == nullptr) {
         return -1;
     }
@@ -534,7 +543,7 @@ int LAPI_SRV_ProcDistanceAzimuthMsg(uint8_t *pMsg, Fdops *pFdops) {
     int result = 0;
     Transaction *pTran =
         StartTransaction(pClient, hdr, ReadPrefix(pMsg), DISTANCE_AND_AZIMUTH_APBP_REQ,
-                         LAPI_SRV_DISTANCE_DEADLINE_SEC, &result);
+                         LAPI_SRV_DISTANCE_DEADLINE_SEC, &result, LOG_SITE);
     if (pTran == nullptr) {
         return result;
     }
@@ -560,10 +569,10 @@ int LAPI_SRV_ProcDistanceAzimuthMsg(uint8_t *pMsg, Fdops *pFdops) {
 int LAPI_SRV_ProcAddProximityMsg(uint8_t *pMsg, Fdops *pFdops) {
     MsgHeader hdr = ReadHeader(pMsg);
     if (!CheckHeader(hdr, LAPI_ADD_PROXIMITY_REQ, LAPI_ADD_PROXIMITY_REQ_LEN,
-                     "Wrong add proximity req msg length: %d, pid is: %d!")) {
+                     "Wrong add proximity req msg length: %d, pid is: %d!", LOG_SITE)) {
         return -1;
     }
-    Client *pClient = RequestClient(pFdops, hdr);
+    Client *pClient = RequestClient(pFdops, hdr, LOG_SITE);
     if (pClient == nullptr) {
         return -1;
     }
@@ -572,7 +581,7 @@ int LAPI_SRV_ProcAddProximityMsg(uint8_t *pMsg, Fdops *pFdops) {
     int result = 0;
     /* The transaction stays after the BP's answer as the record of the area. */
     Transaction *pTran = StartTransaction(pClient, hdr, ReadPrefix(pMsg), PROXIMITY_ADD_APBP_REQ,
-                                          LAPI_SRV_ADD_PROXIMITY_DEADLINE_SEC, &result);
+                                          LAPI_SRV_ADD_PROXIMITY_DEADLINE_SEC, &result, LOG_SITE);
     if (pTran == nullptr) {
         return result;
     }
@@ -591,44 +600,45 @@ int LAPI_SRV_ProcAddProximityMsg(uint8_t *pMsg, Fdops *pFdops) {
 }
 
 static void SendRemoveProximityReq(const Transaction *pTran, uint32_t removeType,
-                                   const MsgHeader &hdr) {
+                                   const MsgHeader &hdr, LogSite site) {
     uint8_t frame[LAPI_BP_REMOVE_PROXIMITY_REQ_LEN + LAPI_BP_FRAME_OVERHEAD];
     BpMsgWriter w = {frame, 0};
     PutBpHeader(&w, PROXIMITY_REM_APBP_REQ, pTran->sid, pTran->tid);
     PutU32(&w, removeType);
     if (SendBpMsg(&w) < 0) {
-        LAPI_SRV_ERR("Fail to send removeProximityReq msg to BP, pid is : %d!",
-                     static_cast<int>(hdr.pid));
+        SITE_ERR(site, "Fail to send removeProximityReq msg to BP, pid is : %d!",
+                 static_cast<int>(hdr.pid));
     }
 }
 
 int LAPI_SRV_ProcRemoveAllProximityMsg(uint8_t *pMsg, Fdops *pFdops) {
     MsgHeader hdr = ReadHeader(pMsg);
     if (!CheckHeader(hdr, LAPI_REMOVE_PROXIMITY_REQ, LAPI_REMOVE_PROXIMITY_REQ_LEN,
-                     "Wrong remove proximity req msg length: %d, pid is: %d!")) {
+                     "Wrong remove proximity req msg length: %d, pid is: %d!", LOG_SITE)) {
         return -1;
     }
-    Client *pClient = RequestClient(pFdops, hdr);
+    Client *pClient = RequestClient(pFdops, hdr, LOG_SITE);
     if (pClient == nullptr) {
         return -1;
     }
     RemoveProximityReq req;
     memcpy(&req, pMsg, sizeof(req));
     int result = 0;
-    Transaction *pTran = StartTransaction(pClient, hdr, ReadPrefix(pMsg), PROXIMITY_REM_APBP_REQ,
-                                          LAPI_SRV_REMOVE_PROXIMITY_DEADLINE_SEC, &result);
+    Transaction *pTran =
+        StartTransaction(pClient, hdr, ReadPrefix(pMsg), PROXIMITY_REM_APBP_REQ,
+                         LAPI_SRV_REMOVE_PROXIMITY_DEADLINE_SEC, &result, LOG_SITE);
     if (pTran == nullptr) {
         return result;
     }
     pTran->reqParam = req.removeType;
-    SendRemoveProximityReq(pTran, req.removeType, hdr);
+    SendRemoveProximityReq(pTran, req.removeType, hdr, LOG_SITE);
     return 0;
 }
 
 int LAPI_SRV_ProcRemoveProximityMsg(uint8_t *pMsg, Fdops *pFdops) {
     MsgHeader hdr = ReadHeader(pMsg);
     if (!CheckHeader(hdr, LAPI_REMOVE_PROXIMITY_REQ, LAPI_REMOVE_PROXIMITY_REQ_LEN,
-                     "Wrong remove proximity req msg length: %d, pid is: %d!")) {
+                     "Wrong remove proximity req msg length: %d, pid is: %d!", LOG_SITE)) {
         return -1;
     }
     RemoveProximityReq req;
@@ -636,7 +646,7 @@ int LAPI_SRV_ProcRemoveProximityMsg(uint8_t *pMsg, Fdops *pFdops) {
     if (req.removeType == LAPI_REMOVE_ALL_PROXIMITY) {
         return LAPI_SRV_ProcRemoveAllProximityMsg(pMsg, pFdops);
     }
-    Client *pClient = RequestClient(pFdops, hdr);
+    Client *pClient = RequestClient(pFdops, hdr, LOG_SITE);
     if (pClient == nullptr) {
         return -1;
     }
@@ -660,7 +670,7 @@ int LAPI_SRV_ProcRemoveProximityMsg(uint8_t *pMsg, Fdops *pFdops) {
     pTran->expireTime = LAPI_SRV_TicksAhead(LAPI_SRV_REMOVE_PROXIMITY_DEADLINE_SEC);
     pTran->isSync = static_cast<uint8_t>(isSync);
     pTran->reqParam = req.removeType;
-    SendRemoveProximityReq(pTran, req.removeType, hdr);
+    SendRemoveProximityReq(pTran, req.removeType, hdr, LOG_SITE);
     return 0;
 }
 

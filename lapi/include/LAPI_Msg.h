@@ -432,6 +432,75 @@ LAPI_MSG_SIZE_CHECK(ProximityHitInd, LAPI_PROXIMITY_HIT_IND_LEN);
 LAPI_MSG_SIZE_CHECK(GetGpsDbDataRsp, LAPI_GET_GPS_DB_DATA_RSP_LEN);
 LAPI_MSG_SIZE_CHECK(LocationNotificationInd, LAPI_LOCATION_NOTIFICATION_IND_LEN);
 
+/* Field offsets from the start of the message, header included: readers
+ * copy fields out at these positions. */
+#define LAPI_MSG_OFFSET_CHECK(type, field, offset) \
+    LAPI_MSG_STATIC_ASSERT(offsetof(type, field) == (offset), #type "." #field " moved")
+#ifdef __cplusplus
+#define LAPI_MSG_STATIC_ASSERT(cond, text) static_assert(cond, text)
+#else
+#define LAPI_MSG_STATIC_ASSERT(cond, text) _Static_assert(cond, text)
+#endif
+
+LAPI_MSG_OFFSET_CHECK(MsgHeader, msgId, 4);
+LAPI_MSG_OFFSET_CHECK(MsgHeader, msgLen, 6);
+LAPI_MSG_OFFSET_CHECK(DbFile, length, 4);
+LAPI_MSG_OFFSET_CHECK(DbFile, data, 6);
+LAPI_MSG_OFFSET_CHECK(RegisterReq, service, 8);
+LAPI_MSG_OFFSET_CHECK(GetAsyncFdReq, globalId, 8);
+LAPI_MSG_OFFSET_CHECK(GetLocationReq, sessionId, 10);
+LAPI_MSG_OFFSET_CHECK(GetLocationReq, transactionId, 11);
+LAPI_MSG_OFFSET_CHECK(GetLocationReq, responseTime, 12);
+LAPI_MSG_OFFSET_CHECK(GetLocationReq, reportCriteria, 32);
+LAPI_MSG_OFFSET_CHECK(GetLocationReq, costAllowed, 36);
+LAPI_MSG_OFFSET_CHECK(GetLocationReq, nmeaRequired, 40);
+LAPI_MSG_OFFSET_CHECK(GetGpsDbDataReq, fileId, 12);
+LAPI_MSG_OFFSET_CHECK(SetGpsDbDataReq, numFiles, 12);
+LAPI_MSG_OFFSET_CHECK(SetGpsDbDataReq, dbFile, 14);
+LAPI_MSG_OFFSET_CHECK(LocationNotificationCfm, sessionId, 8);
+LAPI_MSG_OFFSET_CHECK(LocationNotificationCfm, responseType, 10);
+LAPI_MSG_OFFSET_CHECK(DistanceAzimuthReq, latitude1, 12);
+LAPI_MSG_OFFSET_CHECK(DistanceAzimuthReq, longitude2, 36);
+LAPI_MSG_OFFSET_CHECK(DistanceAzimuthReq, distanceOnly, 44);
+LAPI_MSG_OFFSET_CHECK(AddProximityReq, latitude, 12);
+LAPI_MSG_OFFSET_CHECK(AddProximityReq, radius, 36);
+LAPI_MSG_OFFSET_CHECK(RemoveProximityReq, removeType, 12);
+LAPI_MSG_OFFSET_CHECK(RegisterRsp, globalId, 8);
+LAPI_MSG_OFFSET_CHECK(TimeOutRsp, sessionId, 8);
+LAPI_MSG_OFFSET_CHECK(InvalidRequestRsp, transactionId, 9);
+LAPI_MSG_OFFSET_CHECK(AbortLocationRsp, result, 10);
+LAPI_MSG_OFFSET_CHECK(SetGpsDbDataRsp, result, 10);
+LAPI_MSG_OFFSET_CHECK(AddProximityRsp, status, 10);
+LAPI_MSG_OFFSET_CHECK(RemoveProximityRsp, status, 10);
+LAPI_MSG_OFFSET_CHECK(NotificationStatusInd, cause, 10);
+LAPI_MSG_OFFSET_CHECK(DistanceAzimuthRsp, distance, 10);
+LAPI_MSG_OFFSET_CHECK(DistanceAzimuthRsp, azimuth, 18);
+LAPI_MSG_OFFSET_CHECK(GetStatusRsp, userStatus, 10);
+LAPI_MSG_OFFSET_CHECK(GetStatusRsp, emergencyStatus, 22);
+LAPI_MSG_OFFSET_CHECK(GetStatusRsp, fixResultStatus, 26);
+LAPI_MSG_OFFSET_CHECK(GetStatusRsp, signalStatus, 34);
+LAPI_MSG_OFFSET_CHECK(GetStatusRsp, iconStatus, 38);
+LAPI_MSG_OFFSET_CHECK(GetLocationRsp, longitude, 10);
+LAPI_MSG_OFFSET_CHECK(GetLocationRsp, course, 90);
+LAPI_MSG_OFFSET_CHECK(GetLocationRsp, locationMethod, 98);
+LAPI_MSG_OFFSET_CHECK(GetLocationRsp, cause, 102);
+LAPI_MSG_OFFSET_CHECK(GetLocationRsp, ageOfFix, 106);
+LAPI_MSG_OFFSET_CHECK(GetLocationRsp, nmeaDataLength, 114);
+LAPI_MSG_OFFSET_CHECK(GetLocationRsp, nmeaData, 116);
+LAPI_MSG_OFFSET_CHECK(ProximityHitInd, course, 90);
+LAPI_MSG_OFFSET_CHECK(ProximityHitInd, locationMethod, 98);
+LAPI_MSG_OFFSET_CHECK(ProximityHitInd, ageOfFix, 102);
+LAPI_MSG_OFFSET_CHECK(GetGpsDbDataRsp, numFiles, 10);
+LAPI_MSG_OFFSET_CHECK(GetGpsDbDataRsp, dbFile, 12);
+LAPI_MSG_OFFSET_CHECK(GetGpsDbDataRsp, result, 232);
+LAPI_MSG_OFFSET_CHECK(LocationNotificationInd, notificationType, 10);
+LAPI_MSG_OFFSET_CHECK(LocationNotificationInd, locationType, 14);
+LAPI_MSG_OFFSET_CHECK(LocationNotificationInd, dataCodingSchema, 18);
+LAPI_MSG_OFFSET_CHECK(LocationNotificationInd, nameLength, 19);
+LAPI_MSG_OFFSET_CHECK(LocationNotificationInd, clientName, 20);
+LAPI_MSG_OFFSET_CHECK(LocationNotificationInd, addrLength, 165);
+LAPI_MSG_OFFSET_CHECK(LocationNotificationInd, clientExternalAddr, 166);
+
 #ifdef __cplusplus
 }
 #endif

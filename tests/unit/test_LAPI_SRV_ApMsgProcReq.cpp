@@ -925,3 +925,158 @@ TEST_F(ApMsgProcReq, ClientRemovedWithRunningRequestsAbortsEachOnce) {
     EXPECT_EQ((Bytes{0x02, 2, 2}), bp[1]);
     EXPECT_EQ(0u, h.TranCount());
 }
+
+/* ------------------------------------------------------------------------ */
+/* The handler a refusal names                                               */
+/* ------------------------------------------------------------------------ */
+
+namespace {
+
+/* True when `text` holds the error line `msg` written by `func`. */
+bool HasErrorFrom(const std::string &text, const std::string &func, const std::string &msg) {
+    return text.find("\tLAPI Error SRV " + func + ": " + msg + "\n") != std::string::npos;
+}
+
+struct HandlerRow {
+    const char *func;
+    int (*handler)(uint8_t *, Fdops *);
+    uint16_t msgId;
+    uint16_t msgLen;
+    const char *wrongLen; /* the wrong-length text up to its first number */
+};
+
+const HandlerRow kHandlerRows[] = {
+    {"LAPI_SRV_ProcGetLocationMsg", LAPI_SRV_ProcGetLocationMsg, LAPI_GET_LOCATION_REQ, 33,
+     "Wrong get location msg length: "},
+    {"LAPI_SRV_ProcAbortLocationMsg", LAPI_SRV_ProcAbortLocationMsg, LAPI_ABORT_LOCATION_REQ, 4,
+     "Wrong abort location msg length: "},
+    {"LAPI_SRV_ProcAbortAllLocationMsg", LAPI_SRV_ProcAbortAllLocationMsg,
+     LAPI_ABORT_ALL_LOCATION_REQ, 0, "Wrong abort all location msg length: "},
+    {"LAPI_SRV_ProcLastKnownLocationMsg", LAPI_SRV_ProcLastKnownLocationMsg,
+     LAPI_LAST_KNOWN_LOCATION_REQ, 4, "Wrong get last known location msg length: "},
+    {"LAPI_SRV_ProcGetGpsDbDataMsg", LAPI_SRV_ProcGetGpsDbDataMsg, LAPI_GET_GPS_DB_DATA_REQ, 8,
+     "Wrong get location state msg length: "},
+    {"LAPI_SRV_ProcSetGpsDbDataMsg", LAPI_SRV_ProcSetGpsDbDataMsg, LAPI_SET_GPS_DB_DATA_REQ, 226,
+     "Wrong set location state msg length: "},
+    {"LAPI_SRV_ProcGetStatusMsg", LAPI_SRV_ProcGetStatusMsg, LAPI_GET_STATUS_REQ, 4,
+     "Wrong get status msg length: "},
+    {"LAPI_SRV_ProcLocationNotificationCfmMsg", LAPI_SRV_ProcLocationNotificationCfmMsg,
+     LAPI_LOCATION_NOTIFICATION_CFM, 6, "Wrong location notification confirm msg length: "},
+    {"LAPI_SRV_ProcDistanceAzimuthMsg", LAPI_SRV_ProcDistanceAzimuthMsg, LAPI_DISTANCE_AZIMUTH_REQ,
+     37, "Wrong distance and azimuth req msg length: "},
+    {"LAPI_SRV_ProcAddProximityMsg", LAPI_SRV_ProcAddProximityMsg, LAPI_ADD_PROXIMITY_REQ, 36,
+     "Wrong add proximity req msg length: "},
+    {"LAPI_SRV_ProcRemoveProximityMsg", LAPI_SRV_ProcRemoveProximityMsg, LAPI_REMOVE_PROXIMITY_REQ,
+     8, "Wrong remove proximity req msg length: "},
+    {"LAPI_SRV_ProcRemoveAllProximityMsg", LAPI_SRV_ProcRemoveAllProximityMsg,
+     LAPI_REMOVE_PROXIMITY_REQ, 8, "Wrong remove proximity req msg length: "},
+};
+
+/* A zero-filled message with the given header. */
+Bytes ZeroMsg(uint16_t msgId, uint16_t msgLen) {
+    Bytes msg = ToBytes(MakeHeader(msgId, msgLen));
+    msg.resize(sizeof(MsgHeader) + msgLen, 0);
+    return msg;
+}
+
+}  // namespace
+
+TEST_F(ApMsgProcReq, WrongLengthAndWrongIdErrorsNameTheHandler) {
+    FakeClient c = h.AddClient();
+    for (const HandlerRow &row : kHandlerRows) {
+        const uint16_t len = static_cast<uint16_t>(row.msgLen + 1);
+        StderrCapture lenCap;
+        EXPECT_EQ(-1, CallHandler(row.handler, ZeroMsg(row.msgId, len), c.pClient->pSyncFdops));
+        EXPECT_TRUE(HasErrorFrom(lenCap.Text(), row.func,
+                                 row.wrongLen + std::to_string(len) + ", pid is: 4321!"))
+            << lenCap.Text();
+
+        StderrCapture idCap;
+        EXPECT_EQ(-1, CallHandler(row.handler, ZeroMsg(LAPI_UNREGISTER_RSP, row.msgLen),
+                                  c.pClient->pSyncFdops));
+        EXPECT_TRUE(HasErrorFrom(idCap.Text(), row.func,
+                                 "pMsgHeader->msgId : 105 is not expected, pid : 4321!"))
+            << idCap.Text();
+    }
+    EXPECT_EQ(0u, h.TranCount());
+    EXPECT_TRUE(h.BpMsgs().empty());
+}
+
+TEST_F(ApMsgProcReq, PairInUseErrorNamesTheHandler) {
+    FakeClient c = h.AddClient();
+    /* The handlers that start a transaction under the client's own pair; a
+     * zero-filled body is a valid request for each of them. */
+    const std::vector<const HandlerRow *> rows = {
+        &kHandlerRows[0], &kHandlerRows[3], &kHandlerRows[4], &kHandlerRows[5],
+        &kHandlerRows[6], &kHandlerRows[8], &kHandlerRows[9], &kHandlerRows[11]};
+    uint8_t sid = 1;
+    for (const HandlerRow *pRow : rows) {
+        Bytes msg = ZeroMsg(pRow->msgId, pRow->msgLen);
+        msg[8] = 1; /* mode: answers on the synchronous connection */
+        msg[10] = sid;
+        msg[11] = 7;
+        if (pRow->handler == LAPI_SRV_ProcRemoveAllProximityMsg) {
+            msg[12] = LAPI_REMOVE_ALL_PROXIMITY;
+        }
+        ASSERT_EQ(0, CallHandler(pRow->handler, msg, c.pClient->pSyncFdops)) << pRow->func;
+        StderrCapture cap;
+        EXPECT_EQ(0, CallHandler(pRow->handler, msg, c.pClient->pSyncFdops)) << pRow->func;
+        EXPECT_TRUE(HasErrorFrom(cap.Text(), pRow->func,
+                                 "Invalid client sid: " + std::to_string(sid) +
+                                     ", tid: 7, transaction exist! pid is : 4321!"))
+            << cap.Text();
+        std::vector<Bytes> msgs = c.SyncMsgs();
+        ASSERT_EQ(1u, msgs.size()) << pRow->func;
+        EXPECT_EQ(InvalidRsp(sid, 7), msgs[0]);
+        ++sid;
+    }
+    EXPECT_EQ(rows.size(), h.TranCount());
+}
+
+TEST_F(ApMsgProcReq, RemoveProximitySendFailureNamesTheHandler) {
+    FakeClient c = h.AddClient();
+    ASSERT_EQ(0, CallHandler(LAPI_SRV_ProcAddProximityMsg, ToBytes(MakeAddProximity(1, 2, 0)),
+                             c.pClient->pSyncFdops));
+    DestroyFdops(LAPI_SRV_pMuxFdops);
+    LAPI_SRV_pMuxFdops = nullptr;
+    const std::string text = "Fail to send removeProximityReq msg to BP, pid is : 4321!";
+    {
+        StderrCapture cap;
+        EXPECT_EQ(0, CallHandler(LAPI_SRV_ProcRemoveProximityMsg,
+                                 ToBytes(MakeRemoveProximity(1, 2, 1, 0)), c.pClient->pSyncFdops));
+        EXPECT_TRUE(HasErrorFrom(cap.Text(), "LAPI_SRV_ProcRemoveProximityMsg", text))
+            << cap.Text();
+    }
+    {
+        StderrCapture cap;
+        EXPECT_EQ(0, CallHandler(LAPI_SRV_ProcRemoveProximityMsg,
+                                 ToBytes(MakeRemoveProximity(5, 5, 1, 1)), c.pClient->pSyncFdops));
+        EXPECT_TRUE(HasErrorFrom(cap.Text(), "LAPI_SRV_ProcRemoveAllProximityMsg", text))
+            << cap.Text();
+    }
+    /* Both wait for their deadline. */
+    EXPECT_EQ(2u, h.TranCount());
+}
+
+/* Deadlines are kept modulo 2^32 so that a large tick count does not turn
+ * them negative; as long as neither value has wrapped, "expired" means
+ * exactly now >= expireTime. */
+TEST(ApMsgProcReqTicks, TicksLeftMatchesSignedComparisonWithoutWrap) {
+    const int64_t kMax = 0x7FFFFFFF;
+    const int64_t edges[] = {0,      1,         99,          100,           500,
+                             360000, 518400000, 1718219564,  kMax - 360000, kMax - 1,
+                             kMax,   kMax / 2,  kMax / 2 + 1};
+    std::vector<int64_t> values(std::begin(edges), std::end(edges));
+    uint32_t x = 12345;
+    for (int i = 0; i < 2000; ++i) {
+        x = x * 1103515245u + 12345u;
+        values.push_back(static_cast<int64_t>(x & 0x7FFFFFFFu));
+    }
+    for (int64_t now : values) {
+        for (int64_t expire : values) {
+            const int32_t left = LAPI_SRV_TicksLeft(static_cast<int32_t>(expire), now);
+            ASSERT_EQ(now >= expire, left <= 0) << "now " << now << " expire " << expire;
+            ASSERT_EQ(expire - now, left) << "now " << now << " expire " << expire;
+        }
+    }
+}
