@@ -126,12 +126,6 @@ int LAPI_SRV_SendMsgToBp(uint8_t *pFrame, uint16_t frameLen) {
         LAPI_SRV_ERR("LAPI_SRV_pMuxFdops == NULL!");
         return -1;
     }
-    if (pFrame == nullptr || frameLen == 0) {
-        /* A caller's mistake (a frame that could not be set up) must not cost
-         * the channel: refuse it before the write sees it. */
-        LAPI_SRV_ERR("Fail to send msg to BP!");
-        return -1;
-    }
     if (LAPI_SRV_GeneralWrite(LAPI_SRV_pMuxFdops, pFrame, frameLen) < 0) {
         LAPI_SRV_ERR("Fail to send msg to BP!");
         Fdops *pFdops = LAPI_SRV_pMuxFdops;
@@ -257,11 +251,12 @@ int LAPI_SRV_BpMsgParse(Fdops *pFdops) {
 /* ------------------------------------------------------------------------ */
 
 void LAPI_SRV_ProcessBpMsg(uint8_t *pMsg, uint16_t msgLen) {
-    if (pMsg == nullptr || msgLen < 1) {
-        /* A frame of exactly the overhead carries no identifier at all. */
-        LAPI_SRV_ERR("Received empty BP Msg, dataLen: %d!", msgLen);
+    if (pMsg == nullptr) {
         return;
     }
+    /* A frame of exactly the overhead holds no message: its "identifier" is
+     * then the first trailer byte 0xCF, still inside the frame, and the
+     * message is refused as unknown. */
     uint8_t subCmdId = pMsg[0];
     if (subCmdId >= LAPI_BP_MSG_ID_COUNT) {
         LAPI_SRV_ERR("Received unknown BP Msg ID: 0x%02x, dataLen: %d!", subCmdId, msgLen);
@@ -380,10 +375,13 @@ void AppendText(BpLogLine *pLine, const char *fmt, ...) {
     }
 }
 
-/* "0x" + two digits per byte in wire order + ", ". An empty field adds
- * nothing, so a message without NMEA data or names gives no error line. */
+/* "0x" + two digits per byte in wire order + ", ". An empty field (no NMEA
+ * data, no name, no address) goes to LAPI_FormatHexStr all the same: its
+ * error line tells that the field was empty, and it adds nothing. */
 void AppendHex(BpLogLine *pLine, const uint8_t *pData, int width) {
     if (width <= 0) {
+        LAPI_FormatHexStr(pData, width, pLine->text + pLine->len, 1);
+        pLine->text[pLine->len] = '\0';
         return;
     }
     int need = 2 + 2 * width + 2 + 1;

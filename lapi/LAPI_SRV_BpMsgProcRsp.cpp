@@ -73,11 +73,15 @@ static bool ClientAlive(const Client *pClient) {
     return false;
 }
 
+/* The helpers below report in the name of the procedure that called them
+ * (func), so that every line names the procedure that refused a message. */
+#define BP_RSP_ERR(func, ...) LAPI_LogLine(1, 1, __FILE__, __LINE__, (func), __VA_ARGS__)
+
 /* Puts a transaction back into the list; one that cannot be linked is freed
  * with the given error text. */
-static void RelinkTran(Transaction *pTran, const char *pFailText) {
+static void RelinkTran(Transaction *pTran, const char *pFailText, const char *func) {
     if (LAPI_SRV_AddTranList(pTran) != 0) {
-        LAPI_LogLine(1, 1, __FILE__, __LINE__, __func__, "%s", pFailText);
+        BP_RSP_ERR(func, "%s", pFailText);
         free(pTran);
     }
 }
@@ -93,15 +97,15 @@ enum LenRule { LEN_EXACT, LEN_AT_LEAST };
  * text (which takes the length received and the length wanted).
  */
 static bool CheckBpMsg(const uint8_t *pMsg, uint16_t msgLen, uint8_t subCmdId, LenRule rule,
-                       uint16_t wantLen, const char *pLenFmt) {
+                       uint16_t wantLen, const char *pLenFmt, const char *func) {
     if (pMsg == nullptr || msgLen < 1 || pMsg[0] != subCmdId) {
-        LAPI_SRV_ERR("pBpMsgHeader->subCmdId : 0x%02x is not expected, msgLen : %d!",
-                     (pMsg != nullptr && msgLen >= 1) ? pMsg[0] : 0xFF, msgLen);
+        BP_RSP_ERR(func, "pBpMsgHeader->subCmdId : 0x%02x is not expected, msgLen : %d!",
+                   (pMsg != nullptr && msgLen >= 1) ? pMsg[0] : 0xFF, msgLen);
         return false;
     }
     bool bOk = rule == LEN_EXACT ? msgLen == wantLen : msgLen >= wantLen;
     if (!bOk) {
-        LAPI_LogLine(1, 1, __FILE__, __LINE__, __func__, pLenFmt, msgLen, wantLen);
+        BP_RSP_ERR(func, pLenFmt, msgLen, wantLen);
         return false;
     }
     return true;
@@ -114,17 +118,17 @@ static bool CheckBpMsg(const uint8_t *pMsg, uint16_t msgLen, uint8_t subCmdId, L
  * arrive). wantSubCmd2 is a second accepted kind, or -1.
  */
 static Transaction *TakeAnsweredTran(const uint8_t *pMsg, int wantSubCmd, int wantSubCmd2,
-                                     const char *pNotExpectedFmt) {
+                                     const char *pNotExpectedFmt, const char *func) {
     uint8_t sid = pMsg[1];
     uint8_t tid = pMsg[2];
     Transaction *pTran = LAPI_SRV_GetTranByBpId(sid, tid, 1);
     if (pTran == nullptr) {
-        LAPI_SRV_ERR("Transaction timeout or not exist, sid: %d, tid: %d!", sid, tid);
+        BP_RSP_ERR(func, "Transaction timeout or not exist, sid: %d, tid: %d!", sid, tid);
         return nullptr;
     }
     if (pTran->subCmdId != wantSubCmd && pTran->subCmdId != wantSubCmd2) {
-        LAPI_LogLine(1, 1, __FILE__, __LINE__, __func__, pNotExpectedFmt, sid, tid);
-        RelinkTran(pTran, kRelinkFail);
+        BP_RSP_ERR(func, pNotExpectedFmt, sid, tid);
+        RelinkTran(pTran, kRelinkFail, func);
         return nullptr;
     }
     return pTran;
@@ -187,14 +191,14 @@ static void StorePosition(T *pRsp, const Position &pos) {
 void LAPI_SRV_ProcBpGetLocationRspMsg(uint8_t *pMsg, uint16_t msgLen) {
     if (!CheckBpMsg(pMsg, msgLen, GEOLOCATION_APBP_RES, LEN_AT_LEAST,
                     LAPI_BP_GET_LOCATION_RSP_MIN_LEN,
-                    "Received getLocationRsp BP Msg length: %d is not expected: %d!")) {
+                    "Received getLocationRsp BP Msg length: %d is not expected: %d!", __func__)) {
         return;
     }
     LAPI_LogBpMsg(pMsg, msgLen);
     /* Last-known requests are answered with an ordinary location response. */
-    Transaction *pTran =
-        TakeAnsweredTran(pMsg, GEOLOCATION_APBP_REQ, LAST_KNOWN_GEOLOCATION_APBP_REQ,
-                         "Received getLocationRsp BP Msg not expected, sid: %d, tid: %d!");
+    Transaction *pTran = TakeAnsweredTran(
+        pMsg, GEOLOCATION_APBP_REQ, LAST_KNOWN_GEOLOCATION_APBP_REQ,
+        "Received getLocationRsp BP Msg not expected, sid: %d, tid: %d!", __func__);
     if (pTran == nullptr) {
         return;
     }
@@ -260,7 +264,7 @@ void LAPI_SRV_ProcBpGetLocationRspMsg(uint8_t *pMsg, uint16_t msgLen) {
 
     if (pTran->subCmdId == GEOLOCATION_APBP_REQ && pTran->reqParam == LAPI_REPORT_PERIODIC) {
         /* The next report finds it again; it keeps its far deadline. */
-        RelinkTran(pTran, kRelinkFail2);
+        RelinkTran(pTran, kRelinkFail2, __func__);
         return;
     }
     free(pTran);
@@ -269,13 +273,13 @@ void LAPI_SRV_ProcBpGetLocationRspMsg(uint8_t *pMsg, uint16_t msgLen) {
 void LAPI_SRV_ProcBpAbortLocationRspMsg(uint8_t *pMsg, uint16_t msgLen) {
     if (!CheckBpMsg(pMsg, msgLen, GEOLOCATION_ABORT_APBP_RES, LEN_EXACT,
                     LAPI_BP_ABORT_LOCATION_RSP_LEN,
-                    "Received abortLocationRsp BP Msg length: %d is not expected: %d!")) {
+                    "Received abortLocationRsp BP Msg length: %d is not expected: %d!", __func__)) {
         return;
     }
     LAPI_LogBpMsg(pMsg, msgLen);
-    Transaction *pTran =
-        TakeAnsweredTran(pMsg, GEOLOCATION_ABORT_APBP_REQ, -1,
-                         "Received abortLocationRsp BP Msg not expected, sid: %d, tid: %d!");
+    Transaction *pTran = TakeAnsweredTran(
+        pMsg, GEOLOCATION_ABORT_APBP_REQ, -1,
+        "Received abortLocationRsp BP Msg not expected, sid: %d, tid: %d!", __func__);
     if (pTran == nullptr) {
         return;
     }
@@ -297,13 +301,13 @@ void LAPI_SRV_ProcBpAbortLocationRspMsg(uint8_t *pMsg, uint16_t msgLen) {
 
 void LAPI_SRV_ProcBpSetGpsDbDataRspMsg(uint8_t *pMsg, uint16_t msgLen) {
     if (!CheckBpMsg(pMsg, msgLen, DB_WRITE_APBP_RES, LEN_EXACT, LAPI_BP_SET_GPS_DB_DATA_RSP_LEN,
-                    "Received setGpsDbDataRsp BP Msg length: %d is not expected: %d!")) {
+                    "Received setGpsDbDataRsp BP Msg length: %d is not expected: %d!", __func__)) {
         return;
     }
     LAPI_LogBpMsg(pMsg, msgLen);
-    Transaction *pTran =
-        TakeAnsweredTran(pMsg, DB_WRITE_APBP_REQ, -1,
-                         "Received setGpsDbDataRsp BP Msg not expected, sid: %d, tid: %d!");
+    Transaction *pTran = TakeAnsweredTran(
+        pMsg, DB_WRITE_APBP_REQ, -1,
+        "Received setGpsDbDataRsp BP Msg not expected, sid: %d, tid: %d!", __func__);
     if (pTran == nullptr) {
         return;
     }
@@ -333,13 +337,13 @@ static void ReadStatus(GetStatusRsp *pRsp, const uint8_t *pMsg) {
 
 void LAPI_SRV_ProcBpGetStatusRspMsg(uint8_t *pMsg, uint16_t msgLen) {
     if (!CheckBpMsg(pMsg, msgLen, GET_STATUS_APBP_RES, LEN_EXACT, LAPI_BP_STATUS_IND_LEN,
-                    "Received getStatusRsp BP Msg length: %d is not expected: %d!")) {
+                    "Received getStatusRsp BP Msg length: %d is not expected: %d!", __func__)) {
         return;
     }
     LAPI_LogBpMsg(pMsg, msgLen);
     Transaction *pTran =
         TakeAnsweredTran(pMsg, GET_STATUS_APBP_REQ, -1,
-                         "Received getStatusRsp BP Msg not expected, sid: %d, tid: %d!");
+                         "Received getStatusRsp BP Msg not expected, sid: %d, tid: %d!", __func__);
     if (pTran == nullptr) {
         return;
     }
@@ -358,13 +362,14 @@ void LAPI_SRV_ProcBpGetStatusRspMsg(uint8_t *pMsg, uint16_t msgLen) {
 void LAPI_SRV_ProcBpDistanceAzimuthRspMsg(uint8_t *pMsg, uint16_t msgLen) {
     if (!CheckBpMsg(pMsg, msgLen, DISTANCE_AND_AZIMUTH_APBP_RES, LEN_EXACT,
                     LAPI_BP_DISTANCE_AZIMUTH_RSP_LEN,
-                    "Received distanceAzimuthRsp BP Msg length: %d is not expected: %d!")) {
+                    "Received distanceAzimuthRsp BP Msg length: %d is not expected: %d!",
+                    __func__)) {
         return;
     }
     LAPI_LogBpMsg(pMsg, msgLen);
-    Transaction *pTran =
-        TakeAnsweredTran(pMsg, DISTANCE_AND_AZIMUTH_APBP_REQ, -1,
-                         "Received distanceAzimuthRsp BP Msg not expected, sid: %d, tid: %d!");
+    Transaction *pTran = TakeAnsweredTran(
+        pMsg, DISTANCE_AND_AZIMUTH_APBP_REQ, -1,
+        "Received distanceAzimuthRsp BP Msg not expected, sid: %d, tid: %d!", __func__);
     if (pTran == nullptr) {
         return;
     }
@@ -386,20 +391,21 @@ void LAPI_SRV_ProcBpDistanceAzimuthRspMsg(uint8_t *pMsg, uint16_t msgLen) {
 /* ------------------------------------------------------------------------ */
 
 /* Parses DB_READ_APBP_RES into the client message: 0, or -1 after logging. */
-static int ParseGpsDbDataRsp(const uint8_t *pMsg, uint16_t msgLen, GetGpsDbDataRsp *pRsp) {
+static int ParseGpsDbDataRsp(const uint8_t *pMsg, uint16_t msgLen, GetGpsDbDataRsp *pRsp,
+                             const char *func) {
     const uint8_t *pEnd = pMsg + msgLen;
     uint16_t numFiles;
     GetNet(&numFiles, pMsg + offsetof(BpGetGpsDbDataRsp, numFiles), sizeof(numFiles));
     pRsp->numFiles = numFiles;
     if (numFiles > LAPI_BP_MAX_DB_FILES) {
-        LAPI_SRV_ERR("Invalid numFiles: %d!", numFiles);
+        BP_RSP_ERR(func, "Invalid numFiles: %d!", numFiles);
         return -1;
     }
     const uint8_t *pPos = pMsg + sizeof(BpGetGpsDbDataRsp);
     for (int i = 0; i < numFiles; ++i) {
         const uint8_t *pEntry = pPos;
         if (LAPI_SRV_IncreasePtrAndCheck(&pPos, pEnd, LAPI_BP_DB_FILE_HEAD_LEN) != 0) {
-            LAPI_SRV_ERR("LAPI_SRV_IncreasePtrAndCheck() Error 1!");
+            BP_RSP_ERR(func, "LAPI_SRV_IncreasePtrAndCheck() Error 1!");
             return -1;
         }
         DbFile file;
@@ -412,12 +418,12 @@ static int ParseGpsDbDataRsp(const uint8_t *pMsg, uint16_t msgLen, GetGpsDbDataR
         file.length = length;
         memcpy(&pRsp->dbFile[i], &file, sizeof(file));
         if (length > LAPI_BP_MAX_DB_FILE_DATA_LEN || length == 0) {
-            LAPI_SRV_ERR("pRsp->dbFile[%d].length: %d is invalid!", i, length);
+            BP_RSP_ERR(func, "pRsp->dbFile[%d].length: %d is invalid!", i, length);
             return -1;
         }
         const uint8_t *pData = pPos;
         if (LAPI_SRV_IncreasePtrAndCheck(&pPos, pEnd, length) != 0) {
-            LAPI_SRV_ERR("LAPI_SRV_IncreasePtrAndCheck() Error 2!");
+            BP_RSP_ERR(func, "LAPI_SRV_IncreasePtrAndCheck() Error 2!");
             return -1;
         }
         /* The data is one big-endian number of `length` bytes. */
@@ -426,7 +432,7 @@ static int ParseGpsDbDataRsp(const uint8_t *pMsg, uint16_t msgLen, GetGpsDbDataR
     }
     const uint8_t *pResult = pPos;
     if (LAPI_SRV_IncreasePtrAndCheck(&pPos, pEnd, 4) != 0) {
-        LAPI_SRV_ERR("LAPI_SRV_IncreasePtrAndCheck() Error 3!");
+        BP_RSP_ERR(func, "LAPI_SRV_IncreasePtrAndCheck() Error 3!");
         return -1;
     }
     pRsp->result = GetI32(pResult);
@@ -436,12 +442,12 @@ static int ParseGpsDbDataRsp(const uint8_t *pMsg, uint16_t msgLen, GetGpsDbDataR
 void LAPI_SRV_ProcBpGetGpsDbDataRspMsg(uint8_t *pMsg, uint16_t msgLen) {
     if (!CheckBpMsg(pMsg, msgLen, DB_READ_APBP_RES, LEN_AT_LEAST,
                     LAPI_BP_GET_GPS_DB_DATA_RSP_MIN_LEN,
-                    "Received getGpsDbDataRsp BP Msg length: %d is less than: %d!")) {
+                    "Received getGpsDbDataRsp BP Msg length: %d is less than: %d!", __func__)) {
         return;
     }
-    Transaction *pTran =
-        TakeAnsweredTran(pMsg, DB_READ_APBP_REQ, -1,
-                         "Received getGpsDbDataRsp BP Msg not expected, sid: %d, tid: %d!");
+    Transaction *pTran = TakeAnsweredTran(
+        pMsg, DB_READ_APBP_REQ, -1,
+        "Received getGpsDbDataRsp BP Msg not expected, sid: %d, tid: %d!", __func__);
     if (pTran == nullptr) {
         return;
     }
@@ -450,9 +456,9 @@ void LAPI_SRV_ProcBpGetGpsDbDataRspMsg(uint8_t *pMsg, uint16_t msgLen) {
     SetHeader(&rsp.header, LAPI_GET_GPS_DB_DATA_RSP, LAPI_GET_GPS_DB_DATA_RSP_LEN);
     rsp.sessionId = pTran->clientSid;
     rsp.transactionId = pTran->clientTid;
-    if (ParseGpsDbDataRsp(pMsg, msgLen, &rsp) != 0) {
+    if (ParseGpsDbDataRsp(pMsg, msgLen, &rsp, __func__) != 0) {
         /* Nothing is sent: the client gets the timeout answer instead. */
-        RelinkTran(pTran, kRelinkFail);
+        RelinkTran(pTran, kRelinkFail, __func__);
         return;
     }
     /* Traced only once it has been parsed. */
@@ -469,17 +475,17 @@ void LAPI_SRV_ProcBpGetGpsDbDataRspMsg(uint8_t *pMsg, uint16_t msgLen) {
 
 /* An area the BP watches: answers and the hit go to the asynchronous
  * connection from now on. */
-static void MakeAreaActive(Transaction *pTran) {
+static void MakeAreaActive(Transaction *pTran, const char *func) {
     pTran->subCmdId = LAPI_SRV_PROXIMITY_ACTIVE;
     pTran->expireTime = LAPI_SRV_TicksAhead(LAPI_SRV_PROXIMITY_DEADLINE_SEC);
     pTran->isSync = 0;
-    RelinkTran(pTran, kRelinkFail2);
+    RelinkTran(pTran, kRelinkFail2, func);
 }
 
 /* A proximity answer for the client of a transaction that may already be
  * gone: the pair and descriptor are taken before. */
 static void SendProximityRsp(Fdops *pFdops, uint16_t msgId, uint8_t sid, uint8_t tid,
-                             int32_t status, const char *pSendFail) {
+                             int32_t status, const char *pSendFail, const char *func) {
     AddProximityRsp rsp; /* removeProximityRsp has the same layout */
     static_assert(sizeof(AddProximityRsp) == sizeof(RemoveProximityRsp), "same layout");
     memset(&rsp, 0, sizeof(rsp));
@@ -488,19 +494,19 @@ static void SendProximityRsp(Fdops *pFdops, uint16_t msgId, uint8_t sid, uint8_t
     rsp.transactionId = tid;
     rsp.status = status;
     if (LAPI_SRV_SendMsgToClient(pFdops, &rsp, sizeof(rsp)) != 0) {
-        LAPI_LogLine(1, 1, __FILE__, __LINE__, __func__, "%s", pSendFail);
+        BP_RSP_ERR(func, "%s", pSendFail);
     }
 }
 
 void LAPI_SRV_ProcBpAddProximityRspMsg(uint8_t *pMsg, uint16_t msgLen) {
     if (!CheckBpMsg(pMsg, msgLen, PROXIMITY_ADD_APBP_RES, LEN_EXACT, LAPI_BP_ADD_PROXIMITY_RSP_LEN,
-                    "Received addProximityRsp BP Msg length: %d is not expected: %d!")) {
+                    "Received addProximityRsp BP Msg length: %d is not expected: %d!", __func__)) {
         return;
     }
     LAPI_LogBpMsg(pMsg, msgLen);
-    Transaction *pTran =
-        TakeAnsweredTran(pMsg, PROXIMITY_ADD_APBP_REQ, -1,
-                         "Received addProximityRsp BP Msg not expected, sid: %d, tid: %d!");
+    Transaction *pTran = TakeAnsweredTran(
+        pMsg, PROXIMITY_ADD_APBP_REQ, -1,
+        "Received addProximityRsp BP Msg not expected, sid: %d, tid: %d!", __func__);
     if (pTran == nullptr) {
         return;
     }
@@ -510,12 +516,12 @@ void LAPI_SRV_ProcBpAddProximityRspMsg(uint8_t *pMsg, uint16_t msgLen) {
     uint8_t clientTid = pTran->clientTid;
     int32_t status = GetI32(pMsg + offsetof(BpAddProximityRsp, status));
     if (status == 0) {
-        MakeAreaActive(pTran);
+        MakeAreaActive(pTran, __func__);
     } else {
         free(pTran);
     }
     SendProximityRsp(pFdops, LAPI_ADD_PROXIMITY_RSP, clientSid, clientTid, status,
-                     "Fail to send add proximity response to client!");
+                     "Fail to send add proximity response to client!", __func__);
 }
 
 void LAPI_SRV_ProcBpRemoveAllProximityRspMsg(uint8_t *pMsg) {
@@ -539,7 +545,7 @@ void LAPI_SRV_ProcBpRemoveAllProximityRspMsg(uint8_t *pMsg) {
         free(pTran);
         LAPI_SRV_tranListChanged = 0;
         SendProximityRsp(pFdops, LAPI_REMOVE_PROXIMITY_RSP, clientSid, clientTid, status,
-                         "Fail to send remove proximity response to client!");
+                         "Fail to send remove proximity response to client!", __func__);
         if (LAPI_SRV_tranListChanged) {
             /* The send removed a client with its transactions. */
             pPos = List_GetHeadPos(&LAPI_SRV_tranList);
@@ -548,15 +554,15 @@ void LAPI_SRV_ProcBpRemoveAllProximityRspMsg(uint8_t *pMsg) {
 }
 
 void LAPI_SRV_ProcBpRemoveProximityRspMsg(uint8_t *pMsg, uint16_t msgLen) {
-    if (!CheckBpMsg(pMsg, msgLen, PROXIMITY_REM_APBP_RES, LEN_EXACT,
-                    LAPI_BP_REMOVE_PROXIMITY_RSP_LEN,
-                    "Received removeProximityRsp BP Msg length: %d is not expected: %d!")) {
+    if (!CheckBpMsg(
+            pMsg, msgLen, PROXIMITY_REM_APBP_RES, LEN_EXACT, LAPI_BP_REMOVE_PROXIMITY_RSP_LEN,
+            "Received removeProximityRsp BP Msg length: %d is not expected: %d!", __func__)) {
         return;
     }
     LAPI_LogBpMsg(pMsg, msgLen);
-    Transaction *pTran =
-        TakeAnsweredTran(pMsg, PROXIMITY_REM_APBP_REQ, -1,
-                         "Received removeProximityRsp BP Msg not expected, sid: %d, tid: %d!");
+    Transaction *pTran = TakeAnsweredTran(
+        pMsg, PROXIMITY_REM_APBP_REQ, -1,
+        "Received removeProximityRsp BP Msg not expected, sid: %d, tid: %d!", __func__);
     if (pTran == nullptr) {
         return;
     }
@@ -580,23 +586,23 @@ void LAPI_SRV_ProcBpRemoveProximityRspMsg(uint8_t *pMsg, uint16_t msgLen) {
         }
     } else if (!bRemoveAll) {
         /* The area is still there. */
-        MakeAreaActive(pTran);
+        MakeAreaActive(pTran, __func__);
     } else {
         free(pTran);
     }
     SendProximityRsp(pFdops, LAPI_REMOVE_PROXIMITY_RSP, clientSid, clientTid, status,
-                     "Fail to send remove proximity response to client!");
+                     "Fail to send remove proximity response to client!", __func__);
 }
 
 void LAPI_SRV_ProcBpProximityHitIndMsg(uint8_t *pMsg, uint16_t msgLen) {
     if (!CheckBpMsg(pMsg, msgLen, PROXIMITY_HIT_APBP_IND, LEN_EXACT, LAPI_BP_PROXIMITY_HIT_IND_LEN,
-                    "Received proximityHitInd BP Msg length: %d is not expected: %d!")) {
+                    "Received proximityHitInd BP Msg length: %d is not expected: %d!", __func__)) {
         return;
     }
     LAPI_LogBpMsg(pMsg, msgLen);
-    Transaction *pTran =
-        TakeAnsweredTran(pMsg, LAPI_SRV_PROXIMITY_ACTIVE, PROXIMITY_REM_APBP_REQ,
-                         "Received proximityHitInd BP Msg not expected, sid: %d, tid: %d!");
+    Transaction *pTran = TakeAnsweredTran(
+        pMsg, LAPI_SRV_PROXIMITY_ACTIVE, PROXIMITY_REM_APBP_REQ,
+        "Received proximityHitInd BP Msg not expected, sid: %d, tid: %d!", __func__);
     if (pTran == nullptr) {
         return;
     }
@@ -623,7 +629,7 @@ void LAPI_SRV_ProcBpProximityHitIndMsg(uint8_t *pMsg, uint16_t msgLen) {
 
 void LAPI_SRV_ProcBpStatusChangeIndMsg(uint8_t *pMsg, uint16_t msgLen) {
     if (!CheckBpMsg(pMsg, msgLen, STATUS_CHANGE_BPAP_IND, LEN_EXACT, LAPI_BP_STATUS_IND_LEN,
-                    "Received statusChangeInd BP Msg length: %d is not expected: %d!")) {
+                    "Received statusChangeInd BP Msg length: %d is not expected: %d!", __func__)) {
         return;
     }
     LAPI_LogBpMsg(pMsg, msgLen);
@@ -641,7 +647,8 @@ void LAPI_SRV_ProcBpStatusChangeIndMsg(uint8_t *pMsg, uint16_t msgLen) {
 void LAPI_SRV_ProcBpNotificationStatusIndMsg(uint8_t *pMsg, uint16_t msgLen) {
     if (!CheckBpMsg(pMsg, msgLen, NOTIFICATION_STATUS_BPAP_IND, LEN_EXACT,
                     LAPI_BP_NOTIFICATION_STATUS_IND_LEN,
-                    "Received mtlrNotificationStatusInd BP Msg length: %d is not expected: %d!")) {
+                    "Received mtlrNotificationStatusInd BP Msg length: %d is not expected: %d!",
+                    __func__)) {
         return;
     }
     LAPI_LogBpMsg(pMsg, msgLen);
@@ -659,7 +666,7 @@ void LAPI_SRV_ProcBpNotificationStatusIndMsg(uint8_t *pMsg, uint16_t msgLen) {
 /* Parses LOCATION_NOTIFICATION_BPAP_IND into the client message: 0, or -1
  * after logging. */
 static int ParseLocationNotificationInd(const uint8_t *pMsg, uint16_t msgLen,
-                                        LocationNotificationInd *pInd) {
+                                        LocationNotificationInd *pInd, const char *func) {
     const uint8_t *pEnd = pMsg + msgLen;
     pInd->notificationType = GetI32(pMsg + offsetof(BpLocationNotificationInd, notificationType));
     pInd->locationType = GetI32(pMsg + offsetof(BpLocationNotificationInd, locationType));
@@ -667,19 +674,19 @@ static int ParseLocationNotificationInd(const uint8_t *pMsg, uint16_t msgLen,
     uint8_t nameLength = pMsg[offsetof(BpLocationNotificationInd, nameLength)];
     pInd->nameLength = nameLength;
     if (nameLength > LAPI_BP_MAX_CLIENT_NAME_LEN) {
-        LAPI_SRV_ERR("pRsp->nameLength: %d > (sizeof(pRsp->clientName) - 2): %d!", nameLength,
-                     LAPI_BP_MAX_CLIENT_NAME_LEN);
+        BP_RSP_ERR(func, "pRsp->nameLength: %d > (sizeof(pRsp->clientName) - 2): %d!", nameLength,
+                   LAPI_BP_MAX_CLIENT_NAME_LEN);
         return -1;
     }
     if (nameLength % 2 != 0) {
-        LAPI_SRV_ERR("pRsp->nameLength: %d module 2 != 0!", nameLength);
+        BP_RSP_ERR(func, "pRsp->nameLength: %d module 2 != 0!", nameLength);
         return -1;
     }
     const uint8_t *pPos = pMsg + sizeof(BpLocationNotificationInd);
     if (nameLength != 0) {
         const uint8_t *pName = pPos;
         if (LAPI_SRV_IncreasePtrAndCheck(&pPos, pEnd, nameLength) != 0) {
-            LAPI_SRV_ERR("LAPI_SRV_IncreasePtrAndCheck() Error 1!");
+            BP_RSP_ERR(func, "LAPI_SRV_IncreasePtrAndCheck() Error 1!");
             return -1;
         }
         /* UCS-2 characters, each from big-endian to host order. */
@@ -692,20 +699,20 @@ static int ParseLocationNotificationInd(const uint8_t *pMsg, uint16_t msgLen,
 
     const uint8_t *pAddrLen = pPos;
     if (LAPI_SRV_IncreasePtrAndCheck(&pPos, pEnd, 1) != 0) {
-        LAPI_SRV_ERR("LAPI_SRV_IncreasePtrAndCheck() Error 2!");
+        BP_RSP_ERR(func, "LAPI_SRV_IncreasePtrAndCheck() Error 2!");
         return -1;
     }
     uint8_t addrLength = *pAddrLen;
     pInd->addrLength = addrLength;
     if (addrLength > LAPI_BP_MAX_CLIENT_ADDR_LEN) {
-        LAPI_SRV_ERR("pRsp->addrLength: %d > (sizeof(pRsp->clientExternalAddr) - 1): %d!",
-                     addrLength, LAPI_BP_MAX_CLIENT_ADDR_LEN);
+        BP_RSP_ERR(func, "pRsp->addrLength: %d > (sizeof(pRsp->clientExternalAddr) - 1): %d!",
+                   addrLength, LAPI_BP_MAX_CLIENT_ADDR_LEN);
         return -1;
     }
     if (addrLength != 0) {
         const uint8_t *pAddr = pPos;
         if (LAPI_SRV_IncreasePtrAndCheck(&pPos, pEnd, addrLength) != 0) {
-            LAPI_SRV_ERR("LAPI_SRV_IncreasePtrAndCheck() Error 3!");
+            BP_RSP_ERR(func, "LAPI_SRV_IncreasePtrAndCheck() Error 3!");
             return -1;
         }
         memcpy(pInd->clientExternalAddr, pAddr, addrLength);
@@ -717,7 +724,8 @@ static int ParseLocationNotificationInd(const uint8_t *pMsg, uint16_t msgLen,
 void LAPI_SRV_ProcBpLocationNotificationIndMsg(uint8_t *pMsg, uint16_t msgLen) {
     if (!CheckBpMsg(pMsg, msgLen, LOCATION_NOTIFICATION_BPAP_IND, LEN_AT_LEAST,
                     LAPI_BP_LOCATION_NOTIFICATION_IND_MIN_LEN,
-                    "Received mtlrLocationNotificationInd BP Msg length: %d is less than: %d!")) {
+                    "Received mtlrLocationNotificationInd BP Msg length: %d is less than: %d!",
+                    __func__)) {
         return;
     }
     LocationNotificationInd ind;
@@ -726,7 +734,7 @@ void LAPI_SRV_ProcBpLocationNotificationIndMsg(uint8_t *pMsg, uint16_t msgLen) {
     /* The BP's own pair: the MT-LR client answers with it. */
     ind.sessionId = pMsg[1];
     ind.transactionId = pMsg[2];
-    if (ParseLocationNotificationInd(pMsg, msgLen, &ind) != 0) {
+    if (ParseLocationNotificationInd(pMsg, msgLen, &ind, __func__) != 0) {
         return;
     }
     LAPI_LogBpMsg(pMsg, msgLen);
