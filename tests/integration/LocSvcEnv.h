@@ -19,6 +19,7 @@
 #include "LAPI_BpMsg.h"
 #include "LAPI_Msg.h"
 #include "ServerFixture.h"
+#include "SimServerTest.h"
 #include "TestClient.h"
 
 namespace locsvc {
@@ -26,6 +27,7 @@ namespace locsvc {
 using Bytes = std::vector<uint8_t>;
 using Clock = std::chrono::steady_clock;
 using lapitest::TestClient;
+using lapitest::ToBytes;
 
 constexpr int kWaitMs = 5000;
 
@@ -36,13 +38,6 @@ constexpr uint32_t LAPI_SERVICE_STATUS = 0x4;
 inline long MsSince(Clock::time_point t) {
     return static_cast<long>(
         std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - t).count());
-}
-
-template <typename T>
-inline Bytes ToBytes(const T &v) {
-    Bytes b(sizeof(T));
-    memcpy(b.data(), &v, sizeof(T));
-    return b;
 }
 
 /* The body (after the header) of a packed request. */
@@ -58,6 +53,29 @@ inline MsgHeader Hdr(uint16_t msgId, uint16_t msgLen, uint32_t pid = 0) {
     h.msgId = msgId;
     h.msgLen = msgLen;
     return h;
+}
+
+/* A zeroed request of type T with its prefix: mode and the client's pair
+ * (the header is made when it is sent). */
+template <typename T>
+inline T PrefixReq(uint16_t mode, uint8_t sid, uint8_t tid) {
+    T r;
+    memset(&r, 0, sizeof(r));
+    r.mode = mode;
+    r.sessionId = sid;
+    r.transactionId = tid;
+    return r;
+}
+
+/* A zeroed server message of type T with its header and the client's pair. */
+template <typename T>
+inline T PairMsg(uint16_t msgId, uint16_t msgLen, uint8_t sid, uint8_t tid) {
+    T m;
+    memset(&m, 0, sizeof(m));
+    m.header = Hdr(msgId, msgLen);
+    m.sessionId = sid;
+    m.transactionId = tid;
+    return m;
 }
 
 /* The 10-byte answers: invalidRequestRsp, timeOutRsp. */
@@ -80,11 +98,7 @@ inline Bytes PairI32Rsp(uint16_t msgId, uint8_t sid, uint8_t tid, int32_t v) {
 inline GetLocationReq MakeGetLocation(uint16_t mode, uint8_t sid, uint8_t tid,
                                       uint32_t responseTime = 1000, uint32_t reportCriteria = 0,
                                       uint32_t interval = 0) {
-    GetLocationReq r;
-    memset(&r, 0, sizeof(r));
-    r.mode = mode;
-    r.sessionId = sid;
-    r.transactionId = tid;
+    GetLocationReq r = PrefixReq<GetLocationReq>(mode, sid, tid);
     r.responseTime = responseTime;
     r.horizontalAccuracy = 25;
     r.verticalAccuracy = 40;
@@ -130,11 +144,8 @@ inline Bytes ExpectedLocationRsp(uint8_t sid, uint8_t tid, const bpsim::Fix &fix
         LAPI_SRV_DoubleToBpFixed(x, f);
         return LAPI_SRV_BpFixedToDouble(f);
     };
-    GetLocationRsp r;
-    memset(&r, 0, sizeof(r));
-    r.header = Hdr(LAPI_GET_LOCATION_RSP, LAPI_GET_LOCATION_RSP_LEN);
-    r.sessionId = sid;
-    r.transactionId = tid;
+    GetLocationRsp r =
+        PairMsg<GetLocationRsp>(LAPI_GET_LOCATION_RSP, LAPI_GET_LOCATION_RSP_LEN, sid, tid);
     r.longitude = decode(fix.longitude);
     r.latitude = decode(fix.latitude);
     r.latLonAccuracy = decode(fix.latLonAccuracy);
@@ -177,30 +188,17 @@ inline bpsim::Fix SampleFix() {
     return fix;
 }
 
-inline bpsim::Policy SilentPolicy() {
-    bpsim::Policy p;
-    p.answer = bpsim::Answer::Silent;
-    return p;
-}
-
-/* One server with the simulator in front of it. */
-class LocSvcTest : public ::testing::Test {
+/* One server with the simulator in front of it, linked to the BP channel
+ * before the test begins; the server must end cleanly. */
+class LocSvcTest : public lapitest::SimServerTest<> {
   protected:
-    /* Files to write into the root before the server starts. */
-    virtual void PrepareRoot() {}
+    LocSvcTest() : SimServerTest(SampleFix()) {}
 
     void SetUp() override {
-        ASSERT_TRUE(root_.ok());
-        PrepareRoot();
-        bpsim::Options options;
-        options.root = root_.Dir();
-        options.fix = SampleFix();
-        sim_ = std::make_unique<bpsim::Simulator>(options);
-        std::string error;
-        ASSERT_TRUE(sim_->Open(&error)) << error;
-        ASSERT_TRUE(sim_->StartThread());
-        srv_ = std::make_unique<lapitest::ServerProcess>(root_);
-        ASSERT_TRUE(srv_->StartAndWaitReady());
+        SimServerTest::SetUp();
+        if (HasFatalFailure()) {
+            return;
+        }
         ASSERT_TRUE(srv_->WaitForTrace("Success to connect mux channel.", kWaitMs));
     }
 
@@ -213,8 +211,7 @@ class LocSvcTest : public ::testing::Test {
                 EXPECT_EQ(std::string::npos, line.find("runtime error")) << line;
             }
         }
-        srv_.reset();
-        sim_.reset();
+        SimServerTest::TearDown();
     }
 
     std::unique_ptr<TestClient> NewClient(uint32_t service = 1) {
@@ -231,13 +228,9 @@ class LocSvcTest : public ::testing::Test {
 
     /* The next BP message of this kind that the server sent. */
     Bytes NextBp(uint8_t subCmdId, int timeoutMs = kWaitMs) {
-        auto m = sim_->WaitForSubCmd(subCmdId, timeoutMs);
+        auto m = sim_.WaitForSubCmd(subCmdId, timeoutMs);
         return m ? m->bytes : Bytes();
     }
-
-    lapitest::TempRoot root_;
-    std::unique_ptr<bpsim::Simulator> sim_;
-    std::unique_ptr<lapitest::ServerProcess> srv_;
 };
 
 }  // namespace locsvc

@@ -23,6 +23,7 @@
 namespace {
 
 using lapitest::ConnectUnix;
+using lapitest::DeadPid;
 using lapitest::MuxPty;
 using lapitest::ReadPidFile;
 using lapitest::ServerOptions;
@@ -32,17 +33,6 @@ using lapitest::TempRoot;
 
 constexpr const char kSock[] = "/tmp/lapisock";
 constexpr const char kPidFile[] = "/tmp/lapi.pid";
-
-/* The pid of a process that has just exited and been reaped. */
-pid_t DeadPid() {
-    pid_t pid = fork();
-    if (pid == 0) {
-        _exit(0);
-    }
-    int status;
-    waitpid(pid, &status, 0);
-    return pid;
-}
 
 /* Waits until the peer closes the connection (read gives 0 or an error). */
 bool WaitPeerClosed(int fd, int timeoutMs) {

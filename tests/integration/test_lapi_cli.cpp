@@ -23,19 +23,16 @@
 #include "BpSim.h"
 #include "LAPI_BpMsg.h"
 #include "ServerFixture.h"
+#include "SimServerTest.h"
 
 namespace {
 
 using bpsim::Bytes;
 using Args = std::vector<std::string>;
+using lapitest::NowMs;
+using lapitest::StatusBody;
 
 const std::string kTool = std::string(LAPI_BIN_DIR) + "/lapi";
-
-int64_t NowMs() {
-    struct timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return static_cast<int64_t>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
-}
 
 /* The tool as a child process; its output is collected by a thread. */
 class Tool {
@@ -623,9 +620,9 @@ TEST_P(LapiCliFake, ServerGoingAwayExitsOne) {
 TEST_P(LapiCliFake, RefusedRegistrationExitsOne) {
     ASSERT_TRUE(srv.Ok());
     srv.Start([](lapifake::FakeServer &s) {
-        int fd = s.Accept();
         RegisterReq reg;
-        if (fd >= 0 && lapifake::ReadExact(fd, &reg, sizeof(reg))) {
+        int fd = s.AcceptRequest(&reg);
+        if (fd >= 0) {
             s.Close(fd);
         }
     });
@@ -642,41 +639,25 @@ INSTANTIATE_TEST_SUITE_P(Formats, LapiCliFake, ::testing::Bool(),
 
 /* ---- every command against the real server ---- */
 
-bpsim::Options SimOptions(const lapitest::TempRoot &root) {
-    bpsim::Options o;
-    o.root = root.Dir();
-    o.fix.latitude = 48.8566;
-    o.fix.longitude = 2.3522;
-    o.fix.altitude = 35.0;
-    o.fix.nmea = "$GPGGA,120000.00,4851.396,N,00221.132,E,1,08,0.9,35.0,M,,,,*00\r\n";
-    return o;
+bpsim::Fix SampleFix() {
+    bpsim::Fix fix;
+    fix.latitude = 48.8566;
+    fix.longitude = 2.3522;
+    fix.altitude = 35.0;
+    fix.nmea = "$GPGGA,120000.00,4851.396,N,00221.132,E,1,08,0.9,35.0,M,,,,*00\r\n";
+    return fix;
 }
 
-Bytes StatusBody(int32_t base) {
-    Bytes b;
-    for (int i = 0; i < 8; ++i) {
-        bpsim::PutU32(&b, static_cast<uint32_t>(base + i));
-    }
-    return b;
-}
-
-class LapiCli : public ::testing::TestWithParam<bool> {
+class LapiCli : public lapitest::SimServerTest<::testing::TestWithParam<bool>> {
   protected:
-    lapitest::TempRoot root;
-    bpsim::Simulator sim{SimOptions(root)};
-    std::unique_ptr<lapitest::ServerProcess> srv;
+    LapiCli() : SimServerTest(SampleFix()) {}
 
     void SetUp() override {
-        ASSERT_TRUE(root.ok());
-        std::string err;
-        ASSERT_TRUE(sim.Open(&err)) << err;
-        ASSERT_TRUE(sim.StartThread());
-        srv = std::make_unique<lapitest::ServerProcess>(root);
-        ASSERT_TRUE(srv->StartAndWaitReady());
-        Answer(GET_STATUS_APBP_REQ, [](const bpsim::Message &r) {
-            return std::vector<Bytes>{bpsim::MakeMsg(GET_STATUS_APBP_RES, r.SessionId(),
-                                                     r.TransactionId(), StatusBody(20))};
-        });
+        SimServerTest::SetUp();
+        if (HasFatalFailure()) {
+            return;
+        }
+        AnswerStatus(20);
         Answer(DISTANCE_AND_AZIMUTH_APBP_REQ, [](const bpsim::Message &r) {
             Bytes body;
             bpsim::PutFixed(&body, 343556.25);
@@ -705,24 +686,11 @@ class LapiCli : public ::testing::TestWithParam<bool> {
             });
         }
     }
-    void TearDown() override {
-        if (srv) {
-            srv->Stop();
-            srv.reset();
-        }
-        sim.Close();
-    }
-
-    void Answer(uint8_t subCmdId, std::function<std::vector<Bytes>(const bpsim::Message &)> fn) {
-        bpsim::Policy p;
-        p.build = std::move(fn);
-        sim.SetPolicy(subCmdId, p);
-    }
 
     bool Json() const { return GetParam(); }
     Args With(Args args) const {
         args.push_back("--root");
-        args.push_back(root.Dir());
+        args.push_back(root_.Dir());
         if (Json()) {
             args.push_back("--json");
         }
@@ -760,14 +728,14 @@ TEST_P(LapiCli, LocatePrintsTheFix) {
         EXPECT_TRUE(Contains(r.out, "  longitude:          2.3522000\n")) << r.out;
         EXPECT_TRUE(Contains(r.out, "\n    $GPGGA,120000.00")) << r.out;
     }
-    auto req = sim.WaitForSubCmd(GEOLOCATION_APBP_REQ, 1000);
+    auto req = sim_.WaitForSubCmd(GEOLOCATION_APBP_REQ, 1000);
     ASSERT_TRUE(req.has_value());
     EXPECT_EQ(req->bytes.back(), 1) << "--nmea asks for NMEA sentences";
 }
 
 TEST_P(LapiCli, LocatePeriodicStopsAfterCountAndAborts) {
-    Answer(GEOLOCATION_APBP_REQ, [this](const bpsim::Message &r) {
-        bpsim::Fix fix = SimOptions(root).fix;
+    Answer(GEOLOCATION_APBP_REQ, [](const bpsim::Message &r) {
+        bpsim::Fix fix = SampleFix();
         return std::vector<Bytes>{
             bpsim::BuildGetLocationRsp(r.SessionId(), r.TransactionId(), fix),
             bpsim::BuildGetLocationRsp(r.SessionId(), r.TransactionId(), fix),
@@ -777,27 +745,27 @@ TEST_P(LapiCli, LocatePeriodicStopsAfterCountAndAborts) {
     EXPECT_EQ(r.status, 0) << r.err;
     EXPECT_EQ(Count(r, "getLocationRsp", "Location fix"), 2u) << r.out;
     EXPECT_EQ(Count(r, "abortLocationRsp", "Location request aborted"), 1u) << r.out;
-    auto req = sim.WaitForSubCmd(GEOLOCATION_APBP_REQ, 1000);
+    auto req = sim_.WaitForSubCmd(GEOLOCATION_APBP_REQ, 1000);
     ASSERT_TRUE(req.has_value());
     EXPECT_EQ(req->U32(19), 1u) << "interval";
     EXPECT_EQ(req->U32(23), 1u) << "periodic reportCriteria";
-    EXPECT_TRUE(sim.WaitForSubCmd(GEOLOCATION_ABORT_APBP_REQ, 1000).has_value());
+    EXPECT_TRUE(sim_.WaitForSubCmd(GEOLOCATION_ABORT_APBP_REQ, 1000).has_value());
 }
 
 TEST_P(LapiCli, LocatePeriodicInterruptedAbortsCleanly) {
-    Answer(GEOLOCATION_APBP_REQ, [this](const bpsim::Message &r) {
+    Answer(GEOLOCATION_APBP_REQ, [](const bpsim::Message &r) {
         return std::vector<Bytes>{
-            bpsim::BuildGetLocationRsp(r.SessionId(), r.TransactionId(), SimOptions(root).fix)};
+            bpsim::BuildGetLocationRsp(r.SessionId(), r.TransactionId(), SampleFix())};
     });
     Tool t(With({"locate", "--periodic", "5"}));
-    ASSERT_TRUE(sim.WaitForSubCmd(GEOLOCATION_APBP_REQ, 10000).has_value());
+    ASSERT_TRUE(sim_.WaitForSubCmd(GEOLOCATION_APBP_REQ, 10000).has_value());
     int64_t deadline = NowMs() + 10000;
     while (t.Out().empty() && NowMs() < deadline) {
         usleep(5000);
     }
     t.Signal(SIGINT);
     EXPECT_EQ(t.Wait(), 0) << t.Err();
-    EXPECT_TRUE(sim.WaitForSubCmd(GEOLOCATION_ABORT_APBP_REQ, 1000).has_value());
+    EXPECT_TRUE(sim_.WaitForSubCmd(GEOLOCATION_ABORT_APBP_REQ, 1000).has_value());
     Result r{0, t.Out(), t.Err()};
     EXPECT_EQ(Count(r, "abortLocationRsp", "Location request aborted"), 1u) << r.out;
 }
@@ -809,7 +777,7 @@ TEST_P(LapiCli, LastPrintsTheFix) {
     EXPECT_TRUE(Contains(
         r.out, Json() ? "\"sessionId\":7,\"transactionId\":8" : "  sessionId:          7\n"))
         << r.out;
-    EXPECT_TRUE(sim.WaitForSubCmd(LAST_KNOWN_GEOLOCATION_APBP_REQ, 1000).has_value());
+    EXPECT_TRUE(sim_.WaitForSubCmd(LAST_KNOWN_GEOLOCATION_APBP_REQ, 1000).has_value());
 }
 
 TEST_P(LapiCli, StatusPrintsEveryField) {
@@ -836,7 +804,7 @@ TEST_P(LapiCli, DistancePrintsDistanceAndAzimuth) {
     EXPECT_TRUE(
         Contains(r.out, Json() ? "\"distance\":343556.25" : "  distance:      343556.250\n"))
         << r.out;
-    auto req = sim.WaitForSubCmd(DISTANCE_AND_AZIMUTH_APBP_REQ, 1000);
+    auto req = sim_.WaitForSubCmd(DISTANCE_AND_AZIMUTH_APBP_REQ, 1000);
     ASSERT_TRUE(req.has_value());
     EXPECT_NEAR(req->Fixed(27).value_or(0), -0.1278, 1e-6);
     EXPECT_EQ(req->bytes.back(), 1);
@@ -856,7 +824,7 @@ TEST_P(LapiCli, DbSetWritesTheFiles) {
     Result r = RunTool({"db-set", "3:0a0b", "4:ff"});
     EXPECT_EQ(r.status, 0) << r.err;
     EXPECT_EQ(Count(r, "setGpsDbDataRsp", "Assistance data written"), 1u) << r.out;
-    auto req = sim.WaitForSubCmd(DB_WRITE_APBP_REQ, 1000);
+    auto req = sim_.WaitForSubCmd(DB_WRITE_APBP_REQ, 1000);
     ASSERT_TRUE(req.has_value());
     EXPECT_EQ(req->U16(3), 2u);
     EXPECT_EQ(req->U32(5), 3u);
@@ -864,18 +832,18 @@ TEST_P(LapiCli, DbSetWritesTheFiles) {
 
 TEST_P(LapiCli, GeofenceAddAndWaitForTheHit) {
     Tool t(With({"geofence", "add", "48.85", "2.35", "150", "--wait-hit"}));
-    auto req = sim.WaitForSubCmd(PROXIMITY_ADD_APBP_REQ, 10000);
+    auto req = sim_.WaitForSubCmd(PROXIMITY_ADD_APBP_REQ, 10000);
     ASSERT_TRUE(req.has_value());
     EXPECT_NEAR(req->Fixed(27).value_or(0), 150.0, 1e-6);
     int64_t deadline = NowMs() + 10000;
     while (t.Out().empty() && NowMs() < deadline) {
         usleep(5000);
     }
-    Bytes loc = bpsim::BuildGetLocationRsp(req->SessionId(), req->TransactionId(), sim.GetFix());
+    Bytes loc = bpsim::BuildGetLocationRsp(req->SessionId(), req->TransactionId(), sim_.GetFix());
     Bytes hit(loc.begin(), loc.begin() + 3 + 88 + 4);
     hit[0] = PROXIMITY_HIT_APBP_IND;
     bpsim::PutU64(&hit, 9);
-    ASSERT_TRUE(sim.Send(hit));
+    ASSERT_TRUE(sim_.Send(hit));
     EXPECT_EQ(t.Wait(), 0) << t.Err();
     Result r{0, t.Out(), t.Err()};
     if (Json()) {
@@ -903,7 +871,7 @@ TEST_P(LapiCli, GeofenceRemoveAll) {
     Result r = RunTool({"geofence", "remove-all"});
     EXPECT_EQ(r.status, 0) << r.err;
     EXPECT_EQ(Count(r, "removeProximityRsp", "Proximity area removed"), 1u) << r.out;
-    auto req = sim.WaitForSubCmd(PROXIMITY_REM_APBP_REQ, 1000);
+    auto req = sim_.WaitForSubCmd(PROXIMITY_REM_APBP_REQ, 1000);
     ASSERT_TRUE(req.has_value());
     EXPECT_EQ(req->U32(3), 1u);
 }
@@ -927,7 +895,7 @@ TEST_P(LapiCli, WatchPrintsStatusChanges) {
     Tool t(With({"watch", "--count", "1"}));
     ASSERT_TRUE(t.WaitErr("lapi: watching status changes and network location requests"))
         << t.Err();
-    ASSERT_TRUE(sim.Send(bpsim::MakeMsg(STATUS_CHANGE_BPAP_IND, 0, 0, StatusBody(1))));
+    ASSERT_TRUE(sim_.Send(bpsim::MakeMsg(STATUS_CHANGE_BPAP_IND, 0, 0, StatusBody(1))));
     EXPECT_EQ(t.Wait(), 0) << t.Err();
     Result r{0, t.Out(), t.Err()};
     if (Json()) {
@@ -947,8 +915,8 @@ TEST_P(LapiCli, WatchAnswersNetworkRequests) {
     body.insert(body.end(), {0x00, 'H', 0x00, 'i'});
     body.push_back(5);
     body.insert(body.end(), {'s', 'h', 'o', 'p', '1'});
-    ASSERT_TRUE(sim.Send(bpsim::MakeMsg(LOCATION_NOTIFICATION_BPAP_IND, 0x51, 0x52, body)));
-    auto cfm = sim.WaitForSubCmd(LOCATION_NOTIFICATION_APBP_RES, 10000);
+    ASSERT_TRUE(sim_.Send(bpsim::MakeMsg(LOCATION_NOTIFICATION_BPAP_IND, 0x51, 0x52, body)));
+    auto cfm = sim_.WaitForSubCmd(LOCATION_NOTIFICATION_APBP_RES, 10000);
     ASSERT_TRUE(cfm.has_value());
     EXPECT_EQ(cfm->SessionId(), 0x51);
     EXPECT_EQ(cfm->TransactionId(), 0x52);
@@ -984,9 +952,7 @@ TEST_P(LapiCli, TraceDumpsEveryMessageOnStandardError) {
 }
 
 TEST_P(LapiCli, SilentServerHitsTheToolTimeout) {
-    bpsim::Policy silent;
-    silent.answer = bpsim::Answer::Silent;
-    sim.SetPolicy(GET_STATUS_APBP_REQ, silent);
+    Silent(GET_STATUS_APBP_REQ);
     Result r = RunTool({"status", "--timeout", "400"});
     EXPECT_EQ(r.status, 1);
     EXPECT_TRUE(Contains(r.err, "no answer from the server within 400 ms")) << r.err;

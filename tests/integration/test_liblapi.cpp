@@ -14,79 +14,42 @@
 
 #include "BpSim.h"
 #include "LAPI_BpMsg.h"
+#include "LapiClientPtr.h"
 #include "ServerFixture.h"
+#include "SimServerTest.h"
 #include "lapi_client.h"
 
 namespace {
 
 using bpsim::Bytes;
+using lapitest::ClientPtr;
+using lapitest::NowMs;
+using lapitest::StatusBody;
 
-struct ClientCloser {
-    void operator()(lapi_client *p) const { lapi_close(p); }
-};
-using ClientPtr = std::unique_ptr<lapi_client, ClientCloser>;
-
-int64_t NowMs() {
-    struct timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return static_cast<int64_t>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
-}
-
-bpsim::Options SimOptions(const lapitest::TempRoot &root) {
-    bpsim::Options o;
-    o.root = root.Dir();
-    o.fix.latitude = 48.8566;
-    o.fix.longitude = 2.3522;
-    o.fix.altitude = 35.0;
-    o.fix.horizontalAccuracy = 12.0;
-    o.fix.locationMethod = 2;
-    o.fix.ageOfFix = 3;
-    o.fix.nmea = "$GPGGA,120000.00,4851.396,N,00221.132,E,1,08,0.9,35.0,M,,,,*00\r\n";
-    return o;
+bpsim::Fix SampleFix() {
+    bpsim::Fix fix;
+    fix.latitude = 48.8566;
+    fix.longitude = 2.3522;
+    fix.altitude = 35.0;
+    fix.horizontalAccuracy = 12.0;
+    fix.locationMethod = 2;
+    fix.ageOfFix = 3;
+    fix.nmea = "$GPGGA,120000.00,4851.396,N,00221.132,E,1,08,0.9,35.0,M,,,,*00\r\n";
+    return fix;
 }
 
 /* A private root, the BP simulator on its mux link, and the host server. */
-class LibLapi : public ::testing::Test {
+class LibLapi : public lapitest::SimServerTest<> {
   protected:
-    lapitest::TempRoot root;
-    bpsim::Simulator sim{SimOptions(root)};
-    std::unique_ptr<lapitest::ServerProcess> srv;
+    LibLapi() : SimServerTest(SampleFix()) {}
 
-    void SetUp() override {
-        ASSERT_TRUE(root.ok());
-        std::string err;
-        ASSERT_TRUE(sim.Open(&err)) << err;
-        ASSERT_TRUE(sim.StartThread());
-        srv = std::make_unique<lapitest::ServerProcess>(root);
-        ASSERT_TRUE(srv->StartAndWaitReady());
-    }
-    void TearDown() override {
-        if (srv) {
-            srv->Stop();
-            srv.reset();
-        }
-        sim.Close();
-    }
-
-    std::string Sock() const { return root.Path("/tmp/lapisock"); }
+    std::string Sock() const { return root_.Path("/tmp/lapisock"); }
 
     ClientPtr Open(uint32_t service = LAPI_SERVICE_BASIC) {
         lapi_client *p = nullptr;
         int rc = lapi_open(Sock().c_str(), service, 5000, &p);
         EXPECT_EQ(rc, LAPI_OK) << lapi_strerror(rc);
         return ClientPtr(p);
-    }
-
-    /* The BP's answer to one kind of request, built from the request. */
-    void Answer(uint8_t subCmdId, std::function<std::vector<Bytes>(const bpsim::Message &)> fn) {
-        bpsim::Policy p;
-        p.build = std::move(fn);
-        sim.SetPolicy(subCmdId, p);
-    }
-    void Silent(uint8_t subCmdId) {
-        bpsim::Policy p;
-        p.answer = bpsim::Answer::Silent;
-        sim.SetPolicy(subCmdId, p);
     }
 };
 
@@ -117,14 +80,6 @@ class LibLapi : public ::testing::Test {
     }
 }
 
-Bytes StatusBody(int32_t base) {
-    Bytes b;
-    for (int i = 0; i < 8; ++i) {
-        bpsim::PutU32(&b, static_cast<uint32_t>(base + i));
-    }
-    return b;
-}
-
 /* ---- handshake ---- */
 
 TEST_F(LibLapi, HandshakeAndUnregister) {
@@ -153,7 +108,7 @@ TEST_F(LibLapi, SecondNetworkRequestClientIsRefused) {
 }
 
 TEST_F(LibLapi, NoServerIsConnectError) {
-    srv->Stop();
+    srv_->Stop();
     lapi_client *p = nullptr;
     EXPECT_EQ(lapi_open(Sock().c_str(), LAPI_SERVICE_BASIC, 1000, &p), LAPI_E_CONNECT);
 }
@@ -170,7 +125,7 @@ TEST_F(LibLapi, SingleFixOnTheSyncConnection) {
     lp.responseTime = 20000;
     lp.nmeaRequired = 1;
     ASSERT_EQ(lapi_get_location(c.get(), &lp), LAPI_OK);
-    auto req = sim.WaitForSubCmd(GEOLOCATION_APBP_REQ, 5000);
+    auto req = sim_.WaitForSubCmd(GEOLOCATION_APBP_REQ, 5000);
     ASSERT_TRUE(req.has_value());
     EXPECT_EQ(req->U32(3), 20000u);
     lapi_msg m;
@@ -218,13 +173,13 @@ TEST_F(LibLapi, PeriodicReportsUntilAborted) {
     lp.sessionId = 8;
     lp.transactionId = 9;
     ASSERT_EQ(lapi_get_location(c.get(), &lp), LAPI_OK);
-    auto req = sim.WaitForSubCmd(GEOLOCATION_APBP_REQ, 5000);
+    auto req = sim_.WaitForSubCmd(GEOLOCATION_APBP_REQ, 5000);
     ASSERT_TRUE(req.has_value());
-    bpsim::Fix fix = sim.GetFix();
+    bpsim::Fix fix = sim_.GetFix();
     for (int i = 0; i < 3; ++i) {
         fix.latitude = 10.0 + i;
         ASSERT_TRUE(
-            sim.Send(bpsim::BuildGetLocationRsp(req->SessionId(), req->TransactionId(), fix)));
+            sim_.Send(bpsim::BuildGetLocationRsp(req->SessionId(), req->TransactionId(), fix)));
         lapi_msg m;
         ASSERT_TRUE(Next(c.get(), &m));
         ASSERT_EQ(+m.msgId, LAPI_GET_LOCATION_RSP);
@@ -232,7 +187,7 @@ TEST_F(LibLapi, PeriodicReportsUntilAborted) {
         EXPECT_NEAR(+m.u.getLocationRsp.latitude, 10.0 + i, 1e-6);
     }
     ASSERT_EQ(lapi_abort_location(c.get(), LAPI_MODE_SYNC, 8, 9), LAPI_OK);
-    auto abortReq = sim.WaitForSubCmd(GEOLOCATION_ABORT_APBP_REQ, 5000);
+    auto abortReq = sim_.WaitForSubCmd(GEOLOCATION_ABORT_APBP_REQ, 5000);
     ASSERT_TRUE(abortReq.has_value());
     EXPECT_EQ(abortReq->SessionId(), req->SessionId());
     EXPECT_EQ(abortReq->TransactionId(), req->TransactionId());
@@ -243,15 +198,12 @@ TEST_F(LibLapi, PeriodicReportsUntilAborted) {
     EXPECT_EQ(+m.u.abortLocationRsp.transactionId, 9);
     EXPECT_EQ(+m.u.abortLocationRsp.result, 0);
     /* A late report after the abort reaches nobody. */
-    ASSERT_TRUE(sim.Send(bpsim::BuildGetLocationRsp(req->SessionId(), req->TransactionId(), fix)));
+    ASSERT_TRUE(sim_.Send(bpsim::BuildGetLocationRsp(req->SessionId(), req->TransactionId(), fix)));
     EXPECT_EQ(lapi_recv(c.get(), &m, 300), LAPI_E_TIMEOUT);
 }
 
 TEST_F(LibLapi, AbortOfUnknownPairIsInvalidAndTheClientStays) {
-    Answer(GET_STATUS_APBP_REQ, [](const bpsim::Message &r) {
-        return std::vector<Bytes>{
-            bpsim::MakeMsg(GET_STATUS_APBP_RES, r.SessionId(), r.TransactionId(), StatusBody(1))};
-    });
+    AnswerStatus(1);
     ClientPtr c = Open();
     ASSERT_TRUE(c);
     ASSERT_EQ(lapi_abort_location(c.get(), LAPI_MODE_SYNC, 9, 9), LAPI_OK);
@@ -276,8 +228,8 @@ TEST_F(LibLapi, AbortAllReachesEveryClientsRequests) {
     ASSERT_EQ(lapi_get_location(a.get(), &lp), LAPI_OK);
     lp.mode = LAPI_MODE_ASYNC;
     ASSERT_EQ(lapi_get_location(b.get(), &lp), LAPI_OK);
-    ASSERT_TRUE(sim.WaitForSubCmd(GEOLOCATION_APBP_REQ, 5000).has_value());
-    ASSERT_TRUE(sim.WaitForSubCmd(GEOLOCATION_APBP_REQ, 5000).has_value());
+    ASSERT_TRUE(sim_.WaitForSubCmd(GEOLOCATION_APBP_REQ, 5000).has_value());
+    ASSERT_TRUE(sim_.WaitForSubCmd(GEOLOCATION_APBP_REQ, 5000).has_value());
     ASSERT_EQ(lapi_abort_all_location(boss.get()), LAPI_OK);
     lapi_msg m;
     ASSERT_TRUE(Next(a.get(), &m));
@@ -294,7 +246,7 @@ TEST_F(LibLapi, LastKnownLocation) {
     ClientPtr c = Open();
     ASSERT_TRUE(c);
     ASSERT_EQ(lapi_last_known_location(c.get(), LAPI_MODE_SYNC, 2, 3), LAPI_OK);
-    auto req = sim.WaitForSubCmd(LAST_KNOWN_GEOLOCATION_APBP_REQ, 5000);
+    auto req = sim_.WaitForSubCmd(LAST_KNOWN_GEOLOCATION_APBP_REQ, 5000);
     ASSERT_TRUE(req.has_value());
     lapi_msg m;
     ASSERT_TRUE(Next(c.get(), &m));
@@ -324,7 +276,7 @@ TEST_F(LibLapi, GetGpsDbDataRoundTrip) {
     ClientPtr c = Open();
     ASSERT_TRUE(c);
     ASSERT_EQ(lapi_get_gps_db_data(c.get(), LAPI_MODE_SYNC, 1, 2, 5), LAPI_OK);
-    auto req = sim.WaitForSubCmd(DB_READ_APBP_REQ, 5000);
+    auto req = sim_.WaitForSubCmd(DB_READ_APBP_REQ, 5000);
     ASSERT_TRUE(req.has_value());
     EXPECT_EQ(req->U32(3), 5u);
     lapi_msg m;
@@ -358,7 +310,7 @@ TEST_F(LibLapi, SetGpsDbDataRoundTrip) {
     f[0].data[0] = 0x0A;
     f[0].data[1] = 0x0B;
     ASSERT_EQ(lapi_set_gps_db_data(c.get(), LAPI_MODE_ASYNC, 6, 7, f, 1), LAPI_OK);
-    auto req = sim.WaitForSubCmd(DB_WRITE_APBP_REQ, 5000);
+    auto req = sim_.WaitForSubCmd(DB_WRITE_APBP_REQ, 5000);
     ASSERT_TRUE(req.has_value());
     EXPECT_EQ(req->U16(3), 1u);
     EXPECT_EQ(req->U32(5), 3u);
@@ -377,10 +329,7 @@ TEST_F(LibLapi, SetGpsDbDataRoundTrip) {
 /* ---- status ---- */
 
 TEST_F(LibLapi, GetStatusRoundTrip) {
-    Answer(GET_STATUS_APBP_REQ, [](const bpsim::Message &r) {
-        return std::vector<Bytes>{
-            bpsim::MakeMsg(GET_STATUS_APBP_RES, r.SessionId(), r.TransactionId(), StatusBody(10))};
-    });
+    AnswerStatus(10);
     ClientPtr c = Open();
     ASSERT_TRUE(c);
     ASSERT_EQ(lapi_get_status(c.get(), LAPI_MODE_SYNC, 3, 4), LAPI_OK);
@@ -404,7 +353,7 @@ TEST_F(LibLapi, StatusChangeReachesOnlyStatusClientsOnTheAsyncConnection) {
     ClientPtr watcher = Open(LAPI_SERVICE_STATUS);
     ClientPtr other = Open(LAPI_SERVICE_BASIC);
     ASSERT_TRUE(watcher && other);
-    ASSERT_TRUE(sim.Send(bpsim::MakeMsg(STATUS_CHANGE_BPAP_IND, 0x21, 0x22, StatusBody(-3))));
+    ASSERT_TRUE(sim_.Send(bpsim::MakeMsg(STATUS_CHANGE_BPAP_IND, 0x21, 0x22, StatusBody(-3))));
     lapi_msg m;
     ASSERT_TRUE(Next(watcher.get(), &m));
     ASSERT_EQ(+m.msgId, LAPI_STATUS_CHANGE_IND);
@@ -428,7 +377,7 @@ TEST_F(LibLapi, NetworkNotificationIsAnsweredWithItsOwnPair) {
     body.insert(body.end(), {0x00, 0x41, 0x00, 0x42});
     body.push_back(3); /* addrLength */
     body.insert(body.end(), {'x', '@', 'y'});
-    ASSERT_TRUE(sim.Send(bpsim::MakeMsg(LOCATION_NOTIFICATION_BPAP_IND, 0x31, 0x32, body)));
+    ASSERT_TRUE(sim_.Send(bpsim::MakeMsg(LOCATION_NOTIFICATION_BPAP_IND, 0x31, 0x32, body)));
     lapi_msg m;
     ASSERT_TRUE(Next(c.get(), &m));
     ASSERT_EQ(+m.msgId, LAPI_LOCATION_NOTIFICATION_IND);
@@ -446,7 +395,7 @@ TEST_F(LibLapi, NetworkNotificationIsAnsweredWithItsOwnPair) {
     EXPECT_EQ(memcmp(ind.clientExternalAddr, "x@y", 3), 0);
     ASSERT_EQ(lapi_location_notification_cfm(c.get(), ind.sessionId, ind.transactionId, 7),
               LAPI_OK);
-    auto cfm = sim.WaitForSubCmd(LOCATION_NOTIFICATION_APBP_RES, 5000);
+    auto cfm = sim_.WaitForSubCmd(LOCATION_NOTIFICATION_APBP_RES, 5000);
     ASSERT_TRUE(cfm.has_value());
     EXPECT_EQ(cfm->SessionId(), 0x31);
     EXPECT_EQ(cfm->TransactionId(), 0x32);
@@ -456,7 +405,7 @@ TEST_F(LibLapi, NetworkNotificationIsAnsweredWithItsOwnPair) {
 TEST_F(LibLapi, NotificationStatusReachesTheNetworkRequestClient) {
     ClientPtr c = Open(LAPI_SERVICE_MTLR);
     ASSERT_TRUE(c);
-    ASSERT_TRUE(sim.Send(bpsim::BuildI32Msg(NOTIFICATION_STATUS_BPAP_IND, 0x41, 0x42, -9)));
+    ASSERT_TRUE(sim_.Send(bpsim::BuildI32Msg(NOTIFICATION_STATUS_BPAP_IND, 0x41, 0x42, -9)));
     lapi_msg m;
     ASSERT_TRUE(Next(c.get(), &m));
     ASSERT_EQ(+m.msgId, LAPI_NOTIFICATION_STATUS_IND);
@@ -478,7 +427,7 @@ TEST_F(LibLapi, DistanceAzimuthRoundTrip) {
     ASSERT_TRUE(c);
     ASSERT_EQ(lapi_distance_azimuth(c.get(), LAPI_MODE_SYNC, 5, 6, 1.0, -1.0, 2.5, 3.5, 1),
               LAPI_OK);
-    auto req = sim.WaitForSubCmd(DISTANCE_AND_AZIMUTH_APBP_REQ, 5000);
+    auto req = sim_.WaitForSubCmd(DISTANCE_AND_AZIMUTH_APBP_REQ, 5000);
     ASSERT_TRUE(req.has_value());
     ASSERT_EQ(req->Size(), 36u);
     EXPECT_EQ(req->U64(3), 0x0000000000800000ull) << "latitude1 1.0 in fixed point";
@@ -514,7 +463,7 @@ TEST_F(LibLapiProximity, AddThenHit) {
     ClientPtr c = Open();
     ASSERT_TRUE(c);
     ASSERT_EQ(lapi_add_proximity(c.get(), LAPI_MODE_SYNC, 1, 1, 48.5, 2.25, 35.0, 100.0), LAPI_OK);
-    auto req = sim.WaitForSubCmd(PROXIMITY_ADD_APBP_REQ, 5000);
+    auto req = sim_.WaitForSubCmd(PROXIMITY_ADD_APBP_REQ, 5000);
     ASSERT_TRUE(req.has_value());
     EXPECT_NEAR(req->Fixed(27).value_or(0), 100.0, 1e-6) << "radius";
     lapi_msg m;
@@ -522,14 +471,14 @@ TEST_F(LibLapiProximity, AddThenHit) {
     ASSERT_EQ(+m.msgId, LAPI_ADD_PROXIMITY_RSP);
     EXPECT_EQ(+m.u.addProximityRsp.status, 0);
     /* The hit of an active area goes to the asynchronous connection. */
-    Bytes hit = bpsim::BuildGetLocationRsp(req->SessionId(), req->TransactionId(), sim.GetFix());
+    Bytes hit = bpsim::BuildGetLocationRsp(req->SessionId(), req->TransactionId(), sim_.GetFix());
     /* PROXIMITY_HIT_APBP_IND: the location answer's fields without cause
      * and NMEA: header, 88 bytes of position, locationMethod, ageOfFix. */
     Bytes ind(hit.begin(), hit.begin() + 3 + 88 + 4);
     ind[0] = PROXIMITY_HIT_APBP_IND;
     bpsim::PutU64(&ind, 77);
     ASSERT_EQ(ind.size(), 103u);
-    ASSERT_TRUE(sim.Send(ind));
+    ASSERT_TRUE(sim_.Send(ind));
     ASSERT_TRUE(Next(c.get(), &m));
     ASSERT_EQ(+m.msgId, LAPI_PROXIMITY_HIT_IND);
     EXPECT_EQ(+m.conn, LAPI_CONN_ASYNC);
@@ -550,7 +499,7 @@ TEST_F(LibLapiProximity, AddThenRemove) {
     ASSERT_TRUE(Next(c.get(), &m));
     ASSERT_EQ(+m.msgId, LAPI_ADD_PROXIMITY_RSP);
     ASSERT_EQ(lapi_remove_proximity(c.get(), LAPI_MODE_SYNC, 2, 3), LAPI_OK);
-    auto req = sim.WaitForSubCmd(PROXIMITY_REM_APBP_REQ, 5000);
+    auto req = sim_.WaitForSubCmd(PROXIMITY_REM_APBP_REQ, 5000);
     ASSERT_TRUE(req.has_value());
     EXPECT_EQ(req->U32(3), 0u);
     ASSERT_TRUE(Next(c.get(), &m));
@@ -569,7 +518,7 @@ TEST_F(LibLapiProximity, RemoveAllAnswersEveryAreaOwner) {
     ASSERT_TRUE(Next(owner.get(), &m));
     ASSERT_EQ(+m.msgId, LAPI_ADD_PROXIMITY_RSP);
     ASSERT_EQ(lapi_remove_all_proximity(remover.get(), LAPI_MODE_SYNC, 9, 9), LAPI_OK);
-    auto req = sim.WaitForSubCmd(PROXIMITY_REM_APBP_REQ, 5000);
+    auto req = sim_.WaitForSubCmd(PROXIMITY_REM_APBP_REQ, 5000);
     ASSERT_TRUE(req.has_value());
     EXPECT_EQ(req->U32(3), static_cast<uint32_t>(LAPI_BP_REMOVE_ALL_PROXIMITY));
     ASSERT_TRUE(NextOf(remover.get(), LAPI_REMOVE_PROXIMITY_RSP, &m));
@@ -619,7 +568,7 @@ TEST_F(LibLapi, SlowServerHitsTheLibraryTimeoutAndTheClientStays) {
         return std::vector<Bytes>{
             bpsim::MakeMsg(GET_STATUS_APBP_RES, r.SessionId(), r.TransactionId(), StatusBody(0))};
     };
-    sim.SetPolicy(GET_STATUS_APBP_REQ, slow);
+    sim_.SetPolicy(GET_STATUS_APBP_REQ, slow);
     ClientPtr c = Open();
     ASSERT_TRUE(c);
     ASSERT_EQ(lapi_get_status(c.get(), LAPI_MODE_SYNC, 1, 1), LAPI_OK);
@@ -636,8 +585,8 @@ TEST_F(LibLapi, ServerGoingAwayMidRequestIsAClearErrorWithoutHanging) {
     ClientPtr c = Open();
     ASSERT_TRUE(c);
     ASSERT_EQ(lapi_get_status(c.get(), LAPI_MODE_SYNC, 1, 1), LAPI_OK);
-    ASSERT_TRUE(sim.WaitForSubCmd(GET_STATUS_APBP_REQ, 5000).has_value());
-    EXPECT_EQ(srv->Stop(), 0);
+    ASSERT_TRUE(sim_.WaitForSubCmd(GET_STATUS_APBP_REQ, 5000).has_value());
+    EXPECT_EQ(srv_->Stop(), 0);
     lapi_msg m;
     int64_t start = NowMs();
     EXPECT_EQ(lapi_recv(c.get(), &m, 10000), LAPI_E_CLOSED);

@@ -26,11 +26,7 @@ Bytes OneU32Body(uint16_t mode, uint8_t sid, uint8_t tid, uint32_t v) {
 }
 
 Bytes AddProximityBody(uint16_t mode, uint8_t sid, uint8_t tid) {
-    AddProximityReq req;
-    memset(&req, 0, sizeof(req));
-    req.mode = mode;
-    req.sessionId = sid;
-    req.transactionId = tid;
+    AddProximityReq req = PrefixReq<AddProximityReq>(mode, sid, tid);
     req.latitude = 1.0;
     req.longitude = 2.0;
     req.radius = 50.0;
@@ -38,11 +34,7 @@ Bytes AddProximityBody(uint16_t mode, uint8_t sid, uint8_t tid) {
 }
 
 Bytes StatusRsp(uint16_t msgId, uint8_t sid, uint8_t tid, const bpsim::Status &st) {
-    GetStatusRsp r;
-    memset(&r, 0, sizeof(r));
-    r.header = Hdr(msgId, LAPI_GET_STATUS_RSP_LEN);
-    r.sessionId = sid;
-    r.transactionId = tid;
+    GetStatusRsp r = PairMsg<GetStatusRsp>(msgId, LAPI_GET_STATUS_RSP_LEN, sid, tid);
     r.userStatus = st.userStatus;
     r.hwStatus = st.hwStatus;
     r.fixStatus = st.fixStatus;
@@ -67,11 +59,8 @@ Bytes HitInd(uint8_t sid, uint8_t tid, const bpsim::Fix &fix) {
 
 Bytes NotificationInd(uint8_t sid, uint8_t tid, int32_t ntype, int32_t ltype, uint8_t dcs,
                       const std::string &name, const std::string &addr) {
-    LocationNotificationInd ind;
-    memset(&ind, 0, sizeof(ind));
-    ind.header = Hdr(LAPI_LOCATION_NOTIFICATION_IND, LAPI_LOCATION_NOTIFICATION_IND_LEN);
-    ind.sessionId = sid;
-    ind.transactionId = tid;
+    LocationNotificationInd ind = PairMsg<LocationNotificationInd>(
+        LAPI_LOCATION_NOTIFICATION_IND, LAPI_LOCATION_NOTIFICATION_IND_LEN, sid, tid);
     ind.notificationType = ntype;
     ind.locationType = ltype;
     ind.dataCodingSchema = dcs;
@@ -94,49 +83,35 @@ TEST_F(BpSimLocation, AnswersEveryRequestWithItsDefaults) {
     auto c = NewClient();
     /* Assistance data read: the requested file with data 01 02 03 04. */
     ASSERT_TRUE(c->SendMsg(LAPI_GET_GPS_DB_DATA_REQ, OneU32Body(1, 1, 1, 42)));
-    GetGpsDbDataRsp db;
-    memset(&db, 0, sizeof(db));
-    db.header = Hdr(LAPI_GET_GPS_DB_DATA_RSP, LAPI_GET_GPS_DB_DATA_RSP_LEN);
-    db.sessionId = 1;
-    db.transactionId = 1;
+    GetGpsDbDataRsp db =
+        PairMsg<GetGpsDbDataRsp>(LAPI_GET_GPS_DB_DATA_RSP, LAPI_GET_GPS_DB_DATA_RSP_LEN, 1, 1);
     db.numFiles = 1;
     db.dbFile[0].fileId = 42;
     db.dbFile[0].length = 4;
     memcpy(db.dbFile[0].data, "\x04\x03\x02\x01", 4);
     EXPECT_EQ(ToBytes(db), Next(c->Sync()));
     /* Assistance data write. */
-    SetGpsDbDataReq w;
-    memset(&w, 0, sizeof(w));
-    w.mode = 1;
-    w.sessionId = 1;
-    w.transactionId = 2;
+    SetGpsDbDataReq w = PrefixReq<SetGpsDbDataReq>(1, 1, 2);
     ASSERT_TRUE(c->SendMsg(LAPI_SET_GPS_DB_DATA_REQ, BodyOf(w)));
     EXPECT_EQ(PairI32Rsp(LAPI_SET_GPS_DB_DATA_RSP, 1, 2, 0), Next(c->Sync()));
     /* Status. */
     ASSERT_TRUE(c->SendMsg(LAPI_GET_STATUS_REQ, PrefixBody(1, 1, 3)));
     EXPECT_EQ(StatusRsp(LAPI_GET_STATUS_RSP, 1, 3, bpsim::Status()), Next(c->Sync()));
     /* Distance and azimuth. */
-    DistanceAzimuthReq d;
-    memset(&d, 0, sizeof(d));
-    d.mode = 1;
-    d.sessionId = 1;
-    d.transactionId = 4;
+    DistanceAzimuthReq d = PrefixReq<DistanceAzimuthReq>(1, 1, 4);
     ASSERT_TRUE(c->SendMsg(LAPI_DISTANCE_AZIMUTH_REQ, BodyOf(d)));
-    DistanceAzimuthRsp dr;
-    memset(&dr, 0, sizeof(dr));
-    dr.header = Hdr(LAPI_DISTANCE_AZIMUTH_RSP, LAPI_DISTANCE_AZIMUTH_RSP_LEN);
-    dr.sessionId = 1;
-    dr.transactionId = 4;
+    DistanceAzimuthRsp dr =
+        PairMsg<DistanceAzimuthRsp>(LAPI_DISTANCE_AZIMUTH_RSP, LAPI_DISTANCE_AZIMUTH_RSP_LEN, 1, 4);
     dr.distance = 1000.0 + 0.5 / 8388608.0;
     dr.azimuth = 90.0 + 0.5 / 8388608.0;
     EXPECT_EQ(ToBytes(dr), Next(c->Sync()));
     /* Proximity: accepted, remembered, removed. */
     ASSERT_TRUE(c->SendMsg(LAPI_ADD_PROXIMITY_REQ, AddProximityBody(1, 1, 5)));
     EXPECT_EQ(PairI32Rsp(LAPI_ADD_PROXIMITY_RSP, 1, 5, 0), Next(c->Sync()));
-    EXPECT_EQ((std::vector<bpsim::Pair>{{2, 5}}), sim_->Areas());
+    EXPECT_EQ((std::vector<bpsim::Pair>{{2, 5}}), sim_.Areas());
     ASSERT_TRUE(c->SendMsg(LAPI_REMOVE_PROXIMITY_REQ, OneU32Body(1, 1, 5, 0)));
     EXPECT_EQ(PairI32Rsp(LAPI_REMOVE_PROXIMITY_RSP, 1, 5, 0), Next(c->Sync()));
-    EXPECT_TRUE(sim_->Areas().empty());
+    EXPECT_TRUE(sim_.Areas().empty());
     /* Last known and abort. */
     ASSERT_TRUE(c->SendMsg(LAPI_LAST_KNOWN_LOCATION_REQ, PrefixBody(1, 1, 6)));
     EXPECT_EQ(ExpectedLocationRsp(1, 6, SampleFix()), Next(c->Sync()));
@@ -157,16 +132,13 @@ TEST_F(BpSimLocation, ResultsAreConfigurable) {
     r.distance = 3.5;
     r.azimuth = -7.25;
     r.addProximityStatus = 3;
-    sim_->SetResults(r);
-    sim_->SetPolicy(GEOLOCATION_APBP_REQ, SilentPolicy());
+    sim_.SetResults(r);
+    Silent(GEOLOCATION_APBP_REQ);
     auto c = NewClient();
     ASSERT_TRUE(c->SendMsg(LAPI_GET_LOCATION_REQ, BodyOf(MakeGetLocation(0, 2, 1))));
     ASSERT_TRUE(c->SendMsg(LAPI_ABORT_LOCATION_REQ, PrefixBody(0, 2, 1)));
     EXPECT_EQ(PairI32Rsp(LAPI_ABORT_LOCATION_RSP, 2, 1, -5), Next(c->Async()));
-    SetGpsDbDataReq w;
-    memset(&w, 0, sizeof(w));
-    w.sessionId = 2;
-    w.transactionId = 2;
+    SetGpsDbDataReq w = PrefixReq<SetGpsDbDataReq>(0, 2, 2);
     ASSERT_TRUE(c->SendMsg(LAPI_SET_GPS_DB_DATA_REQ, BodyOf(w)));
     EXPECT_EQ(PairI32Rsp(LAPI_SET_GPS_DB_DATA_RSP, 2, 2, 6), Next(c->Async()));
     ASSERT_TRUE(c->SendMsg(LAPI_GET_GPS_DB_DATA_REQ, OneU32Body(0, 2, 3, 1)));
@@ -183,14 +155,14 @@ TEST_F(BpSimLocation, ResultsAreConfigurable) {
     EXPECT_EQ(StatusRsp(LAPI_GET_STATUS_RSP, 2, 4, r.status), Next(c->Async()));
     ASSERT_TRUE(c->SendMsg(LAPI_ADD_PROXIMITY_REQ, AddProximityBody(0, 2, 5)));
     EXPECT_EQ(PairI32Rsp(LAPI_ADD_PROXIMITY_RSP, 2, 5, 3), Next(c->Async()));
-    EXPECT_TRUE(sim_->Areas().empty()); /* a refused area is not kept */
+    EXPECT_TRUE(sim_.Areas().empty()); /* a refused area is not kept */
 }
 
 TEST_F(BpSimLocation, DelayedAnswerArrivesLate) {
     bpsim::Policy late;
     late.answer = bpsim::Answer::After;
     late.delayMs = 400;
-    sim_->SetPolicy(GET_STATUS_APBP_REQ, late);
+    sim_.SetPolicy(GET_STATUS_APBP_REQ, late);
     auto c = NewClient();
     auto start = Clock::now();
     ASSERT_TRUE(c->SendMsg(LAPI_GET_STATUS_REQ, PrefixBody(1, 1, 1)));
@@ -201,17 +173,17 @@ TEST_F(BpSimLocation, DelayedAnswerArrivesLate) {
 TEST_F(BpSimLocation, PeriodicReportsArriveAutomaticallyUntilAborted) {
     bpsim::Results r;
     r.periodicMs = 100;
-    sim_->SetResults(r);
+    sim_.SetResults(r);
     auto c = NewClient();
     ASSERT_TRUE(c->SendMsg(LAPI_GET_LOCATION_REQ,
                            BodyOf(MakeGetLocation(0, 6, 6, 1000, LAPI_REPORT_PERIODIC, 100))));
     for (int i = 0; i < 4; ++i) {
         EXPECT_EQ(ExpectedLocationRsp(6, 6, SampleFix()), Next(c->Async())) << "report " << i;
     }
-    EXPECT_EQ((std::vector<bpsim::Pair>{{2, 1}}), sim_->PeriodicSessions());
+    EXPECT_EQ((std::vector<bpsim::Pair>{{2, 1}}), sim_.PeriodicSessions());
     ASSERT_TRUE(c->SendMsg(LAPI_ABORT_LOCATION_REQ, PrefixBody(1, 6, 6)));
     EXPECT_EQ(PairI32Rsp(LAPI_ABORT_LOCATION_RSP, 6, 6, 0), Next(c->Sync()));
-    EXPECT_TRUE(sim_->PeriodicSessions().empty());
+    EXPECT_TRUE(sim_.PeriodicSessions().empty());
     /* Reports already on their way may still arrive; then nothing. */
     while (c->Async().RecvMsg(300)) {
     }
@@ -219,7 +191,7 @@ TEST_F(BpSimLocation, PeriodicReportsArriveAutomaticallyUntilAborted) {
     /* A single fix never starts a periodic session. */
     ASSERT_TRUE(c->SendMsg(LAPI_GET_LOCATION_REQ, BodyOf(MakeGetLocation(0, 7, 7))));
     EXPECT_EQ(ExpectedLocationRsp(7, 7, SampleFix()), Next(c->Async()));
-    EXPECT_TRUE(sim_->PeriodicSessions().empty());
+    EXPECT_TRUE(sim_.PeriodicSessions().empty());
 }
 
 TEST_F(BpSimLocation, IndicationsOnRequest) {
@@ -228,7 +200,7 @@ TEST_F(BpSimLocation, IndicationsOnRequest) {
     st.userStatus = 1;
     st.hwStatus = 2;
     st.signalStatus = -3;
-    ASSERT_TRUE(sim_->SendStatusChange(st, 4, 5));
+    ASSERT_TRUE(sim_.SendStatusChange(st, 4, 5));
     EXPECT_EQ(StatusRsp(LAPI_STATUS_CHANGE_IND, 4, 5, st), Next(both->Async()));
 
     bpsim::Notification n;
@@ -239,19 +211,19 @@ TEST_F(BpSimLocation, IndicationsOnRequest) {
     n.dataCodingSchema = 0x48;
     n.name = bpsim::Ucs2("Eve");
     n.address = "sip:x";
-    ASSERT_TRUE(sim_->SendLocationNotification(n));
+    ASSERT_TRUE(sim_.SendLocationNotification(n));
     EXPECT_EQ(NotificationInd(0x33, 0x44, 2, 1, 0x48, "Eve", "sip:x"), Next(both->Async()));
 
-    ASSERT_TRUE(sim_->SendNotificationStatus(0x33, 0x44, 17));
+    ASSERT_TRUE(sim_.SendNotificationStatus(0x33, 0x44, 17));
     EXPECT_EQ(PairI32Rsp(LAPI_NOTIFICATION_STATUS_IND, 0x33, 0x44, 17), Next(both->Async()));
 
     ASSERT_TRUE(both->SendMsg(LAPI_ADD_PROXIMITY_REQ, AddProximityBody(1, 8, 8)));
     EXPECT_EQ(PairI32Rsp(LAPI_ADD_PROXIMITY_RSP, 8, 8, 0), Next(both->Sync()));
-    ASSERT_EQ(1u, sim_->Areas().size());
-    bpsim::Pair area = sim_->Areas()[0];
-    ASSERT_TRUE(sim_->SendProximityHit(area.first, area.second));
+    ASSERT_EQ(1u, sim_.Areas().size());
+    bpsim::Pair area = sim_.Areas()[0];
+    ASSERT_TRUE(sim_.SendProximityHit(area.first, area.second));
     EXPECT_EQ(HitInd(8, 8, SampleFix()), Next(both->Async()));
-    EXPECT_TRUE(sim_->Areas().empty());
+    EXPECT_TRUE(sim_.Areas().empty());
 }
 
 TEST_F(BpSimLocation, RemoveAllForgetsEveryArea) {
@@ -260,12 +232,12 @@ TEST_F(BpSimLocation, RemoveAllForgetsEveryArea) {
     EXPECT_FALSE(Next(c->Sync()).empty());
     ASSERT_TRUE(c->SendMsg(LAPI_ADD_PROXIMITY_REQ, AddProximityBody(1, 1, 2)));
     EXPECT_FALSE(Next(c->Sync()).empty());
-    EXPECT_EQ(2u, sim_->Areas().size());
+    EXPECT_EQ(2u, sim_.Areas().size());
     ASSERT_TRUE(c->SendMsg(LAPI_REMOVE_PROXIMITY_REQ, OneU32Body(1, 1, 3, 1)));
     EXPECT_EQ(PairI32Rsp(LAPI_REMOVE_PROXIMITY_RSP, 1, 1, 0), Next(c->Async()));
     EXPECT_EQ(PairI32Rsp(LAPI_REMOVE_PROXIMITY_RSP, 1, 2, 0), Next(c->Async()));
     EXPECT_EQ(PairI32Rsp(LAPI_REMOVE_PROXIMITY_RSP, 1, 3, 0), Next(c->Sync()));
-    EXPECT_TRUE(sim_->Areas().empty());
+    EXPECT_TRUE(sim_.Areas().empty());
 }
 
 /* ------------------------------------------------------------------------ */
@@ -413,11 +385,7 @@ TEST(BpSimProgramCommands, ResultsIndicationsAndReportsThroughTheCommandLine) {
     EXPECT_EQ((Bytes{0xFE, 0xFF, 0xFF, 0xFF}), Bytes(db.begin() + 232, db.end()));
     ASSERT_TRUE(bp.Command("distance 10 20"));
     ASSERT_TRUE(bp.Sync());
-    DistanceAzimuthReq d;
-    memset(&d, 0, sizeof(d));
-    d.mode = 1;
-    d.sessionId = 1;
-    d.transactionId = 3;
+    DistanceAzimuthReq d = PrefixReq<DistanceAzimuthReq>(1, 1, 3);
     ASSERT_TRUE(c.SendMsg(LAPI_DISTANCE_AZIMUTH_REQ, BodyOf(d)));
     Bytes dist = next(c.Sync());
     ASSERT_EQ(26u, dist.size());

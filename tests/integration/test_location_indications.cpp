@@ -22,11 +22,8 @@ Bytes StatusBody() {
 }
 
 Bytes ExpectedStatusChange(uint8_t sid, uint8_t tid) {
-    StatusChangeInd ind;
-    memset(&ind, 0, sizeof(ind));
-    ind.header = Hdr(LAPI_STATUS_CHANGE_IND, LAPI_STATUS_CHANGE_IND_LEN);
-    ind.sessionId = sid;
-    ind.transactionId = tid;
+    StatusChangeInd ind =
+        PairMsg<StatusChangeInd>(LAPI_STATUS_CHANGE_IND, LAPI_STATUS_CHANGE_IND_LEN, sid, tid);
     ind.userStatus = 0x10;
     ind.hwStatus = 0x20;
     ind.fixStatus = 0x30;
@@ -39,11 +36,7 @@ Bytes ExpectedStatusChange(uint8_t sid, uint8_t tid) {
 }
 
 Bytes AddProximityBody(uint16_t mode, uint8_t sid, uint8_t tid) {
-    AddProximityReq req;
-    memset(&req, 0, sizeof(req));
-    req.mode = mode;
-    req.sessionId = sid;
-    req.transactionId = tid;
+    AddProximityReq req = PrefixReq<AddProximityReq>(mode, sid, tid);
     req.latitude = 48.5;
     req.longitude = -2.25;
     req.altitude = 100.0;
@@ -98,7 +91,7 @@ TEST_F(LocationIndications, StatusChangeReachesEveryStatusClient) {
     auto s1 = NewClient(LAPI_SERVICE_STATUS);
     auto s2 = NewClient(LAPI_SERVICE_STATUS | LAPI_SERVICE_MTLR);
     auto plain = NewClient(1);
-    ASSERT_TRUE(sim_->Send(bpsim::MakeMsg(STATUS_CHANGE_BPAP_IND, 0x0A, 0x0B, StatusBody())));
+    ASSERT_TRUE(sim_.Send(bpsim::MakeMsg(STATUS_CHANGE_BPAP_IND, 0x0A, 0x0B, StatusBody())));
     EXPECT_EQ(ExpectedStatusChange(0x0A, 0x0B), Next(s1->Async()));
     EXPECT_EQ(ExpectedStatusChange(0x0A, 0x0B), Next(s2->Async()));
     EXPECT_TRUE(plain->Async().StaysSilent(200));
@@ -106,7 +99,7 @@ TEST_F(LocationIndications, StatusChangeReachesEveryStatusClient) {
     /* A malformed one reaches nobody. */
     Bytes bad = StatusBody();
     bad.pop_back();
-    ASSERT_TRUE(sim_->Send(bpsim::MakeMsg(STATUS_CHANGE_BPAP_IND, 1, 1, bad)));
+    ASSERT_TRUE(sim_.Send(bpsim::MakeMsg(STATUS_CHANGE_BPAP_IND, 1, 1, bad)));
     EXPECT_TRUE(srv_->WaitForError(
         "Received statusChangeInd BP Msg length: 34 is not expected: 35!", kWaitMs));
     EXPECT_TRUE(s1->Async().StaysSilent(100));
@@ -126,13 +119,10 @@ TEST_F(LocationIndications, NotificationReachesMtlrClientAndItsAnswerGoesBackWit
     const std::string addr = "tel:+123";
     bpsim::PutU8(&body, static_cast<uint8_t>(addr.size()));
     body.insert(body.end(), addr.begin(), addr.end());
-    ASSERT_TRUE(sim_->Send(bpsim::MakeMsg(LOCATION_NOTIFICATION_BPAP_IND, 0x30, 0x40, body)));
+    ASSERT_TRUE(sim_.Send(bpsim::MakeMsg(LOCATION_NOTIFICATION_BPAP_IND, 0x30, 0x40, body)));
 
-    LocationNotificationInd want;
-    memset(&want, 0, sizeof(want));
-    want.header = Hdr(LAPI_LOCATION_NOTIFICATION_IND, LAPI_LOCATION_NOTIFICATION_IND_LEN);
-    want.sessionId = 0x30;
-    want.transactionId = 0x40;
+    LocationNotificationInd want = PairMsg<LocationNotificationInd>(
+        LAPI_LOCATION_NOTIFICATION_IND, LAPI_LOCATION_NOTIFICATION_IND_LEN, 0x30, 0x40);
     want.notificationType = 3;
     want.locationType = 1;
     want.dataCodingSchema = 0x48;
@@ -156,7 +146,7 @@ TEST_F(LocationIndications, NotificationReachesMtlrClientAndItsAnswerGoesBackWit
 TEST_F(LocationIndications, NotificationStatusReachesMtlrClient) {
     auto mtlr = NewClient(LAPI_SERVICE_MTLR | LAPI_SERVICE_STATUS);
     auto status = NewClient(LAPI_SERVICE_STATUS);
-    ASSERT_TRUE(sim_->Send(bpsim::BuildI32Msg(NOTIFICATION_STATUS_BPAP_IND, 0x30, 0x40, -9)));
+    ASSERT_TRUE(sim_.Send(bpsim::BuildI32Msg(NOTIFICATION_STATUS_BPAP_IND, 0x30, 0x40, -9)));
     EXPECT_EQ(PairI32Rsp(LAPI_NOTIFICATION_STATUS_IND, 0x30, 0x40, -9), Next(mtlr->Async()));
     EXPECT_TRUE(status->Async().StaysSilent(200));
 }
@@ -175,13 +165,13 @@ TEST_F(LocationIndications, PeriodicReportsKeepArrivingOnOneTransactionUntilAbor
     for (int i = 1; i <= 3; ++i) {
         fix.latitude += 0.001;
         fix.ageOfFix = static_cast<uint64_t>(i);
-        ASSERT_TRUE(sim_->Send(bpsim::BuildGetLocationRsp(2, 1, fix)));
+        ASSERT_TRUE(sim_.Send(bpsim::BuildGetLocationRsp(2, 1, fix)));
         EXPECT_EQ(ExpectedLocationRsp(0x0C, 0x0D, fix), Next(c->Async())) << "report " << i;
     }
     ASSERT_TRUE(c->SendMsg(LAPI_ABORT_LOCATION_REQ, PrefixBody(0, 0x0C, 0x0D)));
     EXPECT_EQ((Bytes{0x02, 2, 1}), NextBp(GEOLOCATION_ABORT_APBP_REQ));
     EXPECT_EQ(PairI32Rsp(LAPI_ABORT_LOCATION_RSP, 0x0C, 0x0D, 0), Next(c->Async()));
-    ASSERT_TRUE(sim_->Send(bpsim::BuildGetLocationRsp(2, 1, fix)));
+    ASSERT_TRUE(sim_.Send(bpsim::BuildGetLocationRsp(2, 1, fix)));
     EXPECT_TRUE(srv_->WaitForError("Transaction timeout or not exist, sid: 2, tid: 1!", kWaitMs));
     EXPECT_TRUE(c->Async().StaysSilent(100));
 }
@@ -198,10 +188,10 @@ TEST_F(LocationIndications, TooMuchNmeaEndsEvenAPeriodicRequest) {
     big[lenAt] = 0x03;
     big[lenAt + 1] = 0x8B;
     big.insert(big.end(), 907, 'N');
-    ASSERT_TRUE(sim_->Send(big));
+    ASSERT_TRUE(sim_.Send(big));
     EXPECT_TRUE(srv_->WaitForTrace("Received a nmea data too large", kWaitMs));
     EXPECT_TRUE(c->Sync().StaysSilent(200));
-    ASSERT_TRUE(sim_->Send(bpsim::BuildGetLocationRsp(2, 1, SampleFix())));
+    ASSERT_TRUE(sim_.Send(bpsim::BuildGetLocationRsp(2, 1, SampleFix())));
     EXPECT_TRUE(srv_->WaitForError("Transaction timeout or not exist, sid: 2, tid: 1!", kWaitMs));
 }
 
@@ -210,7 +200,7 @@ TEST_F(LocationIndications, TooMuchNmeaEndsEvenAPeriodicRequest) {
 /* ------------------------------------------------------------------------ */
 
 TEST_F(LocationIndications, ProximityAreaLivesThroughAddAndHit) {
-    sim_->SetPolicy(PROXIMITY_ADD_APBP_REQ, AnswerI32(PROXIMITY_ADD_APBP_RES, 0));
+    sim_.SetPolicy(PROXIMITY_ADD_APBP_REQ, AnswerI32(PROXIMITY_ADD_APBP_RES, 0));
     auto c = NewClient();
     ASSERT_TRUE(c->SendMsg(LAPI_ADD_PROXIMITY_REQ, AddProximityBody(1, 5, 6)));
     Bytes want = {0x19, 2, 1};
@@ -224,9 +214,9 @@ TEST_F(LocationIndications, ProximityAreaLivesThroughAddAndHit) {
 
     /* The hit goes to the asynchronous connection and ends the area. */
     bpsim::Fix fix = SampleFix();
-    ASSERT_TRUE(sim_->Send(HitMsg(2, 1, fix)));
+    ASSERT_TRUE(sim_.Send(HitMsg(2, 1, fix)));
     EXPECT_EQ(ExpectedHit(5, 6, fix), Next(c->Async()));
-    ASSERT_TRUE(sim_->Send(HitMsg(2, 1, fix)));
+    ASSERT_TRUE(sim_.Send(HitMsg(2, 1, fix)));
     EXPECT_TRUE(srv_->WaitForError("Transaction timeout or not exist, sid: 2, tid: 1!", kWaitMs));
     /* The pair is free again. */
     ASSERT_TRUE(c->SendMsg(LAPI_ADD_PROXIMITY_REQ, AddProximityBody(1, 5, 6)));
@@ -234,8 +224,8 @@ TEST_F(LocationIndications, ProximityAreaLivesThroughAddAndHit) {
 }
 
 TEST_F(LocationIndications, ProximityAreaLivesThroughAddAndRemove) {
-    sim_->SetPolicy(PROXIMITY_ADD_APBP_REQ, SilentPolicy());
-    sim_->SetPolicy(PROXIMITY_REM_APBP_REQ, AnswerI32(PROXIMITY_REM_APBP_RES, 0));
+    Silent(PROXIMITY_ADD_APBP_REQ);
+    sim_.SetPolicy(PROXIMITY_REM_APBP_REQ, AnswerI32(PROXIMITY_REM_APBP_RES, 0));
     auto c = NewClient();
     /* An add pending on the synchronous connection cannot be removed yet. */
     ASSERT_TRUE(c->SendMsg(LAPI_ADD_PROXIMITY_REQ, AddProximityBody(1, 5, 6)));
@@ -243,19 +233,19 @@ TEST_F(LocationIndications, ProximityAreaLivesThroughAddAndRemove) {
     ASSERT_TRUE(c->SendMsg(LAPI_REMOVE_PROXIMITY_REQ, RemoveProximityBody(1, 5, 6, 0)));
     EXPECT_EQ(PairRsp(LAPI_INVALID_REQUEST_RSP, 5, 6), Next(c->Sync()));
     /* The BP accepts the area; now it can be removed. */
-    ASSERT_TRUE(sim_->Send(bpsim::BuildI32Msg(PROXIMITY_ADD_APBP_RES, 2, 1, 0)));
+    ASSERT_TRUE(sim_.Send(bpsim::BuildI32Msg(PROXIMITY_ADD_APBP_RES, 2, 1, 0)));
     EXPECT_EQ(PairI32Rsp(LAPI_ADD_PROXIMITY_RSP, 5, 6, 0), Next(c->Sync()));
     ASSERT_TRUE(c->SendMsg(LAPI_REMOVE_PROXIMITY_REQ, RemoveProximityBody(0, 5, 6, 0)));
     EXPECT_EQ((Bytes{0x1B, 2, 1, 0, 0, 0, 0}), NextBp(PROXIMITY_REM_APBP_REQ));
     EXPECT_EQ(PairI32Rsp(LAPI_REMOVE_PROXIMITY_RSP, 5, 6, 0), Next(c->Async()));
     /* Gone: a hit finds nothing. */
-    ASSERT_TRUE(sim_->Send(HitMsg(2, 1, SampleFix())));
+    ASSERT_TRUE(sim_.Send(HitMsg(2, 1, SampleFix())));
     EXPECT_TRUE(srv_->WaitForError("Transaction timeout or not exist, sid: 2, tid: 1!", kWaitMs));
 }
 
 TEST_F(LocationIndications, AsyncPendingAddCanBeRemoved) {
-    sim_->SetPolicy(PROXIMITY_ADD_APBP_REQ, SilentPolicy());
-    sim_->SetPolicy(PROXIMITY_REM_APBP_REQ, AnswerI32(PROXIMITY_REM_APBP_RES, 0));
+    Silent(PROXIMITY_ADD_APBP_REQ);
+    sim_.SetPolicy(PROXIMITY_REM_APBP_REQ, AnswerI32(PROXIMITY_REM_APBP_RES, 0));
     auto c = NewClient();
     ASSERT_TRUE(c->SendMsg(LAPI_ADD_PROXIMITY_REQ, AddProximityBody(0, 5, 6)));
     ASSERT_FALSE(NextBp(PROXIMITY_ADD_APBP_REQ).empty());
@@ -265,8 +255,8 @@ TEST_F(LocationIndications, AsyncPendingAddCanBeRemoved) {
 }
 
 TEST_F(LocationIndications, RemoveAllAnswersEveryAreaOfEveryClient) {
-    sim_->SetPolicy(PROXIMITY_ADD_APBP_REQ, AnswerI32(PROXIMITY_ADD_APBP_RES, 0));
-    sim_->SetPolicy(PROXIMITY_REM_APBP_REQ, AnswerI32(PROXIMITY_REM_APBP_RES, 0));
+    sim_.SetPolicy(PROXIMITY_ADD_APBP_REQ, AnswerI32(PROXIMITY_ADD_APBP_RES, 0));
+    sim_.SetPolicy(PROXIMITY_REM_APBP_REQ, AnswerI32(PROXIMITY_REM_APBP_RES, 0));
     auto a = NewClient();
     auto b = NewClient();
     ASSERT_TRUE(a->SendMsg(LAPI_ADD_PROXIMITY_REQ, AddProximityBody(1, 1, 1)));
@@ -284,7 +274,7 @@ TEST_F(LocationIndications, RemoveAllAnswersEveryAreaOfEveryClient) {
     EXPECT_EQ(PairI32Rsp(LAPI_REMOVE_PROXIMITY_RSP, 7, 7, 0), Next(b->Async()));
     EXPECT_EQ(PairI32Rsp(LAPI_REMOVE_PROXIMITY_RSP, 9, 9, 0), Next(b->Sync()));
     /* Every area is gone. */
-    ASSERT_TRUE(sim_->Send(HitMsg(2, 2, SampleFix())));
+    ASSERT_TRUE(sim_.Send(HitMsg(2, 2, SampleFix())));
     EXPECT_TRUE(srv_->WaitForError("Transaction timeout or not exist, sid: 2, tid: 2!", kWaitMs));
     /* A remove-all under a pair in use is refused. */
     ASSERT_TRUE(a->SendMsg(LAPI_ADD_PROXIMITY_REQ, AddProximityBody(0, 3, 3)));
@@ -298,9 +288,9 @@ TEST_F(LocationIndications, RemoveAllAnswersEveryAreaOfEveryClient) {
 /* ------------------------------------------------------------------------ */
 
 TEST_F(LocationIndications, VanishedClientCausesOneAbortPerRunningRequestAndLeavesNothing) {
-    sim_->SetPolicy(GEOLOCATION_APBP_REQ, SilentPolicy());
-    sim_->SetPolicy(GEOLOCATION_ABORT_APBP_REQ, SilentPolicy());
-    sim_->SetPolicy(GET_STATUS_APBP_REQ, SilentPolicy());
+    Silent(GEOLOCATION_APBP_REQ);
+    Silent(GEOLOCATION_ABORT_APBP_REQ);
+    Silent(GET_STATUS_APBP_REQ);
     auto keeper = NewClient();
     auto c = NewClient();
     ASSERT_TRUE(c->SendMsg(LAPI_GET_LOCATION_REQ, BodyOf(MakeGetLocation(1, 1, 1))));
@@ -316,21 +306,21 @@ TEST_F(LocationIndications, VanishedClientCausesOneAbortPerRunningRequestAndLeav
     c->Async().Close();
     EXPECT_EQ((Bytes{0x02, 2, 1}), NextBp(GEOLOCATION_ABORT_APBP_REQ));
     EXPECT_EQ((Bytes{0x02, 2, 2}), NextBp(GEOLOCATION_ABORT_APBP_REQ));
-    EXPECT_TRUE(sim_->StaysQuiet(300));
+    EXPECT_TRUE(sim_.StaysQuiet(300));
     EXPECT_TRUE(srv_->WaitForTraceContaining("forgot to abort location", kWaitMs, from));
 
     /* No transaction is left behind: every late answer meets nothing. */
-    ASSERT_TRUE(sim_->Send(bpsim::BuildI32Msg(GEOLOCATION_ABORT_APBP_RES, 2, 1, 0)));
+    ASSERT_TRUE(sim_.Send(bpsim::BuildI32Msg(GEOLOCATION_ABORT_APBP_RES, 2, 1, 0)));
     EXPECT_TRUE(
         srv_->WaitForError("Transaction timeout or not exist, sid: 2, tid: 1!", kWaitMs, from));
-    ASSERT_TRUE(sim_->Send(bpsim::BuildGetLocationRsp(2, 2, SampleFix())));
+    ASSERT_TRUE(sim_.Send(bpsim::BuildGetLocationRsp(2, 2, SampleFix())));
     EXPECT_TRUE(
         srv_->WaitForError("Transaction timeout or not exist, sid: 2, tid: 2!", kWaitMs, from));
-    ASSERT_TRUE(sim_->Send(bpsim::MakeMsg(GET_STATUS_APBP_RES, 2, 3, Bytes(32, 0))));
+    ASSERT_TRUE(sim_.Send(bpsim::MakeMsg(GET_STATUS_APBP_RES, 2, 3, Bytes(32, 0))));
     EXPECT_TRUE(
         srv_->WaitForError("Transaction timeout or not exist, sid: 2, tid: 3!", kWaitMs, from));
     /* The server goes on serving the others. */
-    sim_->ClearPolicy(GEOLOCATION_APBP_REQ);
+    sim_.ClearPolicy(GEOLOCATION_APBP_REQ);
     ASSERT_TRUE(keeper->SendMsg(LAPI_GET_LOCATION_REQ, BodyOf(MakeGetLocation(1, 4, 4))));
     EXPECT_EQ(ExpectedLocationRsp(4, 4, SampleFix()), Next(keeper->Sync()));
 }

@@ -68,32 +68,32 @@ TEST_F(LocationRequests, SingleFixAnsweredOnAsyncConnection) {
     EXPECT_EQ(ExpectedLocationRsp(10, 21, SampleFix()), Next(c->Async()));
     EXPECT_TRUE(c->Sync().StaysSilent(200));
     /* The transaction is gone: a second answer for the pair meets nothing. */
-    ASSERT_TRUE(sim_->Send(bpsim::BuildGetLocationRsp(2, 1, SampleFix())));
+    ASSERT_TRUE(sim_.Send(bpsim::BuildGetLocationRsp(2, 1, SampleFix())));
     EXPECT_TRUE(srv_->WaitForError("Transaction timeout or not exist, sid: 2, tid: 1!", kWaitMs));
 }
 
 TEST_F(LocationRequests, PairInUseAnsweredWithInvalidRequestFirstRunsOn) {
-    sim_->SetPolicy(GEOLOCATION_APBP_REQ, SilentPolicy());
+    Silent(GEOLOCATION_APBP_REQ);
     auto c = NewClient();
     GetLocationReq req = MakeGetLocation(1, 3, 4);
     ASSERT_TRUE(c->SendMsg(LAPI_GET_LOCATION_REQ, BodyOf(req)));
     ASSERT_FALSE(NextBp(GEOLOCATION_APBP_REQ).empty());
     ASSERT_TRUE(c->SendMsg(LAPI_GET_LOCATION_REQ, BodyOf(req)));
     EXPECT_EQ(PairRsp(LAPI_INVALID_REQUEST_RSP, 3, 4), Next(c->Sync()));
-    EXPECT_TRUE(sim_->StaysQuiet(200));
+    EXPECT_TRUE(sim_.StaysQuiet(200));
     /* The first one is still answered. */
-    ASSERT_TRUE(sim_->Send(bpsim::BuildGetLocationRsp(2, 1, SampleFix())));
+    ASSERT_TRUE(sim_.Send(bpsim::BuildGetLocationRsp(2, 1, SampleFix())));
     EXPECT_EQ(ExpectedLocationRsp(3, 4, SampleFix()), Next(c->Sync()));
 }
 
 TEST_F(LocationRequests, AbortAnsweredWithTheBpsResult) {
-    sim_->SetPolicy(GEOLOCATION_APBP_REQ, SilentPolicy());
+    Silent(GEOLOCATION_APBP_REQ);
     bpsim::Policy abortPolicy;
     abortPolicy.build = [](const bpsim::Message &m) {
         return std::vector<Bytes>{
             bpsim::BuildI32Msg(GEOLOCATION_ABORT_APBP_RES, m.SessionId(), m.TransactionId(), -7)};
     };
-    sim_->SetPolicy(GEOLOCATION_ABORT_APBP_REQ, abortPolicy);
+    sim_.SetPolicy(GEOLOCATION_ABORT_APBP_REQ, abortPolicy);
     auto c = NewClient();
     ASSERT_TRUE(c->SendMsg(LAPI_GET_LOCATION_REQ, BodyOf(MakeGetLocation(0, 5, 6))));
     ASSERT_FALSE(NextBp(GEOLOCATION_APBP_REQ).empty());
@@ -105,8 +105,8 @@ TEST_F(LocationRequests, AbortAnsweredWithTheBpsResult) {
 }
 
 TEST_F(LocationRequests, AbortOfUnknownOrAbortingRequestIsInvalid) {
-    sim_->SetPolicy(GEOLOCATION_APBP_REQ, SilentPolicy());
-    sim_->SetPolicy(GEOLOCATION_ABORT_APBP_REQ, SilentPolicy());
+    Silent(GEOLOCATION_APBP_REQ);
+    Silent(GEOLOCATION_ABORT_APBP_REQ);
     auto c = NewClient();
     ASSERT_TRUE(c->SendMsg(LAPI_ABORT_LOCATION_REQ, PrefixBody(0, 9, 9)));
     EXPECT_EQ(PairRsp(LAPI_INVALID_REQUEST_RSP, 9, 9), Next(c->Async()));
@@ -119,7 +119,7 @@ TEST_F(LocationRequests, AbortOfUnknownOrAbortingRequestIsInvalid) {
 }
 
 TEST_F(LocationRequests, AbortAllAbortsEveryClientsRunningRequests) {
-    sim_->SetPolicy(GEOLOCATION_APBP_REQ, SilentPolicy());
+    Silent(GEOLOCATION_APBP_REQ);
     auto a = NewClient();
     auto b = NewClient();
     auto other = NewClient();
@@ -142,7 +142,7 @@ TEST_F(LocationRequests, LastKnownLocationAnsweredOnce) {
     ASSERT_TRUE(c->SendMsg(LAPI_LAST_KNOWN_LOCATION_REQ, PrefixBody(1, 7, 8)));
     EXPECT_EQ((Bytes{0x16, 2, 1}), NextBp(LAST_KNOWN_GEOLOCATION_APBP_REQ));
     EXPECT_EQ(ExpectedLocationRsp(7, 8, SampleFix()), Next(c->Sync()));
-    ASSERT_TRUE(sim_->Send(bpsim::BuildGetLocationRsp(2, 1, SampleFix())));
+    ASSERT_TRUE(sim_.Send(bpsim::BuildGetLocationRsp(2, 1, SampleFix())));
     EXPECT_TRUE(srv_->WaitForError("Transaction timeout or not exist, sid: 2, tid: 1!", kWaitMs));
     EXPECT_TRUE(c->Sync().StaysSilent(100));
 }
@@ -150,7 +150,7 @@ TEST_F(LocationRequests, LastKnownLocationAnsweredOnce) {
 TEST_F(LocationRequests, LocationResponseWithLongestNmeaDelivered) {
     bpsim::Fix fix = SampleFix();
     fix.nmea = std::string(906, 'G');
-    sim_->SetFix(fix);
+    sim_.SetFix(fix);
     auto c = NewClient();
     ASSERT_TRUE(c->SendMsg(LAPI_GET_LOCATION_REQ, BodyOf(MakeGetLocation(1, 1, 2))));
     EXPECT_EQ(ExpectedLocationRsp(1, 2, fix), Next(c->Sync()));
@@ -175,7 +175,7 @@ TEST_F(LocationRequests, GetGpsDbDataRoundTrip) {
         return std::vector<Bytes>{
             bpsim::MakeMsg(DB_READ_APBP_RES, m.SessionId(), m.TransactionId(), body)};
     };
-    sim_->SetPolicy(DB_READ_APBP_REQ, policy);
+    sim_.SetPolicy(DB_READ_APBP_REQ, policy);
     auto c = NewClient();
     Bytes body = PrefixBody(0, 4, 5);
     uint32_t fileId = 0x00010203;
@@ -184,11 +184,8 @@ TEST_F(LocationRequests, GetGpsDbDataRoundTrip) {
     ASSERT_TRUE(c->SendMsg(LAPI_GET_GPS_DB_DATA_REQ, body));
     EXPECT_EQ((Bytes{0x06, 2, 1, 0x00, 0x01, 0x02, 0x03}), NextBp(DB_READ_APBP_REQ));
 
-    GetGpsDbDataRsp want;
-    memset(&want, 0, sizeof(want));
-    want.header = Hdr(LAPI_GET_GPS_DB_DATA_RSP, LAPI_GET_GPS_DB_DATA_RSP_LEN);
-    want.sessionId = 4;
-    want.transactionId = 5;
+    GetGpsDbDataRsp want =
+        PairMsg<GetGpsDbDataRsp>(LAPI_GET_GPS_DB_DATA_RSP, LAPI_GET_GPS_DB_DATA_RSP_LEN, 4, 5);
     want.numFiles = 2;
     want.dbFile[0].fileId = 0x0A0B0C0D;
     want.dbFile[0].length = 3;
@@ -206,13 +203,9 @@ TEST_F(LocationRequests, SetGpsDbDataSendsReversedDataAndReturnsResult) {
         return std::vector<Bytes>{
             bpsim::BuildI32Msg(DB_WRITE_APBP_RES, m.SessionId(), m.TransactionId(), 5)};
     };
-    sim_->SetPolicy(DB_WRITE_APBP_REQ, policy);
+    sim_.SetPolicy(DB_WRITE_APBP_REQ, policy);
     auto c = NewClient();
-    SetGpsDbDataReq req;
-    memset(&req, 0, sizeof(req));
-    req.mode = 1;
-    req.sessionId = 6;
-    req.transactionId = 7;
+    SetGpsDbDataReq req = PrefixReq<SetGpsDbDataReq>(1, 6, 7);
     req.numFiles = 3;
     req.dbFile[0].fileId = 0x01020304;
     req.dbFile[0].length = 4;
@@ -245,7 +238,7 @@ TEST_F(LocationRequests, SetGpsDbDataTooLargeForOneFrameClosesTheClient) {
     EXPECT_TRUE(c->Sync().IsClosedByPeer(kWaitMs));
     EXPECT_TRUE(
         srv_->WaitForErrorContaining("Buffer overflow when formating BP msg, pid is : ", kWaitMs));
-    EXPECT_TRUE(sim_->StaysQuiet(200));
+    EXPECT_TRUE(sim_.StaysQuiet(200));
 }
 
 /* ------------------------------------------------------------------------ */
@@ -262,15 +255,12 @@ TEST_F(LocationRequests, GetStatusRoundTrip) {
         return std::vector<Bytes>{
             bpsim::MakeMsg(GET_STATUS_APBP_RES, m.SessionId(), m.TransactionId(), body)};
     };
-    sim_->SetPolicy(GET_STATUS_APBP_REQ, policy);
+    sim_.SetPolicy(GET_STATUS_APBP_REQ, policy);
     auto c = NewClient();
     ASSERT_TRUE(c->SendMsg(LAPI_GET_STATUS_REQ, PrefixBody(1, 0x21, 0x22)));
     EXPECT_EQ((Bytes{0x11, 2, 1}), NextBp(GET_STATUS_APBP_REQ));
-    GetStatusRsp want;
-    memset(&want, 0, sizeof(want));
-    want.header = Hdr(LAPI_GET_STATUS_RSP, LAPI_GET_STATUS_RSP_LEN);
-    want.sessionId = 0x21;
-    want.transactionId = 0x22;
+    GetStatusRsp want =
+        PairMsg<GetStatusRsp>(LAPI_GET_STATUS_RSP, LAPI_GET_STATUS_RSP_LEN, 0x21, 0x22);
     want.userStatus = 1;
     want.hwStatus = 2;
     want.fixStatus = 3;
@@ -291,13 +281,9 @@ TEST_F(LocationRequests, DistanceAzimuthInFixedPointBothWays) {
         return std::vector<Bytes>{
             bpsim::MakeMsg(DISTANCE_AND_AZIMUTH_APBP_RES, m.SessionId(), m.TransactionId(), body)};
     };
-    sim_->SetPolicy(DISTANCE_AND_AZIMUTH_APBP_REQ, policy);
+    sim_.SetPolicy(DISTANCE_AND_AZIMUTH_APBP_REQ, policy);
     auto c = NewClient();
-    DistanceAzimuthReq req;
-    memset(&req, 0, sizeof(req));
-    req.mode = 0;
-    req.sessionId = 1;
-    req.transactionId = 2;
+    DistanceAzimuthReq req = PrefixReq<DistanceAzimuthReq>(0, 1, 2);
     req.latitude1 = 1.0;
     req.longitude1 = -1.0;
     req.latitude2 = -1.5;
@@ -310,11 +296,8 @@ TEST_F(LocationRequests, DistanceAzimuthInFixedPointBothWays) {
                         0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0x40, 0x00, 0x00,     /* -1.5 */
                         0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 1}; /* -1e-7 */
     EXPECT_EQ(want, NextBp(DISTANCE_AND_AZIMUTH_APBP_REQ));
-    DistanceAzimuthRsp rsp;
-    memset(&rsp, 0, sizeof(rsp));
-    rsp.header = Hdr(LAPI_DISTANCE_AZIMUTH_RSP, LAPI_DISTANCE_AZIMUTH_RSP_LEN);
-    rsp.sessionId = 1;
-    rsp.transactionId = 2;
+    DistanceAzimuthRsp rsp =
+        PairMsg<DistanceAzimuthRsp>(LAPI_DISTANCE_AZIMUTH_RSP, LAPI_DISTANCE_AZIMUTH_RSP_LEN, 1, 2);
     rsp.distance = 1234.5 + 0.5 / 8388608.0;
     rsp.azimuth = -45.25 + 0.5 / 8388608.0;
     EXPECT_EQ(ToBytes(rsp), Next(c->Async()));

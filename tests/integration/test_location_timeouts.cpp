@@ -25,15 +25,15 @@ Bytes NextTimed(lapitest::Connection &conn, Clock::time_point start, long *pMs,
 }  // namespace
 
 TEST_F(LocationTimeouts, SilentSingleFixAbortedAtDeadlineThenTimeOutRspFiveSecondsLater) {
-    sim_->SetPolicy(GEOLOCATION_APBP_REQ, SilentPolicy());
-    sim_->SetPolicy(GEOLOCATION_ABORT_APBP_REQ, SilentPolicy());
+    Silent(GEOLOCATION_APBP_REQ);
+    Silent(GEOLOCATION_ABORT_APBP_REQ);
     auto c = NewClient();
     auto start = Clock::now();
     ASSERT_TRUE(c->SendMsg(LAPI_GET_LOCATION_REQ, BodyOf(MakeGetLocation(1, 0x31, 0x32, 999))));
     ASSERT_FALSE(NextBp(GEOLOCATION_APBP_REQ).empty());
 
     /* 999 ms -> 0 + 6 s: the abort goes to the BP then. */
-    auto abortMsg = sim_->WaitForSubCmd(GEOLOCATION_ABORT_APBP_REQ, 10000);
+    auto abortMsg = sim_.WaitForSubCmd(GEOLOCATION_ABORT_APBP_REQ, 10000);
     long abortMs = MsSince(start);
     ASSERT_TRUE(abortMsg.has_value());
     EXPECT_EQ((Bytes{0x02, 2, 1}), abortMsg->bytes);
@@ -48,12 +48,12 @@ TEST_F(LocationTimeouts, SilentSingleFixAbortedAtDeadlineThenTimeOutRspFiveSecon
     EXPECT_LE(rspMs - abortMs, 6500);
     EXPECT_TRUE(c->Async().StaysSilent(10));
     /* Nothing is left: a late fix meets no transaction. */
-    ASSERT_TRUE(sim_->Send(bpsim::BuildGetLocationRsp(2, 1, SampleFix())));
+    ASSERT_TRUE(sim_.Send(bpsim::BuildGetLocationRsp(2, 1, SampleFix())));
     EXPECT_TRUE(srv_->WaitForError("Transaction timeout or not exist, sid: 2, tid: 1!", kWaitMs));
 }
 
 TEST_F(LocationTimeouts, SilentFixButAnsweredAbortGivesAbortLocationRsp) {
-    sim_->SetPolicy(GEOLOCATION_APBP_REQ, SilentPolicy());
+    Silent(GEOLOCATION_APBP_REQ);
     auto c = NewClient();
     auto start = Clock::now();
     ASSERT_TRUE(c->SendMsg(LAPI_GET_LOCATION_REQ, BodyOf(MakeGetLocation(0, 1, 2, 0))));
@@ -68,17 +68,13 @@ TEST_F(LocationTimeouts, EveryOtherRequestGetsTimeOutRspAfterItsDeadline) {
     for (uint8_t id : {LAST_KNOWN_GEOLOCATION_APBP_REQ, GET_STATUS_APBP_REQ, DB_READ_APBP_REQ,
                        DB_WRITE_APBP_REQ, DISTANCE_AND_AZIMUTH_APBP_REQ, PROXIMITY_REM_APBP_REQ,
                        GEOLOCATION_APBP_REQ, GEOLOCATION_ABORT_APBP_REQ}) {
-        sim_->SetPolicy(id, SilentPolicy());
+        Silent(id);
     }
     auto five = NewClient(); /* 5-second requests, answers on sync */
     auto ten = NewClient();  /* 10-second requests, answers on async */
     /* An area the BP accepts (its removal will go unanswered) and a running
      * location request (its abort will go unanswered). */
-    AddProximityReq area;
-    memset(&area, 0, sizeof(area));
-    area.mode = 1;
-    area.sessionId = 1;
-    area.transactionId = 4;
+    AddProximityReq area = PrefixReq<AddProximityReq>(1, 1, 4);
     ASSERT_TRUE(five->SendMsg(LAPI_ADD_PROXIMITY_REQ, BodyOf(area)));
     EXPECT_EQ(PairI32Rsp(LAPI_ADD_PROXIMITY_RSP, 1, 4, 0), Next(five->Sync()));
     ASSERT_TRUE(five->SendMsg(LAPI_GET_LOCATION_REQ, BodyOf(MakeGetLocation(1, 1, 5, 30000))));
@@ -100,21 +96,12 @@ TEST_F(LocationTimeouts, EveryOtherRequestGetsTimeOutRspAfterItsDeadline) {
     Bytes dbRead = PrefixBody(0, 2, 1);
     dbRead.resize(8, 0);
     ASSERT_TRUE(ten->SendMsg(LAPI_GET_GPS_DB_DATA_REQ, dbRead));
-    SetGpsDbDataReq dbWrite;
-    memset(&dbWrite, 0, sizeof(dbWrite));
-    dbWrite.sessionId = 2;
-    dbWrite.transactionId = 2;
+    SetGpsDbDataReq dbWrite = PrefixReq<SetGpsDbDataReq>(0, 2, 2);
     ASSERT_TRUE(ten->SendMsg(LAPI_SET_GPS_DB_DATA_REQ, BodyOf(dbWrite)));
-    DistanceAzimuthReq dist;
-    memset(&dist, 0, sizeof(dist));
-    dist.sessionId = 2;
-    dist.transactionId = 3;
+    DistanceAzimuthReq dist = PrefixReq<DistanceAzimuthReq>(0, 2, 3);
     ASSERT_TRUE(ten->SendMsg(LAPI_DISTANCE_AZIMUTH_REQ, BodyOf(dist)));
-    sim_->SetPolicy(PROXIMITY_ADD_APBP_REQ, SilentPolicy());
-    AddProximityReq add;
-    memset(&add, 0, sizeof(add));
-    add.sessionId = 2;
-    add.transactionId = 4;
+    Silent(PROXIMITY_ADD_APBP_REQ);
+    AddProximityReq add = PrefixReq<AddProximityReq>(0, 2, 4);
     ASSERT_TRUE(ten->SendMsg(LAPI_ADD_PROXIMITY_REQ, BodyOf(add)));
 
     /* Deadlines that fall in the same tick may be served in list order, so
@@ -144,17 +131,17 @@ TEST_F(LocationTimeouts, EveryOtherRequestGetsTimeOutRspAfterItsDeadline) {
     EXPECT_TRUE(ten->Sync().StaysSilent(10));
     /* Only the one abort that the client asked for went to the BP. */
     EXPECT_EQ((Bytes{0x02, 2, 2}), NextBp(GEOLOCATION_ABORT_APBP_REQ, 10));
-    EXPECT_FALSE(sim_->WaitForSubCmd(GEOLOCATION_ABORT_APBP_REQ, 10).has_value());
+    EXPECT_FALSE(sim_.WaitForSubCmd(GEOLOCATION_ABORT_APBP_REQ, 10).has_value());
 }
 
 TEST_F(LocationTimeouts, AnswerArrivingAfterTimeOutIsDropped) {
-    sim_->SetPolicy(GET_STATUS_APBP_REQ, SilentPolicy());
+    Silent(GET_STATUS_APBP_REQ);
     auto c = NewClient();
     ASSERT_TRUE(c->SendMsg(LAPI_GET_STATUS_REQ, PrefixBody(1, 4, 4)));
     ASSERT_FALSE(NextBp(GET_STATUS_APBP_REQ).empty());
     EXPECT_EQ(PairRsp(LAPI_TIME_OUT_RSP, 4, 4), Next(c->Sync(), 8000));
     Bytes body(32, 0);
-    ASSERT_TRUE(sim_->Send(bpsim::MakeMsg(GET_STATUS_APBP_RES, 2, 1, body)));
+    ASSERT_TRUE(sim_.Send(bpsim::MakeMsg(GET_STATUS_APBP_RES, 2, 1, body)));
     EXPECT_TRUE(srv_->WaitForError("Transaction timeout or not exist, sid: 2, tid: 1!", kWaitMs));
     EXPECT_TRUE(c->Sync().StaysSilent(200));
 }
@@ -168,7 +155,7 @@ TEST_F(LocationTimeouts, BadAssistanceDataAnswerEndsInTimeOutRsp) {
         return std::vector<Bytes>{
             bpsim::MakeMsg(DB_READ_APBP_RES, m.SessionId(), m.TransactionId(), body)};
     };
-    sim_->SetPolicy(DB_READ_APBP_REQ, policy);
+    sim_.SetPolicy(DB_READ_APBP_REQ, policy);
     auto c = NewClient();
     auto start = Clock::now();
     Bytes dbRead = PrefixBody(1, 8, 9);

@@ -367,45 +367,83 @@ bool ParseDiagLine(const std::string &text, DiagLine *out) {
     return true;
 }
 
+namespace {
+
+/* Message texts of the error lines (errors set) or the trace lines. */
+std::vector<std::string> DiagMessages(const std::vector<std::string> &lines, bool errors) {
+    std::vector<std::string> out;
+    DiagLine d;
+    for (const auto &l : lines) {
+        if (ParseDiagLine(l, &d) && d.isError == errors) {
+            out.push_back(d.message);
+        }
+    }
+    return out;
+}
+
+}  // namespace
+
 /* ------------------------------------------------------------------------ */
-/* StderrCapture                                                             */
+/* OutputCapture                                                             */
 /* ------------------------------------------------------------------------ */
 
-StderrCapture::StderrCapture() {
-    char tmpl[] = "/tmp/lapierrXXXXXX";
+namespace {
+
+/* The stdio stream buffered in front of a captured descriptor, if any. */
+FILE *StreamOf(int fd) {
+    return fd == 1 ? stdout : fd == 2 ? stderr : nullptr;
+}
+
+}  // namespace
+
+OutputCapture::OutputCapture(int fd) : fd_(fd) {
+    char tmpl[] = "/tmp/lapicapXXXXXX";
     file_ = mkostemp(tmpl, O_CLOEXEC);
     if (file_ < 0) {
         return;
     }
     unlink(tmpl);
-    fflush(stderr);
-    saved_ = fcntl(2, F_DUPFD_CLOEXEC, 3);
-    if (saved_ < 0 || dup2(file_, 2) < 0) {
+    if (StreamOf(fd_) != nullptr) {
+        fflush(StreamOf(fd_));
+    }
+    saved_ = fcntl(fd_, F_DUPFD_CLOEXEC, 3);
+    if (saved_ < 0 || dup2(file_, fd_) < 0) {
         close(file_);
         file_ = -1;
     }
 }
 
-StderrCapture::~StderrCapture() {
+OutputCapture::~OutputCapture() {
     Restore();
     if (file_ >= 0) {
         close(file_);
     }
 }
 
-void StderrCapture::Restore() {
+void OutputCapture::Restore() {
     if (saved_ >= 0) {
-        fflush(stderr);
-        dup2(saved_, 2);
+        if (StreamOf(fd_) != nullptr) {
+            fflush(StreamOf(fd_));
+        }
+        dup2(saved_, fd_);
         close(saved_);
         saved_ = -1;
     }
 }
 
-std::string StderrCapture::Text() const {
+std::string OutputCapture::Stop() {
+    Restore();
+    return Text();
+}
+
+std::string OutputCapture::Text() const {
     std::string out;
     if (file_ < 0) {
         return out;
+    }
+    if (saved_ >= 0 && StreamOf(fd_) != nullptr) {
+        /* Still capturing: what stdio holds back belongs to the text. */
+        fflush(StreamOf(fd_));
     }
     char buf[4096];
     off_t pos = 0;
@@ -423,7 +461,7 @@ std::string StderrCapture::Text() const {
     return out;
 }
 
-std::vector<std::string> StderrCapture::Lines() const {
+std::vector<std::string> OutputCapture::Lines() const {
     std::vector<std::string> out;
     std::string text = Text();
     size_t start = 0;
@@ -439,26 +477,30 @@ std::vector<std::string> StderrCapture::Lines() const {
     return out;
 }
 
-std::vector<std::string> StderrCapture::Errors() const {
-    std::vector<std::string> out;
-    DiagLine d;
-    for (const auto &l : Lines()) {
-        if (ParseDiagLine(l, &d) && d.isError) {
-            out.push_back(d.message);
-        }
-    }
-    return out;
+std::vector<std::string> OutputCapture::Errors() const {
+    return DiagMessages(Lines(), true);
 }
 
-std::vector<std::string> StderrCapture::Traces() const {
-    std::vector<std::string> out;
-    DiagLine d;
-    for (const auto &l : Lines()) {
-        if (ParseDiagLine(l, &d) && !d.isError) {
-            out.push_back(d.message);
+std::vector<std::string> OutputCapture::Traces() const {
+    return DiagMessages(Lines(), false);
+}
+
+bool OutputCapture::HasError(const std::string &message) const {
+    for (const auto &m : Errors()) {
+        if (m == message) {
+            return true;
         }
     }
-    return out;
+    return false;
+}
+
+bool OutputCapture::HasTrace(const std::string &message) const {
+    for (const auto &m : Traces()) {
+        if (m == message) {
+            return true;
+        }
+    }
+    return false;
 }
 
 /* ------------------------------------------------------------------------ */
@@ -824,25 +866,11 @@ std::string ServerProcess::Text(Stream stream) const {
 }
 
 std::vector<std::string> ServerProcess::ErrorMessages() const {
-    std::vector<std::string> out;
-    DiagLine d;
-    for (const auto &l : StderrLines()) {
-        if (ParseDiagLine(l, &d) && d.isError) {
-            out.push_back(d.message);
-        }
-    }
-    return out;
+    return DiagMessages(StderrLines(), true);
 }
 
 std::vector<std::string> ServerProcess::TraceMessages() const {
-    std::vector<std::string> out;
-    DiagLine d;
-    for (const auto &l : StderrLines()) {
-        if (ParseDiagLine(l, &d) && !d.isError) {
-            out.push_back(d.message);
-        }
-    }
-    return out;
+    return DiagMessages(StderrLines(), false);
 }
 
 size_t ServerProcess::CountErrors(const std::string &message) const {
@@ -973,6 +1001,19 @@ int ConnectUnix(const std::string &path) {
     return fd;
 }
 
+std::vector<uint8_t> RecvPending(int fd) {
+    std::vector<uint8_t> out;
+    uint8_t buf[4096];
+    for (;;) {
+        ssize_t n = recv(fd, buf, sizeof(buf), MSG_DONTWAIT);
+        if (n <= 0) {
+            break;
+        }
+        out.insert(out.end(), buf, buf + n);
+    }
+    return out;
+}
+
 pid_t ReadPidFile(const std::string &path) {
     FILE *f = fopen(path.c_str(), "re");
     if (f == nullptr) {
@@ -988,6 +1029,22 @@ pid_t ReadPidFile(const std::string &path) {
 
 bool ProcessAlive(pid_t pid) {
     return pid > 0 && (kill(pid, 0) == 0 || errno == EPERM);
+}
+
+pid_t DeadPid() {
+    pid_t pid = fork();
+    if (pid == 0) {
+        _exit(0);
+    }
+    int status;
+    waitpid(pid, &status, 0);
+    return pid;
+}
+
+int64_t NowMs() {
+    struct timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return static_cast<int64_t>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
 }
 
 }  // namespace lapitest

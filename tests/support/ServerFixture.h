@@ -120,15 +120,15 @@ struct DiagLine {
 /* Parses one diagnostic line; false when the line has neither form. */
 bool ParseDiagLine(const std::string &text, DiagLine *out);
 
-/* Redirects this process's standard error (fd 2) into a hidden temporary
- * file while it lives: unit tests read back the diagnostics of the code
- * they call. */
-class StderrCapture {
+/* Redirects one of this process's descriptors into a hidden temporary file
+ * while it lives: unit tests read back what the code they call writes
+ * there (its diagnostics on standard error, its dumps on standard output). */
+class OutputCapture {
   public:
-    StderrCapture();
-    ~StderrCapture();
-    StderrCapture(const StderrCapture &) = delete;
-    StderrCapture &operator=(const StderrCapture &) = delete;
+    explicit OutputCapture(int fd);
+    ~OutputCapture();
+    OutputCapture(const OutputCapture &) = delete;
+    OutputCapture &operator=(const OutputCapture &) = delete;
 
     /* Everything written since the capture began (capture goes on). */
     std::string Text() const;
@@ -136,12 +136,30 @@ class StderrCapture {
     /* Message texts of the error / trace lines. */
     std::vector<std::string> Errors() const;
     std::vector<std::string> Traces() const;
+    /* An error / trace line whose message text equals message. */
+    bool HasError(const std::string &message) const;
+    bool HasTrace(const std::string &message) const;
     /* Ends the capture early (the destructor does it otherwise). */
     void Restore();
+    /* Restore, then everything that was written during the capture. */
+    std::string Stop();
 
   private:
+    int fd_;
     int saved_ = -1;
     int file_ = -1;
+};
+
+/* Standard error (fd 2), where the diagnostics go. */
+class StderrCapture : public OutputCapture {
+  public:
+    StderrCapture() : OutputCapture(2) {}
+};
+
+/* Standard output (fd 1). */
+class StdoutCapture : public OutputCapture {
+  public:
+    StdoutCapture() : OutputCapture(1) {}
 };
 
 /* ------------------------------------------------------------------------ */
@@ -269,10 +287,17 @@ class ServerProcess {
 int PickFreeUdpPort();
 /* Connects a stream socket to the Unix socket path; the descriptor, or -1. */
 int ConnectUnix(const std::string &path);
+/* Everything the socket holds now, taken without waiting. */
+std::vector<uint8_t> RecvPending(int fd);
 /* The first number of a pid file, or 0. */
 pid_t ReadPidFile(const std::string &path);
 /* True when a process with this pid exists (also when kill reports EPERM). */
 bool ProcessAlive(pid_t pid);
+/* The pid of a process that has just exited and been reaped: it names
+ * nobody. */
+pid_t DeadPid();
+/* Milliseconds of the monotonic clock. */
+int64_t NowMs();
 
 }  // namespace lapitest
 

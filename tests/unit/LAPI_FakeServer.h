@@ -182,6 +182,13 @@ class FakeServer {
         }
         return fd;
     }
+    /* Accepts one connection and reads one request of type T from it into
+     * *pReq; the descriptor, or -1 when either does not come. */
+    template <typename T>
+    int AcceptRequest(T *pReq) {
+        int fd = Accept();
+        return fd >= 0 && ReadExact(fd, pReq, sizeof(*pReq)) ? fd : -1;
+    }
     void Close(int fd) {
         std::lock_guard<std::mutex> lock(mutex_);
         for (int &f : fds_) {
@@ -206,9 +213,9 @@ class FakeServer {
      * answered with getAsyncFdRsp. */
     bool Handshake(uint32_t globalId, int *pSync, int *pAsync, RegisterReq *pReg = nullptr,
                    GetAsyncFdReq *pAsyncReq = nullptr) {
-        int syncFd = Accept();
         RegisterReq reg;
-        if (syncFd < 0 || !ReadExact(syncFd, &reg, sizeof(reg))) {
+        int syncFd = AcceptRequest(&reg);
+        if (syncFd < 0) {
             return false;
         }
         RegisterRsp rsp = Make<RegisterRsp>(LAPI_REGISTER_RSP);
@@ -216,9 +223,9 @@ class FakeServer {
         if (!WriteMsg(syncFd, rsp)) {
             return false;
         }
-        int asyncFd = Accept();
         GetAsyncFdReq areq;
-        if (asyncFd < 0 || !ReadExact(asyncFd, &areq, sizeof(areq))) {
+        int asyncFd = AcceptRequest(&areq);
+        if (asyncFd < 0) {
             return false;
         }
         if (!WriteMsg(asyncFd, Make<GetAsyncFdRsp>(LAPI_GET_ASYNC_FD_RSP))) {

@@ -25,17 +25,14 @@
 #include "LAPI_SRV_ApMsgProc.h"
 #include "LAPI_SRV_BpMsgProc.h"
 #include "LAPI_SRV_Global.h"
+#include "ServerFixture.h"
+#include "TestClient.h"
 
 namespace locsvc {
 
 using Bytes = std::vector<uint8_t>;
-
-template <typename T>
-inline Bytes ToBytes(const T &v) {
-    Bytes b(sizeof(T));
-    memcpy(b.data(), &v, sizeof(T));
-    return b;
-}
+using lapitest::RecvPending;
+using lapitest::ToBytes;
 
 template <typename T>
 inline T FromBytes(const Bytes &b, size_t offset = 0) {
@@ -45,20 +42,6 @@ inline T FromBytes(const Bytes &b, size_t offset = 0) {
         memcpy(&v, b.data() + offset, sizeof(T));
     }
     return v;
-}
-
-/* Reads everything the descriptor holds now (non-blocking). */
-inline Bytes ReadAll(int fd) {
-    Bytes out;
-    uint8_t buf[4096];
-    for (;;) {
-        ssize_t n = recv(fd, buf, sizeof(buf), MSG_DONTWAIT);
-        if (n <= 0) {
-            break;
-        }
-        out.insert(out.end(), buf, buf + n);
-    }
-    return out;
 }
 
 /* Splits client messages (header + msgLen body). */
@@ -99,94 +82,9 @@ inline MsgHeader Header(const Bytes &msg) {
     return FromBytes<MsgHeader>(msg);
 }
 
-/* Redirects standard error to a file for its lifetime. */
-class StderrCapture {
-  public:
-    StderrCapture() {
-        fflush(stderr);
-        char path[] = "/tmp/lsvcerrXXXXXX";
-        fd_ = mkstemp(path);
-        if (fd_ >= 0) {
-            unlink(path);
-            saved_ = dup(2);
-            dup2(fd_, 2);
-        }
-    }
-    ~StderrCapture() { Stop(); }
-    StderrCapture(const StderrCapture &) = delete;
-    StderrCapture &operator=(const StderrCapture &) = delete;
-
-    void Stop() {
-        if (saved_ >= 0) {
-            fflush(stderr);
-            dup2(saved_, 2);
-            close(saved_);
-            saved_ = -1;
-            text_.clear();
-            lseek(fd_, 0, SEEK_SET);
-            char buf[4096];
-            ssize_t n;
-            while ((n = read(fd_, buf, sizeof(buf))) > 0) {
-                text_.append(buf, static_cast<size_t>(n));
-            }
-            close(fd_);
-            fd_ = -1;
-        }
-    }
-    const std::string &Text() {
-        Stop();
-        return text_;
-    }
-    /* Message texts of the error lines ("... LAPI Error SRV func: text"). */
-    std::vector<std::string> Errors() { return Messages("\tLAPI Error SRV ", ": "); }
-    /* Message texts of the trace lines ("... func()\tLAPI SRV : text"). */
-    std::vector<std::string> Traces() { return Messages("\tLAPI SRV : ", ""); }
-    bool HasError(const std::string &msg) {
-        for (const auto &m : Errors()) {
-            if (m == msg) {
-                return true;
-            }
-        }
-        return false;
-    }
-    bool HasTrace(const std::string &msg) {
-        for (const auto &m : Traces()) {
-            if (m == msg) {
-                return true;
-            }
-        }
-        return false;
-    }
-
-  private:
-    std::vector<std::string> Messages(const std::string &marker, const std::string &after) {
-        std::vector<std::string> out;
-        const std::string &t = Text();
-        size_t start = 0;
-        while (start < t.size()) {
-            size_t end = t.find('\n', start);
-            if (end == std::string::npos) {
-                end = t.size();
-            }
-            std::string line = t.substr(start, end - start);
-            size_t m = line.find(marker);
-            if (m != std::string::npos) {
-                std::string rest = line.substr(m + marker.size());
-                if (!after.empty()) {
-                    size_t a = rest.find(after);
-                    rest = a == std::string::npos ? rest : rest.substr(a + after.size());
-                }
-                out.push_back(rest);
-            }
-            start = end + 1;
-        }
-        return out;
-    }
-
-    int fd_ = -1;
-    int saved_ = -1;
-    std::string text_;
-};
+/* Standard error captured around a call; HasError / HasTrace look for a
+ * message text. */
+using lapitest::StderrCapture;
 
 /* A registered client whose two connections are socket pairs. */
 struct FakeClient {
@@ -194,8 +92,8 @@ struct FakeClient {
     int syncPeer = -1;
     int asyncPeer = -1;
 
-    std::vector<Bytes> SyncMsgs() const { return SplitClientMsgs(ReadAll(syncPeer)); }
-    std::vector<Bytes> AsyncMsgs() const { return SplitClientMsgs(ReadAll(asyncPeer)); }
+    std::vector<Bytes> SyncMsgs() const { return SplitClientMsgs(RecvPending(syncPeer)); }
+    std::vector<Bytes> AsyncMsgs() const { return SplitClientMsgs(RecvPending(asyncPeer)); }
 };
 
 class Harness {
@@ -264,8 +162,8 @@ class Harness {
     }
 
     /* BP messages the server has written to the channel since the last call. */
-    std::vector<Bytes> BpMsgs() { return SplitBpFrames(ReadAll(bpPeer_)); }
-    Bytes BpRaw() { return ReadAll(bpPeer_); }
+    std::vector<Bytes> BpMsgs() { return SplitBpFrames(RecvPending(bpPeer_)); }
+    Bytes BpRaw() { return RecvPending(bpPeer_); }
 
     size_t TranCount() const { return LAPI_SRV_tranList.count; }
 

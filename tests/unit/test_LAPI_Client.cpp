@@ -19,6 +19,8 @@
 #include <string>
 
 #include "LAPI_FakeServer.h"
+#include "LapiClientPtr.h"
+#include "ServerFixture.h"
 #include "lapi_client.h"
 
 namespace {
@@ -27,17 +29,8 @@ using lapifake::Bytes;
 using lapifake::ClientMsg;
 using lapifake::FakeServer;
 using lapifake::Make;
-
-struct ClientCloser {
-    void operator()(lapi_client *p) const { lapi_close(p); }
-};
-using ClientPtr = std::unique_ptr<lapi_client, ClientCloser>;
-
-int64_t NowMs() {
-    struct timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return static_cast<int64_t>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
-}
+using lapitest::ClientPtr;
+using lapitest::NowMs;
 
 /* The fixed body length of every message the server sends. */
 struct SrvMsg {
@@ -310,9 +303,9 @@ TEST(LapiClientOpen, NothingElseIsSentBeforeRegisterRsp) {
     FakeServer server;
     ASSERT_TRUE(server.Ok());
     server.Start([&](FakeServer &s) {
-        int syncFd = s.Accept();
         RegisterReq reg;
-        if (syncFd < 0 || !lapifake::ReadExact(syncFd, &reg, sizeof(reg))) {
+        int syncFd = s.AcceptRequest(&reg);
+        if (syncFd < 0) {
             return;
         }
         /* The client must wait: no more bytes, no second connection. */
@@ -321,9 +314,9 @@ TEST(LapiClientOpen, NothingElseIsSentBeforeRegisterRsp) {
         RegisterRsp rsp = Make<RegisterRsp>(LAPI_REGISTER_RSP);
         rsp.globalId = 7;
         lapifake::WriteMsg(syncFd, rsp);
-        int asyncFd = s.Accept();
         GetAsyncFdReq areq;
-        if (asyncFd >= 0 && lapifake::ReadExact(asyncFd, &areq, sizeof(areq))) {
+        int asyncFd = s.AcceptRequest(&areq);
+        if (asyncFd >= 0) {
             lapifake::WriteMsg(asyncFd, Make<GetAsyncFdRsp>(LAPI_GET_ASYNC_FD_RSP));
         }
     });
@@ -340,9 +333,9 @@ TEST(LapiClientOpen, ServerClosingAfterRegisterReqIsRefusal) {
     FakeServer server;
     ASSERT_TRUE(server.Ok());
     server.Start([](FakeServer &s) {
-        int fd = s.Accept();
         RegisterReq reg;
-        if (fd >= 0 && lapifake::ReadExact(fd, &reg, sizeof(reg))) {
+        int fd = s.AcceptRequest(&reg);
+        if (fd >= 0) {
             s.Close(fd);
         }
     });
@@ -355,15 +348,15 @@ TEST(LapiClientOpen, ServerClosingTheSecondConnectionIsRefusal) {
     FakeServer server;
     ASSERT_TRUE(server.Ok());
     server.Start([](FakeServer &s) {
-        int fd = s.Accept();
         RegisterReq reg;
-        if (fd < 0 || !lapifake::ReadExact(fd, &reg, sizeof(reg))) {
+        int fd = s.AcceptRequest(&reg);
+        if (fd < 0) {
             return;
         }
         lapifake::WriteMsg(fd, Make<RegisterRsp>(LAPI_REGISTER_RSP));
-        int afd = s.Accept();
         GetAsyncFdReq areq;
-        if (afd >= 0 && lapifake::ReadExact(afd, &areq, sizeof(areq))) {
+        int afd = s.AcceptRequest(&areq);
+        if (afd >= 0) {
             s.Close(afd);
         }
     });
@@ -402,9 +395,9 @@ TEST(LapiClientOpen, WrongHandshakeAnswerIsProtocolError) {
     FakeServer server;
     ASSERT_TRUE(server.Ok());
     server.Start([](FakeServer &s) {
-        int fd = s.Accept();
         RegisterReq reg;
-        if (fd >= 0 && lapifake::ReadExact(fd, &reg, sizeof(reg))) {
+        int fd = s.AcceptRequest(&reg);
+        if (fd >= 0) {
             lapifake::WriteMsg(fd, Make<GetAsyncFdRsp>(LAPI_GET_ASYNC_FD_RSP));
         }
     });
@@ -416,9 +409,9 @@ TEST(LapiClientOpen, RegisterRspOfWrongLengthIsProtocolError) {
     FakeServer server;
     ASSERT_TRUE(server.Ok());
     server.Start([](FakeServer &s) {
-        int fd = s.Accept();
         RegisterReq reg;
-        if (fd >= 0 && lapifake::ReadExact(fd, &reg, sizeof(reg))) {
+        int fd = s.AcceptRequest(&reg);
+        if (fd >= 0) {
             lapifake::WriteBytes(fd, MsgBytes(LAPI_REGISTER_RSP, 3));
         }
     });
@@ -880,47 +873,7 @@ TEST(LapiClientClose, CloseUnregistersFirst) {
 
 /* ---- tracing ---- */
 
-/* Captures what is written to fd 2 while alive. */
-class StderrCapture {
-  public:
-    StderrCapture() {
-        char tmpl[] = "/tmp/lcapXXXXXX";
-        fd_ = mkstemp(tmpl);
-        path_ = tmpl;
-        fflush(stderr);
-        saved_ = dup(2);
-        dup2(fd_, 2);
-    }
-    ~StderrCapture() {
-        Restore();
-        close(fd_);
-        unlink(path_.c_str());
-    }
-    std::string Text() {
-        Restore();
-        std::string s;
-        char buf[4096];
-        ssize_t n;
-        lseek(fd_, 0, SEEK_SET);
-        while ((n = read(fd_, buf, sizeof(buf))) > 0) {
-            s.append(buf, static_cast<size_t>(n));
-        }
-        return s;
-    }
-
-  private:
-    void Restore() {
-        if (saved_ >= 0) {
-            fflush(stderr);
-            dup2(saved_, 2);
-            close(saved_);
-            saved_ = -1;
-        }
-    }
-    int fd_ = -1;
-    int saved_ = -1;
-    std::string path_;
-};
+using lapitest::StderrCapture;
 
 TEST(LapiClientTrace, OffByDefault) {
     Session s;
@@ -932,7 +885,7 @@ TEST(LapiClientTrace, OffByDefault) {
     lapi_msg msg;
     EXPECT_EQ(lapi_recv(s.client.get(), &msg, 3000), LAPI_E_BAD_LENGTH);
     EXPECT_EQ(lapi_recv(s.client.get(), &msg, 3000), LAPI_OK);
-    EXPECT_EQ(cap.Text(), "");
+    EXPECT_EQ(cap.Stop(), "");
 }
 
 TEST(LapiClientTrace, ErrorsAreCliErrorLines) {
@@ -944,7 +897,7 @@ TEST(LapiClientTrace, ErrorsAreCliErrorLines) {
     StderrCapture cap;
     lapi_msg msg;
     EXPECT_EQ(lapi_recv(s.client.get(), &msg, 3000), LAPI_E_BAD_LENGTH);
-    std::string text = cap.Text();
+    std::string text = cap.Stop();
     EXPECT_NE(text.find("\tLAPI Error CLI "), std::string::npos) << text;
     EXPECT_NE(text.find("Skipped msgId: 6, msgLen: 33"), std::string::npos) << text;
     EXPECT_EQ(text.find("LAPI Error SRV"), std::string::npos) << text;
@@ -966,7 +919,7 @@ TEST(LapiClientTrace, ReceivedAndSentMessagesAreCliTraceLines) {
     ASSERT_EQ(lapi_get_status(s.client.get(), 1, 4, 5), LAPI_OK);
     lapi_msg msg;
     ASSERT_EQ(lapi_recv(s.client.get(), &msg, 3000), LAPI_OK);
-    std::string text = cap.Text();
+    std::string text = cap.Stop();
     EXPECT_NE(text.find("\tLAPI CLI : C->S getStatusReq "), std::string::npos) << text;
     EXPECT_NE(text.find("\tLAPI CLI : S->C getStatusRsp "), std::string::npos) << text;
     EXPECT_EQ(text.find("LAPI SRV"), std::string::npos) << text;
@@ -981,7 +934,7 @@ TEST(LapiClientTrace, OpenWithTraceFlagTracesTheHandshake) {
     lapi_client *p = nullptr;
     StderrCapture cap;
     int rc = lapi_open_ex(server.Path().c_str(), LAPI_SERVICE_BASIC, 3000, LAPI_OPEN_TRACE, &p);
-    std::string text = cap.Text();
+    std::string text = cap.Stop();
     ClientPtr client(p);
     server.Join();
     server.CloseAll();

@@ -25,6 +25,7 @@
 #include "LAPI_SRV_Global.h"
 #include "LAPI_SRV_Paths.h"
 #include "LAPI_SrvCli.h"
+#include "ServerFixture.h"
 #include "TestClient.h"
 
 namespace {
@@ -32,49 +33,10 @@ namespace {
 using lapitest::Bytes;
 using lapitest::Connection;
 using lapitest::MakeMsg;
+using lapitest::StderrCapture;
 using lapitest::U32Body;
 
 constexpr uint32_t kPid = 4242;
-
-/* ------------------------------------------------------------------------ */
-/* Capture of standard error                                                 */
-/* ------------------------------------------------------------------------ */
-
-class StderrCapture {
-  public:
-    StderrCapture() {
-        fflush(stderr);
-        file_ = tmpfile();
-        saved_ = dup(STDERR_FILENO);
-        if (file_ != nullptr && saved_ >= 0) {
-            dup2(fileno(file_), STDERR_FILENO);
-        }
-    }
-    ~StderrCapture() { Stop(); }
-    std::string Stop() {
-        if (saved_ >= 0) {
-            dup2(saved_, STDERR_FILENO);
-            close(saved_);
-            saved_ = -1;
-        }
-        if (file_ != nullptr) {
-            rewind(file_);
-            char buf[4096];
-            size_t n;
-            while ((n = fread(buf, 1, sizeof(buf), file_)) > 0) {
-                text_.append(buf, n);
-            }
-            fclose(file_);
-            file_ = nullptr;
-        }
-        return text_;
-    }
-
-  private:
-    FILE *file_ = nullptr;
-    int saved_ = -1;
-    std::string text_;
-};
 
 /* An error line of the server with exactly this message. */
 bool HasError(const std::string &text, const std::string &func, const std::string &msg) {
@@ -212,6 +174,10 @@ class ApMsgProcTest : public ::testing::Test {
         ASSERT_TRUE(rsp.has_value());
         ASSERT_EQ(LAPI_GET_ASYNC_FD_RSP, rsp->msgId);
     }
+
+    /* Defined with the dispatch tests below. */
+    void ExpectRemovedAfterHandshake(uint16_t msgId, const Bytes &body,
+                                     const std::string &error = "");
 
     Client *OnlyClient() {
         if (LAPI_SRV_allClientList.count != 1) {
@@ -764,64 +730,49 @@ void ExpectClientRemovedFor(const std::string &err, Connection &sync, Connection
     EXPECT_EQ(0u, LAPI_SRV_readFdopsList.count);
 }
 
-TEST_F(ApMsgProcTest, MsgId100AfterHandshakeHasNoProcedureAndClientRemoved) {
+/* After the handshake the client sends this message: it is refused (with
+ * this error line of the dispatcher, when one is given) and the client is
+ * removed. */
+void ApMsgProcTest::ExpectRemovedAfterHandshake(uint16_t msgId, const Bytes &body,
+                                                const std::string &error) {
     Connection sync, async;
     Handshake(&sync, &async);
-    sync.SendMsg(LAPI_REGISTER_REQ, U32Body(4), kPid);
+    sync.SendMsg(msgId, body, kPid);
     std::string err = ServeCaptured();
-    EXPECT_TRUE(HasError(err, "LAPI_SRV_ProcessApMsg",
-                         "No procedure for msgId: 100, pid is: " + std::to_string(kPid) + "!"))
-        << err;
+    if (!error.empty()) {
+        EXPECT_TRUE(HasError(err, "LAPI_SRV_ProcessApMsg", error)) << err;
+    }
     ExpectClientRemovedFor(err, sync, async);
+}
+
+TEST_F(ApMsgProcTest, MsgId100AfterHandshakeHasNoProcedureAndClientRemoved) {
+    ExpectRemovedAfterHandshake(
+        LAPI_REGISTER_REQ, U32Body(4),
+        "No procedure for msgId: 100, pid is: " + std::to_string(kPid) + "!");
 }
 
 TEST_F(ApMsgProcTest, MsgId105AfterHandshakeHasNoProcedureAndClientRemoved) {
-    Connection sync, async;
-    Handshake(&sync, &async);
-    sync.SendMsg(LAPI_UNREGISTER_RSP, {}, kPid);
-    std::string err = ServeCaptured();
-    EXPECT_TRUE(HasError(err, "LAPI_SRV_ProcessApMsg",
-                         "No procedure for msgId: 105, pid is: " + std::to_string(kPid) + "!"))
-        << err;
-    ExpectClientRemovedFor(err, sync, async);
+    ExpectRemovedAfterHandshake(
+        LAPI_UNREGISTER_RSP, {},
+        "No procedure for msgId: 105, pid is: " + std::to_string(kPid) + "!");
 }
 
 TEST_F(ApMsgProcTest, MsgId117AfterHandshakeUnknownAndClientRemoved) {
-    Connection sync, async;
-    Handshake(&sync, &async);
-    sync.SendMsg(117, {}, kPid);
-    std::string err = ServeCaptured();
-    EXPECT_TRUE(HasError(err, "LAPI_SRV_ProcessApMsg",
-                         "Unknown msgId: 117, pid is: " + std::to_string(kPid) + "!"))
-        << err;
-    ExpectClientRemovedFor(err, sync, async);
+    ExpectRemovedAfterHandshake(117, {},
+                                "Unknown msgId: 117, pid is: " + std::to_string(kPid) + "!");
 }
 
 TEST_F(ApMsgProcTest, ServerMsgIdFromClientUnknownAndClientRemoved) {
-    Connection sync, async;
-    Handshake(&sync, &async);
-    sync.SendMsg(LAPI_TIME_OUT_RSP, {1, 2}, kPid);
-    std::string err = ServeCaptured();
-    EXPECT_TRUE(HasError(err, "LAPI_SRV_ProcessApMsg",
-                         "Unknown msgId: 2, pid is: " + std::to_string(kPid) + "!"))
-        << err;
-    ExpectClientRemovedFor(err, sync, async);
+    ExpectRemovedAfterHandshake(LAPI_TIME_OUT_RSP, {1, 2},
+                                "Unknown msgId: 2, pid is: " + std::to_string(kPid) + "!");
 }
 
 TEST_F(ApMsgProcTest, GetLocationReqMsgLen32RefusedAndClientRemoved) {
-    Connection sync, async;
-    Handshake(&sync, &async);
-    sync.SendMsg(LAPI_GET_LOCATION_REQ, GetLocationBody(32), kPid);
-    std::string err = ServeCaptured();
-    ExpectClientRemovedFor(err, sync, async);
+    ExpectRemovedAfterHandshake(LAPI_GET_LOCATION_REQ, GetLocationBody(32));
 }
 
 TEST_F(ApMsgProcTest, GetLocationReqMsgLen34RefusedAndClientRemoved) {
-    Connection sync, async;
-    Handshake(&sync, &async);
-    sync.SendMsg(LAPI_GET_LOCATION_REQ, GetLocationBody(34), kPid);
-    std::string err = ServeCaptured();
-    ExpectClientRemovedFor(err, sync, async);
+    ExpectRemovedAfterHandshake(LAPI_GET_LOCATION_REQ, GetLocationBody(34));
 }
 
 TEST_F(ApMsgProcTest, OversizedMsgLenClosesBeforeWholeMessageArrives) {

@@ -151,18 +151,7 @@ class SocketChannel {
     }
 
     /* Everything the server wrote that is waiting on the BP side. */
-    Bytes DrainBp() {
-        Bytes out;
-        uint8_t buf[4096];
-        for (;;) {
-            ssize_t n = recv(bp_, buf, sizeof(buf), MSG_DONTWAIT);
-            if (n <= 0) {
-                break;
-            }
-            out.insert(out.end(), buf, buf + n);
-        }
-        return out;
-    }
+    Bytes DrainBp() { return lapitest::RecvPending(bp_); }
 
   private:
     Fdops *pFdops_ = nullptr;
@@ -268,50 +257,7 @@ size_t CountTrace(const lapitest::StderrCapture &cap, const std::string &message
     return n;
 }
 
-/* Standard output redirected to a temporary file while it lives. */
-class StdoutCapture {
-  public:
-    StdoutCapture() {
-        char path[] = "/tmp/bpoutXXXXXX";
-        file_ = mkstemp(path);
-        if (file_ >= 0) {
-            unlink(path);
-            fflush(stdout);
-            saved_ = dup(1);
-            dup2(file_, 1);
-        }
-    }
-    ~StdoutCapture() {
-        Restore();
-        if (file_ >= 0) {
-            close(file_);
-        }
-    }
-    void Restore() {
-        if (saved_ >= 0) {
-            fflush(stdout);
-            dup2(saved_, 1);
-            close(saved_);
-            saved_ = -1;
-        }
-    }
-    std::string Text() {
-        fflush(stdout);
-        std::string out;
-        char buf[4096];
-        off_t pos = 0;
-        ssize_t n;
-        while ((n = pread(file_, buf, sizeof(buf), pos)) > 0) {
-            out.append(buf, static_cast<size_t>(n));
-            pos += n;
-        }
-        return out;
-    }
-
-  private:
-    int saved_ = -1;
-    int file_ = -1;
-};
+using lapitest::StdoutCapture;
 
 /* ---- fixture --------------------------------------------------------------- */
 

@@ -21,60 +21,13 @@
 
 #include "LAPI_Log.h"
 #include "LAPI_SRV_Global.h"
+#include "ServerFixture.h"
 
 namespace {
 
 using Bytes = std::vector<uint8_t>;
 
-/* Points descriptor 2 at an unlinked temporary file until Stop(). */
-class StderrCapture {
-  public:
-    StderrCapture() {
-        char path[] = "/tmp/lgcXXXXXX";
-        fd_ = mkstemp(path);
-        if (fd_ >= 0) {
-            unlink(path);
-            saved_ = dup(STDERR_FILENO);
-            dup2(fd_, STDERR_FILENO);
-        }
-    }
-    ~StderrCapture() {
-        Stop();
-        if (fd_ >= 0) {
-            close(fd_);
-        }
-    }
-    StderrCapture(const StderrCapture &) = delete;
-    StderrCapture &operator=(const StderrCapture &) = delete;
-
-    /* Restores descriptor 2 and returns everything written meanwhile. */
-    std::string Stop() {
-        if (saved_ >= 0) {
-            dup2(saved_, STDERR_FILENO);
-            close(saved_);
-            saved_ = -1;
-        }
-        std::string text;
-        if (fd_ < 0) {
-            return text;
-        }
-        char buf[4096];
-        off_t off = 0;
-        for (;;) {
-            ssize_t n = pread(fd_, buf, sizeof(buf), off);
-            if (n <= 0) {
-                break;
-            }
-            text.append(buf, static_cast<size_t>(n));
-            off += n;
-        }
-        return text;
-    }
-
-  private:
-    int fd_ = -1;
-    int saved_ = -1;
-};
+using lapitest::StderrCapture;
 
 size_t CountOf(const std::string &text, const std::string &what) {
     size_t count = 0;

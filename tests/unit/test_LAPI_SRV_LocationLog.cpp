@@ -17,6 +17,7 @@
 #include "LAPI_Log.h"
 #include "LAPI_SRV_LocationLog.h"
 #include "LAPI_SRV_Paths.h"
+#include "ServerFixture.h"
 #include "zelflex.h"
 
 namespace {
@@ -63,63 +64,8 @@ std::string Header(unsigned number) {
     return h + kMarker;
 }
 
-/* A unique short temporary folder, removed with everything in it. */
-class TempDir {
-  public:
-    TempDir() {
-        char tmpl[] = "/tmp/cfgXXXXXX";
-        char *p = mkdtemp(tmpl);
-        if (p != nullptr) {
-            path_ = p;
-        }
-    }
-    ~TempDir() {
-        if (!path_.empty()) {
-            std::error_code ec;
-            std::filesystem::remove_all(path_, ec);
-        }
-    }
-    TempDir(const TempDir &) = delete;
-    TempDir &operator=(const TempDir &) = delete;
-    const std::string &path() const { return path_; }
-
-  private:
-    std::string path_;
-};
-
-/* Sends fd 2 to a file while alive; Text() ends the capture and returns it. */
-class StderrCapture {
-  public:
-    explicit StderrCapture(const std::string &file) : file_(file) {
-        fflush(stderr);
-        saved_ = dup(STDERR_FILENO);
-        int fd = open(file.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        if (fd >= 0) {
-            dup2(fd, STDERR_FILENO);
-            close(fd);
-        }
-    }
-    ~StderrCapture() { Restore(); }
-    StderrCapture(const StderrCapture &) = delete;
-    StderrCapture &operator=(const StderrCapture &) = delete;
-
-    std::string Text() {
-        Restore();
-        return ReadFile(file_);
-    }
-
-  private:
-    void Restore() {
-        if (saved_ >= 0) {
-            fflush(stderr);
-            dup2(saved_, STDERR_FILENO);
-            close(saved_);
-            saved_ = -1;
-        }
-    }
-    std::string file_;
-    int saved_ = -1;
-};
+using lapitest::StderrCapture;
+using lapitest::TempRoot;
 
 /* Error and trace lines of this source, without the varying line number. */
 std::string ErrLine(const std::string &func, const std::string &msg) {
@@ -149,15 +95,14 @@ std::vector<std::string> CtimeTexts(time_t t0, time_t t1) {
 class LocationLog : public ::testing::Test {
   protected:
     void SetUp() override {
-        ASSERT_FALSE(dir_.path().empty());
-        cfgPath_ = dir_.path() + "/zel_agps.cfg";
-        logPath_ = dir_.path() + "/location_fix.log";
-        errPath_ = dir_.path() + "/stderr.txt";
+        ASSERT_TRUE(dir_.ok());
+        cfgPath_ = dir_.Dir() + "/zel_agps.cfg";
+        logPath_ = dir_.Dir() + "/location_fix.log";
         savedCfg_ = LAPI_SRV_cfgFile;
         savedLog_ = LAPI_SRV_fixLogFile;
         LAPI_SRV_cfgFile = cfgPath_.c_str();
         LAPI_SRV_fixLogFile = logPath_.c_str();
-        ASSERT_EQ(HOST_SetRoot(dir_.path().c_str()), 0);
+        ASSERT_EQ(HOST_SetRoot(dir_.Dir().c_str()), 0);
         ResetLog();
     }
     void TearDown() override {
@@ -175,17 +120,26 @@ class LocationLog : public ::testing::Test {
     }
 
     void FlagOn() {
-        std::filesystem::create_directories(dir_.path() + "/etc/flex");
-        WriteFile(dir_.path() + "/etc/flex/367", "");
+        std::filesystem::create_directories(dir_.Dir() + "/etc/flex");
+        WriteFile(dir_.Dir() + "/etc/flex/367", "");
     }
 
     /* Flag on, LogFileSize as given, LAPI_SRV_LOG_Init run; returns stderr. */
     std::string InitWithSize(const std::string &size) {
         FlagOn();
         WriteFile(cfgPath_, "LogFileSize = " + size + "\n");
-        StderrCapture cap(errPath_);
+        StderrCapture cap;
         LAPI_SRV_LOG_Init();
-        return cap.Text();
+        return cap.Stop();
+    }
+
+    /* LogFileSize = size is out of range: the log stays off, with the
+     * error line. */
+    void ExpectSizeRefused(const std::string &size) {
+        std::string err = InitWithSize(size);
+        EXPECT_EQ(gLogAvailable, 0) << "LogFileSize = " << size;
+        EXPECT_TRUE(Contains(err, ErrLine("LAPI_SRV_LOG_Init", "log file size is unreasonable\n")))
+            << err;
     }
 
     /* The log on with the given maximum size, nothing opened yet. */
@@ -204,8 +158,8 @@ class LocationLog : public ::testing::Test {
         return v;
     }
 
-    TempDir dir_;
-    std::string cfgPath_, logPath_, errPath_;
+    TempRoot dir_;
+    std::string cfgPath_, logPath_;
     const char *savedCfg_ = nullptr;
     const char *savedLog_ = nullptr;
 };
@@ -228,9 +182,9 @@ TEST_F(LocationLog, BlanksAroundEqualsAndCrLfYield64) {
 
 TEST_F(LocationLog, LastLineWithoutLineEndYieldsNothing) {
     bool found;
-    StderrCapture cap(errPath_);
+    StderrCapture cap;
     Lookup("LogFileSize = 64", "LogFileSize", &found);
-    std::string err = cap.Text();
+    std::string err = cap.Stop();
     EXPECT_FALSE(found);
     EXPECT_TRUE(Contains(err, TraceLine("find_entry", "fail! pr == NULL && pn == NULL\n\n")));
 }
@@ -283,11 +237,11 @@ TEST_F(LocationLog, OtherKeysAreFound) {
 }
 
 TEST_F(LocationLog, MissingFileGivesNullForEveryKey) {
-    StderrCapture cap(errPath_);
+    StderrCapture cap;
     for (const char *key : {"LogFileSize", "AGPSProfileName", "WAPPushSendingNumber"}) {
         EXPECT_EQ(get_entry_value(cfgPath_.c_str(), key), nullptr) << key;
     }
-    std::string err = cap.Text();
+    std::string err = cap.Stop();
     EXPECT_TRUE(Contains(err, TraceLine("get_entry_value", "entry get_entry_value functon\n\n")));
     EXPECT_TRUE(
         Contains(err, TraceLine("get_entry_value", "open config file " + cfgPath_ + " fail!\n\n")));
@@ -295,22 +249,22 @@ TEST_F(LocationLog, MissingFileGivesNullForEveryKey) {
 
 TEST_F(LocationLog, MissingFileSwitchesLogOff) {
     FlagOn();
-    StderrCapture cap(errPath_);
+    StderrCapture cap;
     LAPI_SRV_LOG_Init();
-    std::string err = cap.Text();
+    std::string err = cap.Stop();
     EXPECT_EQ(gLogAvailable, 0);
     EXPECT_TRUE(Contains(err, ErrLine("LAPI_SRV_LOG_Init", "can not get agps log file size\n")));
 }
 
 TEST_F(LocationLog, NullArgumentsGiveNull) {
-    StderrCapture cap(errPath_);
+    StderrCapture cap;
     EXPECT_EQ(get_entry_value(nullptr, "LogFileSize"), nullptr);
     EXPECT_EQ(get_entry_value(cfgPath_.c_str(), nullptr), nullptr);
     char dst[LAPI_SRV_CFG_VALUE_SIZE];
     EXPECT_EQ(find_entry(nullptr, "LogFileSize", dst), 0);
     EXPECT_EQ(find_entry("LogFileSize = 64\n", nullptr, dst), 0);
     EXPECT_EQ(find_entry("LogFileSize = 64\n", "LogFileSize", nullptr), 0);
-    std::string err = cap.Text();
+    std::string err = cap.Stop();
     EXPECT_TRUE(Contains(
         err, TraceLine("get_entry_value", "fail! filename == NULL || entry_name == NULL\n\n")));
     EXPECT_TRUE(Contains(err, TraceLine("find_entry", "fail! input parameter is null\n\n")));
@@ -342,9 +296,9 @@ TEST_F(LocationLog, ValueOf63CharactersIsTakenWhole) {
 TEST_F(LocationLog, ValueOf64CharactersIsRefused) {
     std::string value(LAPI_SRV_CFG_VALUE_MAX_LEN + 1, 'a');
     bool found;
-    StderrCapture cap(errPath_);
+    StderrCapture cap;
     Lookup("AGPSProfileName = " + value + "\n", "AGPSProfileName", &found);
-    std::string err = cap.Text();
+    std::string err = cap.Stop();
     EXPECT_FALSE(found);
     EXPECT_TRUE(
         Contains(err, TraceLine("find_entry", "fail! value longer than 63 characters\n\n")));
@@ -409,13 +363,13 @@ TEST_F(LocationLog, LineOfExactly127CharactersIsOnePiece) {
 
 TEST_F(LocationLog, FlagOffLeavesLogOffAndCreatesNoFile) {
     WriteFile(cfgPath_, "LogFileSize = 64\n");
-    StderrCapture cap(errPath_);
+    StderrCapture cap;
     LAPI_SRV_LOG_Init();
     GetLocationReq req = {};
     LAPI_SRV_LOG_LocationReq(&req, 1, 2);
     GetLocationRsp rsp = {};
     LAPI_SRV_LOG_LocationRsp(&rsp, 1, 2);
-    std::string err = cap.Text();
+    std::string err = cap.Stop();
     EXPECT_EQ(gLogAvailable, 0);
     EXPECT_TRUE(Contains(
         err, TraceLine("LAPI_SRV_LOG_Init", "DL_DB_FEATURE_ID_LOCATION_LOG_AVAILABLE == FALSE")));
@@ -439,42 +393,32 @@ TEST_F(LocationLog, Size512And01Accepted) {
 }
 
 TEST_F(LocationLog, SizeZeroSwitchesLogOff) {
-    std::string err = InitWithSize("00");
-    EXPECT_EQ(gLogAvailable, 0);
-    EXPECT_TRUE(Contains(err, ErrLine("LAPI_SRV_LOG_Init", "log file size is unreasonable\n")));
+    ExpectSizeRefused("00");
 }
 
 TEST_F(LocationLog, Size513SwitchesLogOff) {
-    std::string err = InitWithSize("513");
-    EXPECT_EQ(gLogAvailable, 0);
-    EXPECT_TRUE(Contains(err, ErrLine("LAPI_SRV_LOG_Init", "log file size is unreasonable\n")));
+    ExpectSizeRefused("513");
 }
 
 TEST_F(LocationLog, SizeMinusOneSwitchesLogOff) {
-    std::string err = InitWithSize("-1");
-    EXPECT_EQ(gLogAvailable, 0);
-    EXPECT_TRUE(Contains(err, ErrLine("LAPI_SRV_LOG_Init", "log file size is unreasonable\n")));
+    ExpectSizeRefused("-1");
 }
 
 TEST_F(LocationLog, SizeBeyondIntRangeSwitchesLogOff) {
     /* 2^32 + 1 must not come back as 1. */
-    std::string err = InitWithSize("4294967297");
-    EXPECT_EQ(gLogAvailable, 0);
-    EXPECT_TRUE(Contains(err, ErrLine("LAPI_SRV_LOG_Init", "log file size is unreasonable\n")));
+    ExpectSizeRefused("4294967297");
 }
 
 TEST_F(LocationLog, SizeNotANumberSwitchesLogOff) {
-    std::string err = InitWithSize("big");
-    EXPECT_EQ(gLogAvailable, 0);
-    EXPECT_TRUE(Contains(err, ErrLine("LAPI_SRV_LOG_Init", "log file size is unreasonable\n")));
+    ExpectSizeRefused("big");
 }
 
 TEST_F(LocationLog, SizeMissingSwitchesLogOff) {
     FlagOn();
     WriteFile(cfgPath_, "AGPSProfileName = myprofile\n");
-    StderrCapture cap(errPath_);
+    StderrCapture cap;
     LAPI_SRV_LOG_Init();
-    std::string err = cap.Text();
+    std::string err = cap.Stop();
     EXPECT_EQ(gLogAvailable, 0);
     EXPECT_TRUE(Contains(err, ErrLine("LAPI_SRV_LOG_Init", "can not get agps log file size\n")));
     GetLocationReq req = {};
@@ -559,9 +503,9 @@ TEST_F(LocationLog, HeaderOffsetAboveSizeFailsFirstWriteThenWraps) {
     /* The file was written with a larger size; the size is now 1 KiB. */
     WriteFile(logPath_, Header(5000) + std::string(5000 - 75, 'o'));
     LogOn(1024);
-    StderrCapture cap(errPath_);
+    StderrCapture cap;
     EXPECT_EQ(LAPI_SRV_LOG_Write("first\n"), -1);
-    std::string err = cap.Text();
+    std::string err = cap.Stop();
     EXPECT_TRUE(Contains(err, ErrLine("LAPI_SRV_LOG_Open", "gLogoffset >= gMaxLogSize!")));
     EXPECT_TRUE(Contains(err, ErrLine("LAPI_SRV_LOG_Write", "LAPI_SRV_LOG_Open() failed!")));
     EXPECT_EQ(HeaderNumber(ReadFile(logPath_)), 5000u); /* nothing written */
@@ -577,9 +521,9 @@ TEST_F(LocationLog, HeaderOffsetAboveSizeFailsFirstWriteThenWraps) {
 TEST_F(LocationLog, HeaderOffsetAtSizeFailsFirstWriteThenWraps) {
     WriteFile(logPath_, Header(1024) + std::string(1024 - 75, 'o'));
     LogOn(1024);
-    StderrCapture cap(errPath_);
+    StderrCapture cap;
     EXPECT_EQ(LAPI_SRV_LOG_Write("first\n"), -1);
-    std::string err = cap.Text();
+    std::string err = cap.Stop();
     EXPECT_TRUE(Contains(err, ErrLine("LAPI_SRV_LOG_Open", "gLogoffset >= gMaxLogSize!")));
     EXPECT_TRUE(Contains(err, ErrLine("LAPI_SRV_LOG_Write", "LAPI_SRV_LOG_Open() failed!")));
     ASSERT_EQ(LAPI_SRV_LOG_Write("second\n"), 0);
@@ -593,9 +537,9 @@ TEST_F(LocationLog, EmptyRecordAtTheEndAfterRefusedOpenStaysAtTheEnd) {
      * that exactly reaches it; the next real record wraps. */
     WriteFile(logPath_, Header(1024) + std::string(1024 - 75, 'o'));
     LogOn(1024);
-    StderrCapture cap(errPath_);
+    StderrCapture cap;
     EXPECT_EQ(LAPI_SRV_LOG_Write("first\n"), -1);
-    cap.Text();
+    cap.Stop();
     ASSERT_EQ(LAPI_SRV_LOG_Write(""), 0);
     EXPECT_EQ(gLogoffset, 1024u);
     EXPECT_EQ(HeaderNumber(ReadFile(logPath_)), 1024u);
@@ -627,9 +571,9 @@ TEST_F(LocationLog, NegativeHeaderNumberIsBeyondSize) {
      * the next one starts behind the header. */
     WriteFile(logPath_, "-5" + std::string(38, ' ') + kMarker);
     LogOn(1024);
-    StderrCapture cap(errPath_);
+    StderrCapture cap;
     EXPECT_EQ(LAPI_SRV_LOG_Write("first\n"), -1);
-    EXPECT_TRUE(Contains(cap.Text(), ErrLine("LAPI_SRV_LOG_Open", "gLogoffset >= gMaxLogSize!")));
+    EXPECT_TRUE(Contains(cap.Stop(), ErrLine("LAPI_SRV_LOG_Open", "gLogoffset >= gMaxLogSize!")));
     ASSERT_EQ(LAPI_SRV_LOG_Write("second\n"), 0);
     EXPECT_EQ(gLogoffset, 82u);
     EXPECT_EQ(ReadFile(logPath_).substr(0, 82), Header(82) + "second\n");
@@ -645,9 +589,9 @@ TEST_F(LocationLog, HeaderNumberAfterLeadingBlanksIsRead) {
 TEST_F(LocationLog, HugeHeaderNumberIsBeyondSize) {
     WriteFile(logPath_, "99999999999999999999" + std::string(20, ' ') + kMarker);
     LogOn(1024);
-    StderrCapture cap(errPath_);
+    StderrCapture cap;
     EXPECT_EQ(LAPI_SRV_LOG_Write("first\n"), -1);
-    EXPECT_TRUE(Contains(cap.Text(), ErrLine("LAPI_SRV_LOG_Open", "gLogoffset >= gMaxLogSize!")));
+    EXPECT_TRUE(Contains(cap.Stop(), ErrLine("LAPI_SRV_LOG_Open", "gLogoffset >= gMaxLogSize!")));
     ASSERT_EQ(LAPI_SRV_LOG_Write("second\n"), 0);
     EXPECT_EQ(gLogoffset, 82u);
 }
@@ -655,10 +599,10 @@ TEST_F(LocationLog, HugeHeaderNumberIsBeyondSize) {
 TEST_F(LocationLog, RecordOf400CharactersRefused) {
     LogOn(64 * 1024);
     std::string record(400, 'x');
-    StderrCapture cap(errPath_);
+    StderrCapture cap;
     EXPECT_EQ(LAPI_SRV_LOG_Write(record.c_str()), -1);
     EXPECT_EQ(LAPI_SRV_LOG_Write(nullptr), -1);
-    std::string err = cap.Text();
+    std::string err = cap.Stop();
     std::string line =
         ErrLine("LAPI_SRV_LOG_Write", "buffer == NULL || bufLen <= 0 in LAPI_SRV_LOG_Write!");
     size_t first = err.find(line);
@@ -675,13 +619,13 @@ TEST_F(LocationLog, RecordOf399CharactersWritten) {
 }
 
 TEST_F(LocationLog, FileThatCannotBeCreatedFailsEachRecord) {
-    std::string badPath = dir_.path() + "/no/such/dir/location_fix.log";
+    std::string badPath = dir_.Dir() + "/no/such/dir/location_fix.log";
     LAPI_SRV_fixLogFile = badPath.c_str();
     LogOn(64 * 1024);
-    StderrCapture cap(errPath_);
+    StderrCapture cap;
     EXPECT_EQ(LAPI_SRV_LOG_Write("rec\n"), -1);
     EXPECT_EQ(LAPI_SRV_LOG_Write("rec\n"), -1);
-    std::string err = cap.Text();
+    std::string err = cap.Stop();
     std::string create = ErrLine(
         "LAPI_SRV_LOG_Open", "Fail to create " + badPath + ", errorNo such file or directory:!");
     size_t first = err.find(create);
@@ -791,9 +735,9 @@ TEST_F(LocationLog, ResponseWithHugeValuesIsRefusedNotCut) {
     LogOn(64 * 1024);
     GetLocationRsp rsp = {};
     rsp.latitude = 1e300;
-    StderrCapture cap(errPath_);
+    StderrCapture cap;
     LAPI_SRV_LOG_LocationRsp(&rsp, 1, 1);
-    std::string err = cap.Text();
+    std::string err = cap.Stop();
     EXPECT_TRUE(Contains(err, ErrLine("LAPI_SRV_LOG_Write",
                                       "buffer == NULL || bufLen <= 0 in LAPI_SRV_LOG_Write!")));
     EXPECT_FALSE(Exists(logPath_));
@@ -801,10 +745,10 @@ TEST_F(LocationLog, ResponseWithHugeValuesIsRefusedNotCut) {
 
 TEST_F(LocationLog, NullMessagesGiveErrors) {
     LogOn(64 * 1024);
-    StderrCapture cap(errPath_);
+    StderrCapture cap;
     LAPI_SRV_LOG_LocationReq(nullptr, 1, 2);
     LAPI_SRV_LOG_LocationRsp(nullptr, 1, 2);
-    std::string err = cap.Text();
+    std::string err = cap.Stop();
     EXPECT_TRUE(Contains(
         err, ErrLine("LAPI_SRV_LOG_LocationReq", "pMsg is NULL in LAPI_SRV_LOG_LocationReq!")));
     EXPECT_TRUE(Contains(

@@ -19,6 +19,7 @@
 
 namespace {
 
+using lapitest::DeadPid;
 using lapitest::StderrCapture;
 using lapitest::TempRoot;
 
@@ -40,17 +41,6 @@ class PidFile : public ::testing::Test {
     std::string path_;
     const char *saved_ = nullptr;
 };
-
-/* A process that has exited and been reaped: its pid names nobody. */
-pid_t DeadPid() {
-    pid_t pid = fork();
-    if (pid == 0) {
-        _exit(0);
-    }
-    int status;
-    waitpid(pid, &status, 0);
-    return pid;
-}
 
 /* A child that lives until the object goes away. */
 class LiveChild {

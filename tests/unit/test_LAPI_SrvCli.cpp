@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "LAPI_SrvCli.h"
+#include "ServerFixture.h"
 
 namespace {
 
@@ -25,52 +26,15 @@ struct Output {
     std::string out;
 };
 
-class FdRedirect {
-  public:
-    explicit FdRedirect(int fd) : fd_(fd) {
-        file_ = tmpfile();
-        saved_ = dup(fd_);
-        if (file_ != nullptr && saved_ >= 0) {
-            dup2(fileno(file_), fd_);
-        }
-    }
-    ~FdRedirect() { Restore(); }
-    std::string Restore() {
-        std::string text;
-        if (saved_ >= 0) {
-            dup2(saved_, fd_);
-            close(saved_);
-            saved_ = -1;
-        }
-        if (file_ != nullptr) {
-            rewind(file_);
-            char buf[4096];
-            size_t n;
-            while ((n = fread(buf, 1, sizeof(buf), file_)) > 0) {
-                text.append(buf, n);
-            }
-            fclose(file_);
-            file_ = nullptr;
-        }
-        return text;
-    }
-
-  private:
-    int fd_;
-    int saved_ = -1;
-    FILE *file_ = nullptr;
-};
-
 Output Capture(const std::function<void()> &fn) {
     fflush(stdout);
     fflush(stderr);
-    FdRedirect err(STDERR_FILENO);
-    FdRedirect out(STDOUT_FILENO);
+    lapitest::StderrCapture err;
+    lapitest::StdoutCapture out;
     fn();
-    fflush(stdout);
     Output o;
-    o.out = out.Restore();
-    o.err = err.Restore();
+    o.out = out.Stop();
+    o.err = err.Stop();
     return o;
 }
 

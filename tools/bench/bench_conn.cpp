@@ -219,47 +219,46 @@ std::vector<uint8_t> MakeClientMsg(uint16_t msgId, const void *body, size_t len,
     return out;
 }
 
-bool Handshake(const std::string &sockPath, uint32_t service, uint32_t pid, BenchClient *c,
-               int timeoutMs, std::string *err) {
-    if (!c->sync.Connect(sockPath, err)) {
-        return false;
-    }
-    std::vector<uint8_t> reg = MakeClientMsg(LAPI_REGISTER_REQ, &service, sizeof(service), pid);
-    if (!c->sync.SendAll(reg.data(), reg.size(), timeoutMs, err)) {
-        *err = "registerReq: " + *err;
-        return false;
-    }
-    Msg m;
-    if (!c->sync.WaitMsg(&m, timeoutMs, err)) {
-        *err = "registerRsp: " + *err;
-        return false;
-    }
-    if (m.msgId != LAPI_REGISTER_RSP || m.msgLen != LAPI_REGISTER_RSP_LEN) {
-        *err = "registerReq answered with msgId " + std::to_string(m.msgId) + ", msgLen " +
-               std::to_string(m.msgLen);
-        return false;
-    }
-    memcpy(&c->globalId, m.body, sizeof(c->globalId));
+namespace {
 
-    if (!c->async.Connect(sockPath, err)) {
+/* One step of the handshake on a connected conn: the request reqId with its
+ * 4-byte body, then its answer, which must be rspId with msgLen rspLen. The
+ * errors name the request (reqName) or its answer (rspName). */
+bool HandshakeStep(Conn &conn, uint16_t reqId, const char *reqName, uint32_t body, uint32_t pid,
+                   uint16_t rspId, uint16_t rspLen, const char *rspName, int timeoutMs, Msg *m,
+                   std::string *err) {
+    std::vector<uint8_t> req = MakeClientMsg(reqId, &body, sizeof(body), pid);
+    if (!conn.SendAll(req.data(), req.size(), timeoutMs, err)) {
+        *err = std::string(reqName) + ": " + *err;
         return false;
     }
-    std::vector<uint8_t> att =
-        MakeClientMsg(LAPI_GET_ASYNC_FD_REQ, &c->globalId, sizeof(c->globalId), pid);
-    if (!c->async.SendAll(att.data(), att.size(), timeoutMs, err)) {
-        *err = "getAsyncFdReq: " + *err;
+    if (!conn.WaitMsg(m, timeoutMs, err)) {
+        *err = std::string(rspName) + ": " + *err;
         return false;
     }
-    if (!c->async.WaitMsg(&m, timeoutMs, err)) {
-        *err = "getAsyncFdRsp: " + *err;
-        return false;
-    }
-    if (m.msgId != LAPI_GET_ASYNC_FD_RSP || m.msgLen != LAPI_GET_ASYNC_FD_RSP_LEN) {
-        *err = "getAsyncFdReq answered with msgId " + std::to_string(m.msgId) + ", msgLen " +
-               std::to_string(m.msgLen);
+    if (m->msgId != rspId || m->msgLen != rspLen) {
+        *err = std::string(reqName) + " answered with msgId " + std::to_string(m->msgId) +
+               ", msgLen " + std::to_string(m->msgLen);
         return false;
     }
     return true;
+}
+
+}  // namespace
+
+bool Handshake(const std::string &sockPath, uint32_t service, uint32_t pid, BenchClient *c,
+               int timeoutMs, std::string *err) {
+    Msg m;
+    if (!c->sync.Connect(sockPath, err) ||
+        !HandshakeStep(c->sync, LAPI_REGISTER_REQ, "registerReq", service, pid, LAPI_REGISTER_RSP,
+                       LAPI_REGISTER_RSP_LEN, "registerRsp", timeoutMs, &m, err)) {
+        return false;
+    }
+    memcpy(&c->globalId, m.body, sizeof(c->globalId));
+    return c->async.Connect(sockPath, err) &&
+           HandshakeStep(c->async, LAPI_GET_ASYNC_FD_REQ, "getAsyncFdReq", c->globalId, pid,
+                         LAPI_GET_ASYNC_FD_RSP, LAPI_GET_ASYNC_FD_RSP_LEN, "getAsyncFdRsp",
+                         timeoutMs, &m, err);
 }
 
 }  // namespace bench

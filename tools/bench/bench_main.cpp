@@ -926,6 +926,27 @@ std::string JsonNum(double v) {
     return buf;
 }
 
+/* The figures v[side][k] (named names[k]) of the server and of the relay,
+ * each with its count countName, then their ratios: the members
+ * , "server": {...}, "relay": {...}, "ratio": {...} of a point. */
+template <size_t N>
+std::string JsonSides(const double (&v)[2][N], const char *const (&names)[N], const char *countName,
+                      const int (&count)[2]) {
+    std::string j;
+    for (int s = 0; s < 3; ++s) {
+        j += std::string(", \"") + (s < 2 ? kSideName[s] : "ratio") + "\": {";
+        for (size_t k = 0; k < N; ++k) {
+            double val = s < 2 ? v[s][k] : Ratio(v[0][k], v[1][k]);
+            j += std::string(k ? ", " : "") + "\"" + names[k] + "\": " + JsonNum(val);
+        }
+        if (s < 2) {
+            j += std::string(", \"") + countName + "\": " + std::to_string(count[s]);
+        }
+        j += "}";
+    }
+    return j;
+}
+
 std::string Json(const Bench &b, const Machine &m) {
     std::string j = "{\n";
     j += "  \"machine\": {\"cores\": " + std::to_string(m.cores) + ", \"cpu\": " + JsonStr(m.cpu) +
@@ -951,18 +972,7 @@ std::string Json(const Bench &b, const Machine &m) {
         }
         const char *names[5] = {"first_p50_us", "first_p99_us", "last_p50_us", "last_p99_us",
                                 "cpu_us_per_broadcast"};
-        for (int s = 0; s < 3; ++s) {
-            j += std::string(", \"") + (s < 2 ? kSideName[s] : "ratio") + "\": {";
-            for (int k = 0; k < 5; ++k) {
-                double val = s < 2 ? v[s][k] : Ratio(v[0][k], v[1][k]);
-                j += std::string(k ? ", " : "") + "\"" + names[k] + "\": " + JsonNum(val);
-            }
-            if (s < 2) {
-                j += ", \"lost\": " + std::to_string(p.side[s].lost);
-            }
-            j += "}";
-        }
-        j += "}";
+        j += JsonSides(v, names, "lost", {p.side[0].lost, p.side[1].lost}) + "}";
     }
     j += "\n  ],\n  \"roundtrips\": [";
     for (size_t i = 0; i < b.rt.size(); ++i) {
@@ -977,18 +987,7 @@ std::string Json(const Bench &b, const Machine &m) {
             v[s][2] = x.ok ? PercentileUs(x.lat, 99) : NAN;
         }
         const char *names[3] = {"per_second", "p50_us", "p99_us"};
-        for (int s = 0; s < 3; ++s) {
-            j += std::string(", \"") + (s < 2 ? kSideName[s] : "ratio") + "\": {";
-            for (int k = 0; k < 3; ++k) {
-                double val = s < 2 ? v[s][k] : Ratio(v[0][k], v[1][k]);
-                j += std::string(k ? ", " : "") + "\"" + names[k] + "\": " + JsonNum(val);
-            }
-            if (s < 2) {
-                j += ", \"refused\": " + std::to_string(p.side[s].errors);
-            }
-            j += "}";
-        }
-        j += "}";
+        j += JsonSides(v, names, "refused", {p.side[0].errors, p.side[1].errors}) + "}";
     }
     j += "\n  ],\n  \"memory\": [";
     for (size_t i = 0; i < b.mem.size(); ++i) {

@@ -62,6 +62,14 @@ void AddPair(Record &r, uint8_t sessionId, uint8_t transactionId) {
     r.Int("sessionId", sessionId).Int("transactionId", transactionId);
 }
 
+/* A record whose first fields are the message's session and transaction. */
+template <typename Msg>
+Record PairRecord(const std::string &type, const char *title, const Msg &m) {
+    Record r(type, title);
+    AddPair(r, m.sessionId, m.transactionId);
+    return r;
+}
+
 template <typename Fix>
 void AddFix(Record &r, const Fix &m) {
     r.Double("latitude", m.latitude, "%.7f")
@@ -238,8 +246,7 @@ Record MessageRecord(const lapi_msg &msg) {
     switch (msg.msgId) {
         case LAPI_GET_LOCATION_RSP: {
             const GetLocationRsp &m = msg.u.getLocationRsp;
-            Record r(type, "Location fix");
-            AddPair(r, m.sessionId, m.transactionId);
+            Record r = PairRecord(type, "Location fix", m);
             AddFix(r, m);
             r.Int("cause", m.cause).Uint("ageOfFix", m.ageOfFix);
             size_t n = std::min<size_t>(m.nmeaDataLength, LAPI_MAX_NMEA_LEN);
@@ -262,35 +269,29 @@ Record MessageRecord(const lapi_msg &msg) {
         }
         case LAPI_ABORT_LOCATION_RSP: {
             const AbortLocationRsp &m = msg.u.abortLocationRsp;
-            Record r(type, "Location request aborted");
-            AddPair(r, m.sessionId, m.transactionId);
-            return r.Int("result", m.result).Str("conn", conn);
+            return PairRecord(type, "Location request aborted", m)
+                .Int("result", m.result)
+                .Str("conn", conn);
         }
-        case LAPI_TIME_OUT_RSP: {
-            const TimeOutRsp &m = msg.u.timeOutRsp;
-            Record r(type, "The server timed the request out");
-            AddPair(r, m.sessionId, m.transactionId);
-            return r.Str("conn", conn);
-        }
-        case LAPI_INVALID_REQUEST_RSP: {
-            const InvalidRequestRsp &m = msg.u.invalidRequestRsp;
-            Record r(type, "The server refused the request as invalid");
-            AddPair(r, m.sessionId, m.transactionId);
-            return r.Str("conn", conn);
-        }
+        case LAPI_TIME_OUT_RSP:
+            return PairRecord(type, "The server timed the request out", msg.u.timeOutRsp)
+                .Str("conn", conn);
+        case LAPI_INVALID_REQUEST_RSP:
+            return PairRecord(type, "The server refused the request as invalid",
+                              msg.u.invalidRequestRsp)
+                .Str("conn", conn);
         case LAPI_GET_GPS_DB_DATA_RSP: {
             const GetGpsDbDataRsp &m = msg.u.getGpsDbDataRsp;
-            Record r(type, "Assistance data");
-            AddPair(r, m.sessionId, m.transactionId);
+            Record r = PairRecord(type, "Assistance data", m);
             r.Int("numFiles", m.numFiles);
             AddDbFiles(r, m.numFiles, m.dbFile);
             return r.Int("result", m.result).Str("conn", conn);
         }
         case LAPI_SET_GPS_DB_DATA_RSP: {
             const SetGpsDbDataRsp &m = msg.u.setGpsDbDataRsp;
-            Record r(type, "Assistance data written");
-            AddPair(r, m.sessionId, m.transactionId);
-            return r.Int("result", m.result).Str("conn", conn);
+            return PairRecord(type, "Assistance data written", m)
+                .Int("result", m.result)
+                .Str("conn", conn);
         }
         case LAPI_GET_STATUS_RSP:
         case LAPI_STATUS_CHANGE_IND: {
@@ -301,8 +302,7 @@ Record MessageRecord(const lapi_msg &msg) {
         }
         case LAPI_LOCATION_NOTIFICATION_IND: {
             const LocationNotificationInd &m = msg.u.locationNotificationInd;
-            Record r(type, "Network location request");
-            AddPair(r, m.sessionId, m.transactionId);
+            Record r = PairRecord(type, "Network location request", m);
             r.Int("notificationType", m.notificationType)
                 .Int("locationType", m.locationType)
                 .Int("dataCodingSchema", m.dataCodingSchema);
@@ -319,34 +319,32 @@ Record MessageRecord(const lapi_msg &msg) {
         }
         case LAPI_NOTIFICATION_STATUS_IND: {
             const NotificationStatusInd &m = msg.u.notificationStatusInd;
-            Record r(type, "Network location request status");
-            AddPair(r, m.sessionId, m.transactionId);
-            return r.Int("cause", m.cause).Str("conn", conn);
+            return PairRecord(type, "Network location request status", m)
+                .Int("cause", m.cause)
+                .Str("conn", conn);
         }
         case LAPI_DISTANCE_AZIMUTH_RSP: {
             const DistanceAzimuthRsp &m = msg.u.distanceAzimuthRsp;
-            Record r(type, "Distance and azimuth");
-            AddPair(r, m.sessionId, m.transactionId);
-            return r.Double("distance", m.distance, "%.3f")
+            return PairRecord(type, "Distance and azimuth", m)
+                .Double("distance", m.distance, "%.3f")
                 .Double("azimuth", m.azimuth, "%.3f")
                 .Str("conn", conn);
         }
         case LAPI_ADD_PROXIMITY_RSP: {
             const AddProximityRsp &m = msg.u.addProximityRsp;
-            Record r(type, "Proximity area added");
-            AddPair(r, m.sessionId, m.transactionId);
-            return r.Int("status", m.status).Str("conn", conn);
+            return PairRecord(type, "Proximity area added", m)
+                .Int("status", m.status)
+                .Str("conn", conn);
         }
         case LAPI_REMOVE_PROXIMITY_RSP: {
             const RemoveProximityRsp &m = msg.u.removeProximityRsp;
-            Record r(type, "Proximity area removed");
-            AddPair(r, m.sessionId, m.transactionId);
-            return r.Int("status", m.status).Str("conn", conn);
+            return PairRecord(type, "Proximity area removed", m)
+                .Int("status", m.status)
+                .Str("conn", conn);
         }
         case LAPI_PROXIMITY_HIT_IND: {
             const ProximityHitInd &m = msg.u.proximityHitInd;
-            Record r(type, "Proximity area reached");
-            AddPair(r, m.sessionId, m.transactionId);
+            Record r = PairRecord(type, "Proximity area reached", m);
             AddFix(r, m);
             return r.Uint("ageOfFix", m.ageOfFix).Str("conn", conn);
         }

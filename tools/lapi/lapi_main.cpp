@@ -394,6 +394,26 @@ int StopByInterrupt(int rc) {
     return rc == kInterrupted ? kExitServerError : rc;
 }
 
+/* One request of the command's pair on a new connection: send makes the
+ * library call (reqName names the request when it cannot go out), then the
+ * wait for its answer answerId, defaultMs unless --timeout says otherwise.
+ * kExitOk with the answer in *pMsg, or the command's exit status. */
+template <typename Send>
+int Request(const Ctx &ctx, ClientPtr &client, const char *reqName, Send send, int answerId,
+            int defaultMs, lapi_msg *pMsg) {
+    int rc = Open(ctx, LAPI_SERVICE_BASIC, client);
+    if (rc != kExitOk) {
+        return rc;
+    }
+    rc = send(client.get());
+    if (rc != LAPI_OK) {
+        return SendFailed(ctx, rc, reqName);
+    }
+    rc = WaitAnswer(ctx, client.get(), {answerId}, ctx.sid, ctx.tid, TimeoutOr(ctx, defaultMs),
+                    pMsg);
+    return rc != kExitOk ? StopByInterrupt(rc) : kExitOk;
+}
+
 /* ---- commands ---- */
 
 int RunLocate(Ctx &ctx, const Args &args) {
@@ -498,38 +518,30 @@ int RunLocate(Ctx &ctx, const Args &args) {
 
 int RunLast(Ctx &ctx, const Args &) {
     ClientPtr client;
-    int rc = Open(ctx, LAPI_SERVICE_BASIC, client);
+    lapi_msg msg;
+    int rc = Request(
+        ctx, client, "lastKnownLocationReq",
+        [&](lapi_client *pClient) {
+            return lapi_last_known_location(pClient, ctx.mode, ctx.sid, ctx.tid);
+        },
+        LAPI_GET_LOCATION_RSP, 12000, &msg);
     if (rc != kExitOk) {
         return rc;
-    }
-    rc = lapi_last_known_location(client.get(), ctx.mode, ctx.sid, ctx.tid);
-    if (rc != LAPI_OK) {
-        return SendFailed(ctx, rc, "lastKnownLocationReq");
-    }
-    lapi_msg msg;
-    rc = WaitAnswer(ctx, client.get(), {LAPI_GET_LOCATION_RSP}, ctx.sid, ctx.tid,
-                    TimeoutOr(ctx, 12000), &msg);
-    if (rc != kExitOk) {
-        return StopByInterrupt(rc);
     }
     return PrintAnswer(ctx, msg, 0);
 }
 
 int RunAbort(Ctx &ctx, const Args &) {
     ClientPtr client;
-    int rc = Open(ctx, LAPI_SERVICE_BASIC, client);
+    lapi_msg msg;
+    int rc = Request(
+        ctx, client, "abortLocationReq",
+        [&](lapi_client *pClient) {
+            return lapi_abort_location(pClient, ctx.mode, ctx.sid, ctx.tid);
+        },
+        LAPI_ABORT_LOCATION_RSP, 12000, &msg);
     if (rc != kExitOk) {
         return rc;
-    }
-    rc = lapi_abort_location(client.get(), ctx.mode, ctx.sid, ctx.tid);
-    if (rc != LAPI_OK) {
-        return SendFailed(ctx, rc, "abortLocationReq");
-    }
-    lapi_msg msg;
-    rc = WaitAnswer(ctx, client.get(), {LAPI_ABORT_LOCATION_RSP}, ctx.sid, ctx.tid,
-                    TimeoutOr(ctx, 12000), &msg);
-    if (rc != kExitOk) {
-        return StopByInterrupt(rc);
     }
     return PrintAnswer(ctx, msg, msg.u.abortLocationRsp.result);
 }
@@ -560,19 +572,13 @@ int RunAbortAll(Ctx &ctx, const Args &) {
 
 int RunStatus(Ctx &ctx, const Args &) {
     ClientPtr client;
-    int rc = Open(ctx, LAPI_SERVICE_BASIC, client);
+    lapi_msg msg;
+    int rc = Request(
+        ctx, client, "getStatusReq",
+        [&](lapi_client *pClient) { return lapi_get_status(pClient, ctx.mode, ctx.sid, ctx.tid); },
+        LAPI_GET_STATUS_RSP, 12000, &msg);
     if (rc != kExitOk) {
         return rc;
-    }
-    rc = lapi_get_status(client.get(), ctx.mode, ctx.sid, ctx.tid);
-    if (rc != LAPI_OK) {
-        return SendFailed(ctx, rc, "getStatusReq");
-    }
-    lapi_msg msg;
-    rc = WaitAnswer(ctx, client.get(), {LAPI_GET_STATUS_RSP}, ctx.sid, ctx.tid,
-                    TimeoutOr(ctx, 12000), &msg);
-    if (rc != kExitOk) {
-        return StopByInterrupt(rc);
     }
     return PrintAnswer(ctx, msg, 0);
 }
@@ -673,20 +679,16 @@ int RunDbGet(Ctx &ctx, const Args &args) {
         return UsageError(ctx, "FILEID wants a number: '" + args.pos[0] + "'");
     }
     ClientPtr client;
-    int rc = Open(ctx, LAPI_SERVICE_BASIC, client);
+    lapi_msg msg;
+    int rc = Request(
+        ctx, client, "getGpsDbDataReq",
+        [&](lapi_client *pClient) {
+            return lapi_get_gps_db_data(pClient, ctx.mode, ctx.sid, ctx.tid,
+                                        static_cast<uint32_t>(fileId));
+        },
+        LAPI_GET_GPS_DB_DATA_RSP, 17000, &msg);
     if (rc != kExitOk) {
         return rc;
-    }
-    rc = lapi_get_gps_db_data(client.get(), ctx.mode, ctx.sid, ctx.tid,
-                              static_cast<uint32_t>(fileId));
-    if (rc != LAPI_OK) {
-        return SendFailed(ctx, rc, "getGpsDbDataReq");
-    }
-    lapi_msg msg;
-    rc = WaitAnswer(ctx, client.get(), {LAPI_GET_GPS_DB_DATA_RSP}, ctx.sid, ctx.tid,
-                    TimeoutOr(ctx, 17000), &msg);
-    if (rc != kExitOk) {
-        return StopByInterrupt(rc);
     }
     return PrintAnswer(ctx, msg, msg.u.getGpsDbDataRsp.result);
 }
@@ -747,20 +749,16 @@ int RunDbSet(Ctx &ctx, const Args &args) {
         }
     }
     ClientPtr client;
-    int rc = Open(ctx, LAPI_SERVICE_BASIC, client);
+    lapi_msg msg;
+    int rc = Request(
+        ctx, client, "setGpsDbDataReq",
+        [&](lapi_client *pClient) {
+            return lapi_set_gps_db_data(pClient, ctx.mode, ctx.sid, ctx.tid, files,
+                                        static_cast<uint16_t>(args.pos.size()));
+        },
+        LAPI_SET_GPS_DB_DATA_RSP, 17000, &msg);
     if (rc != kExitOk) {
         return rc;
-    }
-    rc = lapi_set_gps_db_data(client.get(), ctx.mode, ctx.sid, ctx.tid, files,
-                              static_cast<uint16_t>(args.pos.size()));
-    if (rc != LAPI_OK) {
-        return SendFailed(ctx, rc, "setGpsDbDataReq");
-    }
-    lapi_msg msg;
-    rc = WaitAnswer(ctx, client.get(), {LAPI_SET_GPS_DB_DATA_RSP}, ctx.sid, ctx.tid,
-                    TimeoutOr(ctx, 17000), &msg);
-    if (rc != kExitOk) {
-        return StopByInterrupt(rc);
     }
     return PrintAnswer(ctx, msg, msg.u.setGpsDbDataRsp.result);
 }
@@ -788,20 +786,16 @@ int RunDistance(Ctx &ctx, const Args &args) {
         }
     }
     ClientPtr client;
-    int rc = Open(ctx, LAPI_SERVICE_BASIC, client);
+    lapi_msg msg;
+    int rc = Request(
+        ctx, client, "distanceAzimuthReq",
+        [&](lapi_client *pClient) {
+            return lapi_distance_azimuth(pClient, ctx.mode, ctx.sid, ctx.tid, c[0], c[1], c[2],
+                                         c[3], args.Has("distance-only") ? 1 : 0);
+        },
+        LAPI_DISTANCE_AZIMUTH_RSP, 17000, &msg);
     if (rc != kExitOk) {
         return rc;
-    }
-    rc = lapi_distance_azimuth(client.get(), ctx.mode, ctx.sid, ctx.tid, c[0], c[1], c[2], c[3],
-                               args.Has("distance-only") ? 1 : 0);
-    if (rc != LAPI_OK) {
-        return SendFailed(ctx, rc, "distanceAzimuthReq");
-    }
-    lapi_msg msg;
-    rc = WaitAnswer(ctx, client.get(), {LAPI_DISTANCE_AZIMUTH_RSP}, ctx.sid, ctx.tid,
-                    TimeoutOr(ctx, 17000), &msg);
-    if (rc != kExitOk) {
-        return StopByInterrupt(rc);
     }
     return PrintAnswer(ctx, msg, 0);
 }
@@ -833,19 +827,16 @@ int RunGeofenceAdd(Ctx &ctx, const Args &args) {
         }
     }
     ClientPtr client;
-    int rc = Open(ctx, LAPI_SERVICE_BASIC, client);
+    lapi_msg msg;
+    int rc = Request(
+        ctx, client, "addProximityReq",
+        [&](lapi_client *pClient) {
+            return lapi_add_proximity(pClient, ctx.mode, ctx.sid, ctx.tid, lat, lon, altitude,
+                                      radius);
+        },
+        LAPI_ADD_PROXIMITY_RSP, 17000, &msg);
     if (rc != kExitOk) {
         return rc;
-    }
-    rc = lapi_add_proximity(client.get(), ctx.mode, ctx.sid, ctx.tid, lat, lon, altitude, radius);
-    if (rc != LAPI_OK) {
-        return SendFailed(ctx, rc, "addProximityReq");
-    }
-    lapi_msg msg;
-    rc = WaitAnswer(ctx, client.get(), {LAPI_ADD_PROXIMITY_RSP}, ctx.sid, ctx.tid,
-                    TimeoutOr(ctx, 17000), &msg);
-    if (rc != kExitOk) {
-        return StopByInterrupt(rc);
     }
     int status = PrintAnswer(ctx, msg, msg.u.addProximityRsp.status);
     if (status != kExitOk || !args.Has("wait-hit")) {
@@ -869,20 +860,16 @@ int RunGeofenceAdd(Ctx &ctx, const Args &args) {
 
 int RunGeofenceRemove(Ctx &ctx, bool all) {
     ClientPtr client;
-    int rc = Open(ctx, LAPI_SERVICE_BASIC, client);
+    lapi_msg msg;
+    int rc = Request(
+        ctx, client, "removeProximityReq",
+        [&](lapi_client *pClient) {
+            return all ? lapi_remove_all_proximity(pClient, ctx.mode, ctx.sid, ctx.tid)
+                       : lapi_remove_proximity(pClient, ctx.mode, ctx.sid, ctx.tid);
+        },
+        LAPI_REMOVE_PROXIMITY_RSP, 12000, &msg);
     if (rc != kExitOk) {
         return rc;
-    }
-    rc = all ? lapi_remove_all_proximity(client.get(), ctx.mode, ctx.sid, ctx.tid)
-             : lapi_remove_proximity(client.get(), ctx.mode, ctx.sid, ctx.tid);
-    if (rc != LAPI_OK) {
-        return SendFailed(ctx, rc, "removeProximityReq");
-    }
-    lapi_msg msg;
-    rc = WaitAnswer(ctx, client.get(), {LAPI_REMOVE_PROXIMITY_RSP}, ctx.sid, ctx.tid,
-                    TimeoutOr(ctx, 12000), &msg);
-    if (rc != kExitOk) {
-        return StopByInterrupt(rc);
     }
     return PrintAnswer(ctx, msg, msg.u.removeProximityRsp.status);
 }

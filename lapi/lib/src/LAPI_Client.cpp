@@ -332,12 +332,18 @@ int SendRequest(lapi_client *pClient, const Msg &msg) {
     return SendAll(pClient, LAPI_CONN_SYNC, &msg, sizeof(msg));
 }
 
-/* The request prefix: mode and the client's own pair. */
+/* A zeroed request with its header and its prefix (mode and the client's
+ * own pair) filled in. */
 template <typename Msg>
-void FillPrefix(Msg &msg, uint16_t mode, uint8_t sessionId, uint8_t transactionId) {
+Msg PrefixRequest(const lapi_client *pClient, uint16_t msgId, uint16_t msgLen, uint16_t mode,
+                  uint8_t sessionId, uint8_t transactionId) {
+    Msg msg;
+    memset(&msg, 0, sizeof(msg));
+    FillHeader(pClient, &msg.header, msgId, msgLen);
     msg.mode = mode;
     msg.sessionId = sessionId;
     msg.transactionId = transactionId;
+    return msg;
 }
 
 int EffectiveTimeout(int timeoutMs) {
@@ -583,10 +589,9 @@ extern "C" int lapi_get_location(lapi_client *pClient, const lapi_location_param
     if (pClient == nullptr || pParams == nullptr) {
         return LAPI_E_INVAL;
     }
-    GetLocationReq req;
-    memset(&req, 0, sizeof(req));
-    FillHeader(pClient, &req.header, LAPI_GET_LOCATION_REQ, LAPI_GET_LOCATION_REQ_LEN);
-    FillPrefix(req, pParams->mode, pParams->sessionId, pParams->transactionId);
+    GetLocationReq req =
+        PrefixRequest<GetLocationReq>(pClient, LAPI_GET_LOCATION_REQ, LAPI_GET_LOCATION_REQ_LEN,
+                                      pParams->mode, pParams->sessionId, pParams->transactionId);
     req.responseTime = pParams->responseTime;
     req.horizontalAccuracy = pParams->horizontalAccuracy;
     req.verticalAccuracy = pParams->verticalAccuracy;
@@ -606,11 +611,9 @@ extern "C" int lapi_abort_location(lapi_client *pClient, uint16_t mode, uint8_t 
     if (pClient == nullptr) {
         return LAPI_E_INVAL;
     }
-    AbortLocationReq req;
-    memset(&req, 0, sizeof(req));
-    FillHeader(pClient, &req.header, LAPI_ABORT_LOCATION_REQ, LAPI_ABORT_LOCATION_REQ_LEN);
-    FillPrefix(req, mode, sessionId, transactionId);
-    return SendRequest(pClient, req);
+    return SendRequest(pClient, PrefixRequest<AbortLocationReq>(pClient, LAPI_ABORT_LOCATION_REQ,
+                                                                LAPI_ABORT_LOCATION_REQ_LEN, mode,
+                                                                sessionId, transactionId));
 }
 
 extern "C" int lapi_abort_all_location(lapi_client *pClient) {
@@ -628,12 +631,10 @@ extern "C" int lapi_last_known_location(lapi_client *pClient, uint16_t mode, uin
     if (pClient == nullptr) {
         return LAPI_E_INVAL;
     }
-    LastKnownLocationReq req;
-    memset(&req, 0, sizeof(req));
-    FillHeader(pClient, &req.header, LAPI_LAST_KNOWN_LOCATION_REQ,
-               LAPI_LAST_KNOWN_LOCATION_REQ_LEN);
-    FillPrefix(req, mode, sessionId, transactionId);
-    return SendRequest(pClient, req);
+    return SendRequest(pClient,
+                       PrefixRequest<LastKnownLocationReq>(pClient, LAPI_LAST_KNOWN_LOCATION_REQ,
+                                                           LAPI_LAST_KNOWN_LOCATION_REQ_LEN, mode,
+                                                           sessionId, transactionId));
 }
 
 extern "C" int lapi_get_gps_db_data(lapi_client *pClient, uint16_t mode, uint8_t sessionId,
@@ -641,10 +642,9 @@ extern "C" int lapi_get_gps_db_data(lapi_client *pClient, uint16_t mode, uint8_t
     if (pClient == nullptr) {
         return LAPI_E_INVAL;
     }
-    GetGpsDbDataReq req;
-    memset(&req, 0, sizeof(req));
-    FillHeader(pClient, &req.header, LAPI_GET_GPS_DB_DATA_REQ, LAPI_GET_GPS_DB_DATA_REQ_LEN);
-    FillPrefix(req, mode, sessionId, transactionId);
+    GetGpsDbDataReq req = PrefixRequest<GetGpsDbDataReq>(pClient, LAPI_GET_GPS_DB_DATA_REQ,
+                                                         LAPI_GET_GPS_DB_DATA_REQ_LEN, mode,
+                                                         sessionId, transactionId);
     req.fileId = fileId;
     return SendRequest(pClient, req);
 }
@@ -655,10 +655,9 @@ extern "C" int lapi_set_gps_db_data(lapi_client *pClient, uint16_t mode, uint8_t
     if (pClient == nullptr || numFiles > LAPI_MAX_DB_FILES || (pFiles == nullptr && numFiles > 0)) {
         return LAPI_E_INVAL;
     }
-    SetGpsDbDataReq req;
-    memset(&req, 0, sizeof(req));
-    FillHeader(pClient, &req.header, LAPI_SET_GPS_DB_DATA_REQ, LAPI_SET_GPS_DB_DATA_REQ_LEN);
-    FillPrefix(req, mode, sessionId, transactionId);
+    SetGpsDbDataReq req = PrefixRequest<SetGpsDbDataReq>(pClient, LAPI_SET_GPS_DB_DATA_REQ,
+                                                         LAPI_SET_GPS_DB_DATA_REQ_LEN, mode,
+                                                         sessionId, transactionId);
     req.numFiles = numFiles;
     for (uint16_t i = 0; i < numFiles; ++i) {
         /* The server copies `length` bytes from the entry's data field; a
@@ -678,11 +677,9 @@ extern "C" int lapi_get_status(lapi_client *pClient, uint16_t mode, uint8_t sess
     if (pClient == nullptr) {
         return LAPI_E_INVAL;
     }
-    GetStatusReq req;
-    memset(&req, 0, sizeof(req));
-    FillHeader(pClient, &req.header, LAPI_GET_STATUS_REQ, LAPI_GET_STATUS_REQ_LEN);
-    FillPrefix(req, mode, sessionId, transactionId);
-    return SendRequest(pClient, req);
+    return SendRequest(
+        pClient, PrefixRequest<GetStatusReq>(pClient, LAPI_GET_STATUS_REQ, LAPI_GET_STATUS_REQ_LEN,
+                                             mode, sessionId, transactionId));
 }
 
 extern "C" int lapi_location_notification_cfm(lapi_client *pClient, uint8_t sessionId,
@@ -706,10 +703,9 @@ extern "C" int lapi_distance_azimuth(lapi_client *pClient, uint16_t mode, uint8_
     if (pClient == nullptr) {
         return LAPI_E_INVAL;
     }
-    DistanceAzimuthReq req;
-    memset(&req, 0, sizeof(req));
-    FillHeader(pClient, &req.header, LAPI_DISTANCE_AZIMUTH_REQ, LAPI_DISTANCE_AZIMUTH_REQ_LEN);
-    FillPrefix(req, mode, sessionId, transactionId);
+    DistanceAzimuthReq req = PrefixRequest<DistanceAzimuthReq>(pClient, LAPI_DISTANCE_AZIMUTH_REQ,
+                                                               LAPI_DISTANCE_AZIMUTH_REQ_LEN, mode,
+                                                               sessionId, transactionId);
     req.latitude1 = latitude1;
     req.longitude1 = longitude1;
     req.latitude2 = latitude2;
@@ -724,10 +720,9 @@ extern "C" int lapi_add_proximity(lapi_client *pClient, uint16_t mode, uint8_t s
     if (pClient == nullptr) {
         return LAPI_E_INVAL;
     }
-    AddProximityReq req;
-    memset(&req, 0, sizeof(req));
-    FillHeader(pClient, &req.header, LAPI_ADD_PROXIMITY_REQ, LAPI_ADD_PROXIMITY_REQ_LEN);
-    FillPrefix(req, mode, sessionId, transactionId);
+    AddProximityReq req =
+        PrefixRequest<AddProximityReq>(pClient, LAPI_ADD_PROXIMITY_REQ, LAPI_ADD_PROXIMITY_REQ_LEN,
+                                       mode, sessionId, transactionId);
     req.latitude = latitude;
     req.longitude = longitude;
     req.altitude = altitude;
@@ -742,10 +737,9 @@ int RemoveProximity(lapi_client *pClient, uint16_t mode, uint8_t sessionId, uint
     if (pClient == nullptr) {
         return LAPI_E_INVAL;
     }
-    RemoveProximityReq req;
-    memset(&req, 0, sizeof(req));
-    FillHeader(pClient, &req.header, LAPI_REMOVE_PROXIMITY_REQ, LAPI_REMOVE_PROXIMITY_REQ_LEN);
-    FillPrefix(req, mode, sessionId, transactionId);
+    RemoveProximityReq req = PrefixRequest<RemoveProximityReq>(pClient, LAPI_REMOVE_PROXIMITY_REQ,
+                                                               LAPI_REMOVE_PROXIMITY_REQ_LEN, mode,
+                                                               sessionId, transactionId);
     req.removeType = removeType;
     return SendRequest(pClient, req);
 }
