@@ -19,6 +19,7 @@
 
 #include "LAPI_Msg.h"
 #include "ServerFixture.h"
+#include "TestClient.h"
 
 namespace {
 
@@ -30,6 +31,7 @@ using lapitest::ServerOptions;
 using lapitest::ServerProcess;
 using lapitest::Stream;
 using lapitest::TempRoot;
+using lapitest::TestClient;
 
 constexpr const char kSock[] = "/tmp/lapisock";
 constexpr const char kPidFile[] = "/tmp/lapi.pid";
@@ -186,6 +188,29 @@ TEST_F(Daemon, SigtermExitsZeroRemovesPidFileAndKeepsSocket) {
     EXPECT_TRUE(S_ISSOCK(st.st_mode));
     /* Nobody listens any more. */
     EXPECT_LT(ConnectUnix(root_.Path(kSock)), 0);
+}
+
+TEST_F(Daemon, SigtermRemovesEveryClientAndClosesItsConnections) {
+    ServerProcess srv(root_);
+    ASSERT_TRUE(srv.StartAndWaitReady());
+    /* Pids of our own choosing, so that the trace names exactly these. */
+    const uint32_t pids[] = {43210, 43211};
+    TestClient first(root_.Dir(), pids[0]);
+    TestClient second(root_.Dir(), pids[1]);
+    /* One on the status broadcast list, one on the MT-LR list. */
+    ASSERT_TRUE(first.Handshake(4));
+    ASSERT_TRUE(second.Handshake(2));
+
+    EXPECT_EQ(0, srv.Stop());
+    for (uint32_t pid : pids) {
+        EXPECT_TRUE(srv.WaitForTrace("remove client, pid = " + std::to_string(pid), 2000))
+            << "pid " << pid;
+    }
+    for (TestClient *pClient : {&first, &second}) {
+        EXPECT_TRUE(pClient->Sync().IsClosedByPeer(2000)) << "pid " << pClient->Pid();
+        EXPECT_TRUE(pClient->Async().IsClosedByPeer(2000)) << "pid " << pClient->Pid();
+    }
+    EXPECT_FALSE(root_.Exists(kPidFile));
 }
 
 TEST_F(Daemon, SigfpeAndSigsegvAlsoExitZero) {

@@ -619,6 +619,32 @@ TEST_F(ApMsgProcReq, SetGpsDbDataAcceptedOnlyWithMsgLen226) {
     EXPECT_EQ((Bytes{0x04, 2, 1, 0, 0}), bp[0]);
 }
 
+TEST_F(ApMsgProcReq, SetGpsDbDataWithMsgLenFittingNumFilesRefusedAndClientRemoved) {
+    /* One entry is 16 bytes of body (prefix, numFiles, one dbFile); the
+     * length is fixed all the same, and a refused request closes the client. */
+    LAPI_SRV_InitApMsgProc();
+    FakeClient c = h.AddClient();
+    Bytes msg = ToBytes(MakeSetDbReq(1));
+    const uint16_t len = 16;
+    msg.resize(sizeof(MsgHeader) + len);
+    memcpy(msg.data() + 6, &len, sizeof(len));
+    ASSERT_EQ(static_cast<ssize_t>(msg.size()), write(c.syncPeer, msg.data(), msg.size()));
+    StderrCapture cap;
+    LAPI_SRV_SockReadProcAfterRegister(c.pClient->pSyncFdops);
+    EXPECT_TRUE(cap.HasError("Wrong set location state msg length: 16, pid is: 4321!"))
+        << cap.Text();
+    EXPECT_TRUE(cap.HasTrace("remove client, pid = 4321")) << cap.Text();
+    EXPECT_TRUE(List_IsEmpty(&LAPI_SRV_allClientList));
+    EXPECT_EQ(0u, h.TranCount());
+    EXPECT_TRUE(h.BpMsgs().empty());
+    /* Both connections are closed: their peers read the end of the stream. */
+    for (int peer : {c.syncPeer, c.asyncPeer}) {
+        ASSERT_EQ(0, fcntl(peer, F_SETFL, O_NONBLOCK));
+        char byte;
+        EXPECT_EQ(0, read(peer, &byte, 1)) << "peer " << peer << " still open";
+    }
+}
+
 TEST_F(ApMsgProcReq, GetStatusSendsRequestWithFiveSecondDeadline) {
     FakeClient c = h.AddClient();
     auto req = MakePrefixReq<GetStatusReq>(LAPI_GET_STATUS_REQ, 1, 2);

@@ -247,6 +247,39 @@ TEST_F(BpMsgProcRsp, PeriodicRequestReceivesEveryReportOnSameTransaction) {
     EXPECT_TRUE(cap.HasError("Transaction timeout or not exist, sid: 2, tid: 1!"));
 }
 
+TEST_F(BpMsgProcRsp, PeriodicRequestThatExpiresIsAbortedAndTakesNoMoreReports) {
+    FakeClient c = h.AddClient();
+    Transaction *pTran = StartGetLocation(c, 5, 6, 0, LAPI_REPORT_PERIODIC);
+    const uint8_t sid = pTran->sid;
+    const uint8_t tid = pTran->tid;
+    CallBp(LAPI_SRV_ProcBpGetLocationRspMsg, MakeBpLocationRsp(sid, tid));
+    ASSERT_EQ(1u, c.AsyncMsgs().size());
+    ASSERT_EQ(1u, h.TranCount());
+
+    /* Its sixty days are over: the next scan stops it at the BP. */
+    pTran->expireTime = static_cast<int32_t>(static_cast<uint32_t>(LAPI_SRV_Times()) - 1);
+    LAPI_SRV_ScanTranList(nullptr);
+    std::vector<Bytes> bp = h.BpMsgs();
+    ASSERT_EQ(1u, bp.size());
+    EXPECT_EQ((Bytes{GEOLOCATION_ABORT_APBP_REQ, sid, tid}), bp[0]);
+    ASSERT_EQ(1u, h.TranCount());
+    EXPECT_EQ(pTran, h.Trans()[0]);
+    EXPECT_EQ(GEOLOCATION_ABORT_APBP_REQ, pTran->subCmdId);
+    EXPECT_TRUE(c.SyncMsgs().empty());
+    EXPECT_TRUE(c.AsyncMsgs().empty());
+
+    /* A report still on its way is refused and reaches nobody. */
+    StderrCapture cap;
+    CallBp(LAPI_SRV_ProcBpGetLocationRspMsg, MakeBpLocationRsp(sid, tid));
+    EXPECT_TRUE(cap.HasError("Received getLocationRsp BP Msg not expected, sid: " +
+                             std::to_string(sid) + ", tid: " + std::to_string(tid) + "!"))
+        << cap.Text();
+    EXPECT_TRUE(c.SyncMsgs().empty());
+    EXPECT_TRUE(c.AsyncMsgs().empty());
+    ASSERT_EQ(1u, h.TranCount());
+    EXPECT_EQ(GEOLOCATION_ABORT_APBP_REQ, h.Trans()[0]->subCmdId);
+}
+
 TEST_F(BpMsgProcRsp, LastKnownAnsweredByLocationResponseOnce) {
     FakeClient c = h.AddClient();
     Transaction *pTran = StartPrefixReq<LastKnownLocationReq>(

@@ -3,6 +3,7 @@
  */
 #include <errno.h>
 #include <fcntl.h>
+#include <grp.h>
 #include <signal.h>
 #include <sys/file.h>
 #include <sys/stat.h>
@@ -107,6 +108,47 @@ TEST_F(PidFile, PidThatRefusesSignalsBlocks) {
      * a privileged one succeeds: a running server either way. */
     Write("1\n");
     EXPECT_EQ(1, GetRunningServerPid());
+}
+
+TEST_F(PidFile, PidThatRefusesSignalWithEpermBlocks) {
+    /* An unprivileged guard asks about a process of another user: kill with
+     * signal 0 fails with EPERM, yet the process exists and counts as a
+     * running server. The guard runs in a child that drops to "nobody"; the
+     * child reports through its exit status. */
+    enum : int { kBlocked = 0, kNoDrop = 10, kNoEperm = 11, kUnreadable = 12, kNotBlocked = 13 };
+    const pid_t owner = getpid(); /* root-owned and alive while the child runs */
+    Write(std::to_string(owner) + "\n");
+    ASSERT_EQ(0, chmod(root_.Dir().c_str(), 0755));
+    ASSERT_EQ(0, chmod(path_.c_str(), 0644));
+
+    pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        if (setgroups(0, nullptr) != 0 || setgid(65534) != 0 || setuid(65534) != 0) {
+            _exit(kNoDrop);
+        }
+        errno = 0;
+        if (kill(owner, 0) != -1 || errno != EPERM) {
+            _exit(kNoEperm);
+        }
+        if (GetPidFromFile() != owner) {
+            _exit(kUnreadable);
+        }
+        _exit(GetRunningServerPid() == owner ? kBlocked : kNotBlocked);
+    }
+    int status = 0;
+    ASSERT_EQ(child, waitpid(child, &status, 0));
+    ASSERT_TRUE(WIFEXITED(status)) << "status " << status;
+    switch (WEXITSTATUS(status)) {
+        case kNoDrop:
+            GTEST_SKIP() << "cannot switch to uid/gid 65534 (not running as root?)";
+        case kNoEperm:
+            GTEST_SKIP() << "kill(" << owner << ", 0) as uid 65534 did not fail with EPERM";
+        case kUnreadable:
+            FAIL() << "uid 65534 could not read the pid file " << path_;
+        default:
+            EXPECT_EQ(kBlocked, WEXITSTATUS(status)) << "a pid refused with EPERM did not block";
+    }
 }
 
 TEST_F(PidFile, ZeroPidDoesNotBlock) {
