@@ -738,6 +738,6 @@ void LAPI_SRV_ScanTranList(struct timeval *pTimeout) {
     }
     if (pTimeout != nullptr) {
         pTimeout->tv_sec = wait / LAPI_SRV_TICKS_PER_SEC;
-        pTimeout->tv_usec = (wait % LAPI_SRV_TICKS_PER_SEC) * 10000;
+        pTimeout->tv_usec = (wait % LAPI_SRV_TICKS_PER_SEC) * (1000000 / LAPI_SRV_TICKS_PER_SEC);
     }
 }

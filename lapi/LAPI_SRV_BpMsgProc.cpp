@@ -178,9 +178,6 @@ int LAPI_SRV_BpMsgParse(Fdops *pFdops) {
         /* A stale start from another buffer cannot be inside this one. */
         LAPI_SRV_ResetBpMsgParse();
     }
-    if (bpFrameStart >= 0 && bpFrameLen != -1 && len - bpFrameStart < bpFrameLen) {
-        return 0;
-    }
 
     /* A procedure may close the channel (a failed send to the BP), which
      * frees this buffer: stop touching it as soon as that happens. */
@@ -353,11 +350,6 @@ struct BpLogCursor {
     int length;
     int pos;
 };
-
-const char *BaseName(const char *path) {
-    const char *slash = strrchr(path, '/');
-    return slash ? slash + 1 : path;
-}
 
 void AppendText(BpLogLine *pLine, const char *fmt, ...) __attribute__((format(printf, 2, 3)));
 
@@ -611,7 +603,7 @@ void LAPI_LogBpGetLocationRsp(const uint8_t *pMsg, int length) {
         /* Only the NMEA bytes that the message really holds. */
         int shown = nmeaLen < cur.length - cur.pos ? nmeaLen : cur.length - cur.pos;
         LogField(&line, &cur, "nmeaData: ", shown);
-        printf("\n %s, %s, data_len:%d\n", BaseName(__FILE__), __func__, line.len);
+        printf("\n %s, %s, data_len:%d\n", LAPI_LogBaseName(__FILE__), __func__, line.len);
         fflush(stdout);
         AppendText(&line, "nmea end\n");
     }

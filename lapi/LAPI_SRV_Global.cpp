@@ -232,18 +232,6 @@ static bool FdInSetRange(int fd) {
     return fd >= 0 && fd < FD_SETSIZE;
 }
 
-/* Takes pFdops off pList if it is there; the bit is the caller's business. */
-static void RemoveFdopsFromList(List *pList, Fdops *pFdops) {
-    ListNode *pPos = List_GetHeadPos(pList);
-    while (pPos != nullptr) {
-        ListNode *pCur = pPos;
-        if (List_GetNext(pList, &pPos) == pFdops) {
-            List_RemoveAt(pList, pCur);
-            return;
-        }
-    }
-}
-
 void LAPI_SRV_AddFdopsReadList(Fdops *pFdops) {
     if (pFdops == nullptr) {
         return;
@@ -275,7 +263,7 @@ void LAPI_SRV_RemoveFdopsReadList(Fdops *pFdops) {
     if (pFdops->fd == maxReadFd) {
         maxReadFd--;
     }
-    RemoveFdopsFromList(&LAPI_SRV_readFdopsList, pFdops);
+    List_Remove(&LAPI_SRV_readFdopsList, pFdops);
     readListChanged = 1;
 }
 
@@ -309,7 +297,7 @@ void LAPI_SRV_RemoveFdopsWriteList(Fdops *pFdops) {
     if (pFdops->fd == maxWriteFd) {
         maxWriteFd--;
     }
-    RemoveFdopsFromList(&LAPI_SRV_writeFdopsList, pFdops);
+    List_Remove(&LAPI_SRV_writeFdopsList, pFdops);
     writeListChanged = 1;
 }
 

@@ -264,25 +264,16 @@ int TestOnePattern(uint8_t pat) {
 
 int LAPI_SRV_TestPackedStruct(uint8_t full) {
     static constexpr uint8_t kQuickPatterns[] = {0x3F, 0xAF};
+    /* The quick run tries two patterns, the full run every byte value. */
+    const int count = full == 0 ? static_cast<int>(sizeof(kQuickPatterns)) : 0x100;
     int result = 0;
-    if (full == 0) {
-        for (uint8_t pat : kQuickPatterns) {
-            if (LAPI_SRV_packedTestHook != nullptr) {
-                LAPI_SRV_packedTestHook(pat);
-            }
-            if (TestOnePattern(pat) != 0) {
-                result = -1;
-            }
+    for (int k = 0; k < count; ++k) {
+        uint8_t pat = full == 0 ? kQuickPatterns[k] : static_cast<uint8_t>(k);
+        if (LAPI_SRV_packedTestHook != nullptr) {
+            LAPI_SRV_packedTestHook(pat);
         }
-    } else {
-        for (int p = 0x00; p <= 0xFF; ++p) {
-            uint8_t pat = static_cast<uint8_t>(p);
-            if (LAPI_SRV_packedTestHook != nullptr) {
-                LAPI_SRV_packedTestHook(pat);
-            }
-            if (TestOnePattern(pat) != 0) {
-                result = -1;
-            }
+        if (TestOnePattern(pat) != 0) {
+            result = -1;
         }
     }
     return result;

@@ -11,11 +11,6 @@ int LAPI_traceEnabled = 1;
 
 namespace {
 
-const char *BaseName(const char *path) {
-    const char *slash = strrchr(path, '/');
-    return slash ? slash + 1 : path;
-}
-
 /* Writes the whole block, resuming after EINTR and short writes. */
 void WriteAll(const char *p, size_t n) {
     while (n > 0) {
@@ -33,6 +28,11 @@ void WriteAll(const char *p, size_t n) {
 
 }  // namespace
 
+extern "C" const char *LAPI_LogBaseName(const char *path) {
+    const char *slash = strrchr(path, '/');
+    return slash ? slash + 1 : path;
+}
+
 extern "C" void LAPI_LogLine(int side, int isError, const char *file, int line, const char *func,
                              const char *fmt, ...) {
     if (!isError && !LAPI_traceEnabled) {
@@ -48,10 +48,11 @@ extern "C" void LAPI_LogLine(int side, int isError, const char *file, int line, 
     char *heapBuf = nullptr;
 
     for (int pass = 0; pass < 2; ++pass) {
-        int head = isError ? snprintf(buf, cap, "{%d} %s:%d\tLAPI Error %s %s: ",
-                                      LAPI_LOG_LEVEL_ERROR, BaseName(file), line, who, func)
-                           : snprintf(buf, cap, "{%d} %s:%d, %s()\tLAPI %s : ",
-                                      LAPI_LOG_LEVEL_TRACE, BaseName(file), line, func, who);
+        int head = isError
+                       ? snprintf(buf, cap, "{%d} %s:%d\tLAPI Error %s %s: ", LAPI_LOG_LEVEL_ERROR,
+                                  LAPI_LogBaseName(file), line, who, func)
+                       : snprintf(buf, cap, "{%d} %s:%d, %s()\tLAPI %s : ", LAPI_LOG_LEVEL_TRACE,
+                                  LAPI_LogBaseName(file), line, func, who);
         if (head < 0) {
             break;
         }

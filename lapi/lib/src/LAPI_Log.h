@@ -25,6 +25,9 @@ enum {
 void LAPI_LogLine(int side, int isError, const char *file, int line, const char *func,
                   const char *fmt, ...) __attribute__((format(printf, 6, 7)));
 
+/* The file name after the last '/', as diagnostics show it. */
+const char *LAPI_LogBaseName(const char *path);
+
 /* When set to 0, trace lines are not written (errors still are). Tools and
  * benchmarks use it; the server itself never changes it. Default 1. */
 extern int LAPI_traceEnabled;

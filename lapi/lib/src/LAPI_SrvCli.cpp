@@ -120,11 +120,6 @@ void Begin(LogText *pText, const char *prefix, const MsgHeader &h, uint8_t side)
     pText->len += LAPI_LogApMsgHeader(&h, pText->buf + pText->len, side);
 }
 
-const char *BaseName(const char *path) {
-    const char *slash = strrchr(path, '/');
-    return slash ? slash + 1 : path;
-}
-
 int Min(int a, int b) {
     return a < b ? a : b;
 }
@@ -438,7 +433,7 @@ int LAPI_LogGetLocationRsp(const uint8_t *pMsg, uint8_t side) {
 
     char plain[256];
     int n = snprintf(plain, sizeof(plain), "\n %s, %s, pMsg->nmeaDataLength:%d\n",
-                     BaseName(__FILE__), __func__, m.nmeaDataLength);
+                     LAPI_LogBaseName(__FILE__), __func__, m.nmeaDataLength);
     if (n > 0) {
         fwrite(plain, 1, Min(n, static_cast<int>(sizeof(plain)) - 1), stdout);
         fflush(stdout);
