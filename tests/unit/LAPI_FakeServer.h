@@ -22,17 +22,13 @@
 #include <vector>
 
 #include "LAPI_Msg.h"
+#include "TestClient.h"
 
 namespace lapifake {
 
 using Bytes = std::vector<uint8_t>;
 
-template <typename T>
-Bytes Raw(const T &v) {
-    Bytes b(sizeof(T));
-    memcpy(b.data(), &v, sizeof(T));
-    return b;
-}
+using lapitest::ToBytes;
 
 /* A zeroed message with its header set (pid 0, as the server sends). */
 template <typename T>

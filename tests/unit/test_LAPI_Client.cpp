@@ -602,7 +602,7 @@ TEST(LapiClientRecv, ReassemblesMessageSentByteByByte) {
         rsp.transactionId = 8;
         rsp.distance = 1000.5;
         rsp.azimuth = 45.0;
-        Bytes b = lapifake::Raw(rsp);
+        Bytes b = lapifake::ToBytes(rsp);
         for (uint8_t byte : b) {
             lapifake::WriteAll(self.syncFd, &byte, 1);
             usleep(2000);
@@ -622,7 +622,7 @@ TEST(LapiClientRecv, PartialMessageIsKeptAcrossCalls) {
     std::atomic<int> step{0};
     Session s;
     ASSERT_TRUE(s.Open([&](Session &self) {
-        Bytes b = lapifake::Raw(Make<TimeOutRsp>(LAPI_TIME_OUT_RSP));
+        Bytes b = lapifake::ToBytes(Make<TimeOutRsp>(LAPI_TIME_OUT_RSP));
         lapifake::WriteAll(self.syncFd, b.data(), 5);
         step = 1;
         for (int i = 0; i < 10000 && step != 2; ++i) {
@@ -643,8 +643,8 @@ TEST(LapiClientRecv, PartialMessageIsKeptAcrossCalls) {
 TEST(LapiClientRecv, TakesOnlyOneMessageOutOfTheSocket) {
     Session s;
     ASSERT_TRUE(s.Open([](Session &self) {
-        Bytes b = lapifake::Raw(Make<TimeOutRsp>(LAPI_TIME_OUT_RSP));
-        Bytes second = lapifake::Raw(Make<InvalidRequestRsp>(LAPI_INVALID_REQUEST_RSP));
+        Bytes b = lapifake::ToBytes(Make<TimeOutRsp>(LAPI_TIME_OUT_RSP));
+        Bytes second = lapifake::ToBytes(Make<InvalidRequestRsp>(LAPI_INVALID_REQUEST_RSP));
         b.insert(b.end(), second.begin(), second.end());
         lapifake::WriteBytes(self.syncFd, b);
     }));
@@ -752,7 +752,7 @@ TEST(LapiClientRecv, OversizedLengthMakesTheClientUnusable) {
 TEST(LapiClientRecv, ServerGoingAwayMidMessageIsClosed) {
     Session s;
     ASSERT_TRUE(s.Open([](Session &self) {
-        Bytes b = lapifake::Raw(Make<GetLocationRsp>(LAPI_GET_LOCATION_RSP));
+        Bytes b = lapifake::ToBytes(Make<GetLocationRsp>(LAPI_GET_LOCATION_RSP));
         lapifake::WriteAll(self.syncFd, b.data(), 100);
         self.server.CloseAll();
     }));

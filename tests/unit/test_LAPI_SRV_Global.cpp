@@ -27,6 +27,7 @@ namespace {
 
 using Bytes = std::vector<uint8_t>;
 
+using lapitest::RecvPending;
 using lapitest::StderrCapture;
 
 size_t CountOf(const std::string &text, const std::string &what) {
@@ -88,20 +89,6 @@ void FillUntilEagain(int fd) {
     while (write(fd, &one, 1) > 0) {
     }
     ASSERT_EQ(errno, EAGAIN);
-}
-
-/* Reads fd until EAGAIN and returns the bytes. */
-Bytes Drain(int fd) {
-    Bytes out;
-    uint8_t buf[65536];
-    for (;;) {
-        ssize_t n = read(fd, buf, sizeof(buf));
-        if (n <= 0) {
-            break;
-        }
-        out.insert(out.end(), buf, buf + n);
-    }
-    return out;
 }
 
 Bytes Pattern(size_t n, uint8_t seed) {
@@ -859,7 +846,7 @@ TEST_F(GeneralWriteTest, MessageOfExactlyBufferLenIsWrittenWhole) {
     Bytes msg = Pattern(1024, 9);
     EXPECT_EQ(LAPI_SRV_GeneralWrite(pFdops, msg.data(), 1024), 0);
     EXPECT_EQ(pFdops->wbuf.idx, 0);
-    EXPECT_EQ(Drain(sp.b()), msg);
+    EXPECT_EQ(RecvPending(sp.b()), msg);
     EXPECT_FALSE(OnList(&LAPI_SRV_writeFdopsList, pFdops));
     DestroyFdops(pFdops);
 }
@@ -890,7 +877,7 @@ TEST_F(GeneralWriteTest, OneByteOverIsDroppedWithMsgSizeError) {
               std::string::npos)
         << err;
     EXPECT_EQ(pFdops->wbuf.idx, 0);
-    EXPECT_TRUE(Drain(sp.b()).empty());
+    EXPECT_TRUE(RecvPending(sp.b()).empty());
     EXPECT_FALSE(OnList(&LAPI_SRV_writeFdopsList, pFdops));
     DestroyFdops(pFdops);
 }
@@ -974,7 +961,7 @@ TEST_F(GeneralWriteTest, LargeWriteBufferShrinksAfterDirectWrite) {
     EXPECT_EQ(LAPI_SRV_GeneralWrite(pFdops, msg.data(), 100), 0);
     EXPECT_EQ(pFdops->wbuf.len, 1024);
     EXPECT_NE(pFdops->wbuf.buf, nullptr);
-    EXPECT_EQ(Drain(sp.b()), msg);
+    EXPECT_EQ(RecvPending(sp.b()), msg);
     DestroyFdops(pFdops);
 }
 
@@ -1031,13 +1018,13 @@ TEST_F(GeneralWriteProcTest, DrainsPendingBytesAndLeavesWriteList) {
     Bytes msg = Pattern(300, 5);
     EXPECT_EQ(LAPI_SRV_GeneralWrite(pFdops, msg.data(), 300), 0);
     ASSERT_TRUE(OnList(&LAPI_SRV_writeFdopsList, pFdops));
-    Drain(sp.b()); /* the filler */
+    RecvPending(sp.b()); /* the filler */
 
     LAPI_SRV_GeneralWriteProc(pFdops);
     EXPECT_EQ(pFdops->wbuf.idx, 0);
     EXPECT_FALSE(OnList(&LAPI_SRV_writeFdopsList, pFdops));
     EXPECT_FALSE(FD_ISSET(fd, &writeFdSet));
-    EXPECT_EQ(Drain(sp.b()), msg);
+    EXPECT_EQ(RecvPending(sp.b()), msg);
     DestroyFdops(pFdops);
 }
 
@@ -1067,7 +1054,7 @@ TEST_F(GeneralWriteProcTest, PartialWritesDeliverEveryByteInOrder) {
     ASSERT_LT(pFdops->wbuf.idx, 60000);
     EXPECT_TRUE(OnList(&LAPI_SRV_writeFdopsList, pFdops));
 
-    Bytes got = Drain(sp.b());
+    Bytes got = RecvPending(sp.b());
     int partialPasses = 0;
     for (int turn = 0; turn < 10000 && pFdops->wbuf.idx > 0; ++turn) {
         uint16_t before = pFdops->wbuf.idx;
@@ -1079,7 +1066,7 @@ TEST_F(GeneralWriteProcTest, PartialWritesDeliverEveryByteInOrder) {
             Bytes rest(pFdops->wbuf.buf, pFdops->wbuf.buf + pFdops->wbuf.idx);
             ASSERT_EQ(rest, Bytes(msg.begin() + static_cast<long>(sent), msg.end()));
         }
-        Bytes more = Drain(sp.b());
+        Bytes more = RecvPending(sp.b());
         got.insert(got.end(), more.begin(), more.end());
     }
     EXPECT_EQ(pFdops->wbuf.idx, 0);
@@ -1142,12 +1129,12 @@ TEST_F(MuxQueueTest, ThreeFramesLeaveInOrder) {
     /* Three separate chunks; nothing was merged into wbuf. */
     EXPECT_EQ(NodeCount(&LAPI_SRV_muxSendDataList), 3u);
     EXPECT_EQ(pMux->wbuf.idx, 700);
-    Drain(sp.b()); /* the filler */
+    RecvPending(sp.b()); /* the filler */
 
     for (const Bytes *pFrame : {&a, &b, &c, &d}) {
         ASSERT_TRUE(OnList(&LAPI_SRV_writeFdopsList, pMux));
         LAPI_SRV_GeneralWriteProc(pMux);
-        EXPECT_EQ(Drain(sp.b()), *pFrame); /* one frame per drained buffer */
+        EXPECT_EQ(RecvPending(sp.b()), *pFrame); /* one frame per drained buffer */
     }
     EXPECT_EQ(pMux->wbuf.idx, 0);
     EXPECT_TRUE(List_IsEmpty(&LAPI_SRV_muxSendDataList));
@@ -1163,12 +1150,12 @@ TEST_F(MuxQueueTest, NextChunkWaitsInWbufForTheNextWritableEvent) {
     Bytes a = Pattern(10, 1), b = Pattern(20, 2);
     LAPI_SRV_GeneralWrite(pMux, a.data(), 10);
     LAPI_SRV_GeneralWrite(pMux, b.data(), 20);
-    Drain(sp.b());
+    RecvPending(sp.b());
     LAPI_SRV_GeneralWriteProc(pMux);
     ASSERT_EQ(pMux->wbuf.idx, 20);
     EXPECT_EQ(Bytes(pMux->wbuf.buf, pMux->wbuf.buf + 20), b);
     EXPECT_TRUE(OnList(&LAPI_SRV_writeFdopsList, pMux));
-    EXPECT_EQ(Drain(sp.b()), a);
+    EXPECT_EQ(RecvPending(sp.b()), a);
 }
 
 TEST_F(MuxQueueTest, ChunkLongerThanMuxBufferIsRefused) {
@@ -1776,14 +1763,14 @@ TEST_F(SendTest, UnregisteredConnectionGivesMinusOneSilently) {
     EXPECT_EQ(LAPI_SRV_SendMsgToClient(nullptr, &byte, 1), -1);
     EXPECT_EQ(LAPI_SRV_SendMsgToClient(pFdops, &byte, 1), -1);
     EXPECT_EQ(cap.Stop(), "");
-    EXPECT_TRUE(Drain(PeerOf(0)).empty());
+    EXPECT_TRUE(RecvPending(PeerOf(0)).empty());
 }
 
 TEST_F(SendTest, MessageReachesTheClient) {
     Client *pClient = LAPI_SRV_CreateClient(10, 1, NewConnection());
     Bytes msg = Pattern(12, 3);
     EXPECT_EQ(LAPI_SRV_SendMsgToClient(pClient->pSyncFdops, msg.data(), 12), 0);
-    EXPECT_EQ(Drain(PeerOf(0)), msg);
+    EXPECT_EQ(RecvPending(PeerOf(0)), msg);
 }
 
 TEST_F(SendTest, FailedWriteLogsAndRemovesTheClientThroughCloseProc) {
@@ -1828,15 +1815,15 @@ TEST_F(BroadcastTest, GoesToTheAsyncConnectionOfEveryClientOnTheList) {
     NewFullClient(3, 6); /* 4, 5 */
     Bytes msg = Pattern(16, 7);
     EXPECT_EQ(LAPI_SRV_BroadcastMsgToStatusClient(msg.data(), 16), 0);
-    EXPECT_EQ(Drain(PeerOf(1)), msg);
-    EXPECT_EQ(Drain(PeerOf(5)), msg);
-    EXPECT_TRUE(Drain(PeerOf(0)).empty());
-    EXPECT_TRUE(Drain(PeerOf(3)).empty());
-    EXPECT_TRUE(Drain(PeerOf(4)).empty());
+    EXPECT_EQ(RecvPending(PeerOf(1)), msg);
+    EXPECT_EQ(RecvPending(PeerOf(5)), msg);
+    EXPECT_TRUE(RecvPending(PeerOf(0)).empty());
+    EXPECT_TRUE(RecvPending(PeerOf(3)).empty());
+    EXPECT_TRUE(RecvPending(PeerOf(4)).empty());
 
     EXPECT_EQ(LAPI_SRV_BroadcastMsgToMtlrClient(msg.data(), 16), 0);
-    EXPECT_EQ(Drain(PeerOf(5)), msg);
-    EXPECT_TRUE(Drain(PeerOf(1)).empty());
+    EXPECT_EQ(RecvPending(PeerOf(5)), msg);
+    EXPECT_TRUE(RecvPending(PeerOf(1)).empty());
 }
 
 TEST_F(BroadcastTest, FailureForOneClientDoesNotStopTheOthers) {
@@ -1850,8 +1837,8 @@ TEST_F(BroadcastTest, FailureForOneClientDoesNotStopTheOthers) {
     EXPECT_EQ(LAPI_SRV_BroadcastMsgToStatusClient(msg.data(), 9), -1);
     std::string err = cap.Stop();
     EXPECT_NE(err.find("Fail to send msg to client, pid is :1!"), std::string::npos) << err;
-    EXPECT_EQ(Drain(PeerOf(3)), msg);
-    EXPECT_EQ(Drain(PeerOf(5)), msg);
+    EXPECT_EQ(RecvPending(PeerOf(3)), msg);
+    EXPECT_EQ(RecvPending(PeerOf(5)), msg);
     /* The failed client was removed by its closeProc; the others stay. */
     EXPECT_EQ(NodeCount(&LAPI_SRV_statusClientList), 3u);
     EXPECT_TRUE(OnList(&LAPI_SRV_statusClientList, pB));

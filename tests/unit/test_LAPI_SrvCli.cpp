@@ -17,8 +17,11 @@
 
 #include "LAPI_SrvCli.h"
 #include "ServerFixture.h"
+#include "TestClient.h"
 
 namespace {
+
+using lapitest::ToBytes;
 
 /* What a call wrote to standard error and standard output. */
 struct Output {
@@ -42,13 +45,6 @@ Output Capture(const std::function<void()> &fn) {
 std::string NormalizeLines(const std::string &text) {
     static const std::regex kLine("LAPI_SrvCli\\.cpp:[0-9]+");
     return std::regex_replace(text, kLine, "LAPI_SrvCli.cpp:N");
-}
-
-template <typename T>
-std::vector<uint8_t> Wire(const T &msg) {
-    std::vector<uint8_t> b(sizeof(T));
-    std::memcpy(b.data(), &msg, sizeof(T));
-    return b;
 }
 
 MsgHeader Header(uint32_t pid, uint16_t msgId, uint16_t msgLen) {
@@ -236,7 +232,7 @@ TEST_F(SrvCliTest, MessageOf1024BytesIsStillDumped) {
     GetLocationRsp rsp;
     std::memset(&rsp, 0, sizeof(rsp));
     rsp.header = Header(0, LAPI_GET_LOCATION_RSP, LAPI_GET_LOCATION_RSP_LEN);
-    std::vector<uint8_t> msg = Wire(rsp);
+    std::vector<uint8_t> msg = ToBytes(rsp);
     msg.resize(1024, 0xee);
     std::string text;
     Output o = Capture([&] { LAPI_LogApMsg(msg.data(), 1024, 1); });
@@ -244,28 +240,28 @@ TEST_F(SrvCliTest, MessageOf1024BytesIsStillDumped) {
 }
 
 TEST_F(SrvCliTest, ServerMsgId14ReportedUnknown) {
-    std::vector<uint8_t> msg = Wire(Header(55, 14, 0));
+    std::vector<uint8_t> msg = ToBytes(Header(55, 14, 0));
     EXPECT_EQ(
         "{1} LAPI_SrvCli.cpp:N\tLAPI Error SRV LAPI_LogApMsg: Unknown msgId: 14, pid is: 55!\n",
         TraceOf(msg));
 }
 
 TEST_F(SrvCliTest, MsgId99ReportedUnknown) {
-    std::vector<uint8_t> msg = Wire(Header(0, 99, 0));
+    std::vector<uint8_t> msg = ToBytes(Header(0, 99, 0));
     EXPECT_EQ(
         "{1} LAPI_SrvCli.cpp:N\tLAPI Error SRV LAPI_LogApMsg: Unknown msgId: 99, pid is: 0!\n",
         TraceOf(msg));
 }
 
 TEST_F(SrvCliTest, ClientMsgId117ReportedUnknown) {
-    std::vector<uint8_t> msg = Wire(Header(42, 117, 0));
+    std::vector<uint8_t> msg = ToBytes(Header(42, 117, 0));
     EXPECT_EQ(
         "{1} LAPI_SrvCli.cpp:N\tLAPI Error SRV LAPI_LogApMsg: Unknown msgId: 117, pid is: 42!\n",
         TraceOf(msg));
 }
 
 TEST_F(SrvCliTest, MsgId65535ReportedUnknown) {
-    std::vector<uint8_t> msg = Wire(Header(1, 65535, 0));
+    std::vector<uint8_t> msg = ToBytes(Header(1, 65535, 0));
     EXPECT_EQ(
         "{1} LAPI_SrvCli.cpp:N\tLAPI Error SRV LAPI_LogApMsg: Unknown msgId: 65535, pid is: 1!\n",
         TraceOf(msg));
@@ -274,8 +270,8 @@ TEST_F(SrvCliTest, MsgId65535ReportedUnknown) {
 TEST_F(SrvCliTest, EmptyTableEntryReportsNoLogProcedure) {
     LAPI_srvMsgLogProcTable[LAPI_TIME_OUT_RSP] = nullptr;
     LAPI_cliMsgLogProcTable[LAPI_GET_STATUS_REQ - LAPI_CLI_MSG_BASE] = nullptr;
-    std::string a = TraceOf(Wire(Header(3, LAPI_TIME_OUT_RSP, 2)));
-    std::string b = TraceOf(Wire(Header(4, LAPI_GET_STATUS_REQ, 4)));
+    std::string a = TraceOf(ToBytes(Header(3, LAPI_TIME_OUT_RSP, 2)));
+    std::string b = TraceOf(ToBytes(Header(4, LAPI_GET_STATUS_REQ, 4)));
     EXPECT_EQ(
         "{1} LAPI_SrvCli.cpp:N\tLAPI Error SRV LAPI_LogApMsg: No log procedure for msgId: 2, pid "
         "is: 3!\n",
@@ -350,10 +346,7 @@ const ProcRow kRows[] = {
 };
 
 std::vector<uint8_t> ZeroMsg(uint16_t msgId, uint16_t msgLen, uint32_t pid = 0) {
-    std::vector<uint8_t> msg(sizeof(MsgHeader) + msgLen, 0);
-    MsgHeader h = Header(pid, msgId, msgLen);
-    std::memcpy(msg.data(), &h, sizeof(h));
-    return msg;
+    return lapitest::MakeMsg(msgId, std::vector<uint8_t>(msgLen, 0), pid);
 }
 
 TEST_F(SrvCliTest, ThirtyOneProceduresEachTraceTheirOwnPrefix) {
@@ -423,7 +416,7 @@ TEST_F(SrvCliTest, ProcedureReturnsCharactersOfTheText) {
     rsp.header = Header(0, LAPI_TIME_OUT_RSP, LAPI_TIME_OUT_RSP_LEN);
     rsp.sessionId = 5;
     rsp.transactionId = 7;
-    std::vector<uint8_t> msg = Wire(rsp);
+    std::vector<uint8_t> msg = ToBytes(rsp);
     int n = 0;
     Capture([&] { n = LAPI_LogTimeOutRsp(msg.data(), 1); });
     EXPECT_EQ(static_cast<int>(strlen("S->C timeOutRsp pid: 0, msgId: 2, msgLen: 2, sessionId: 5, "
@@ -442,7 +435,7 @@ TEST_F(SrvCliTest, RegisterRspTraceByteForByte) {
     EXPECT_EQ(
         "{5} LAPI_SrvCli.cpp:N, LAPI_LogRegisterRsp()\tLAPI SRV : S->C registerRsp pid: 0, "
         "msgId: 101, msgLen: 4, globalId: 305419896, 0x78563412, \n",
-        TraceOf(Wire(rsp)));
+        TraceOf(ToBytes(rsp)));
 }
 
 TEST_F(SrvCliTest, TimeOutRspTraceByteForByte) {
@@ -453,7 +446,7 @@ TEST_F(SrvCliTest, TimeOutRspTraceByteForByte) {
     EXPECT_EQ(
         "{5} LAPI_SrvCli.cpp:N, LAPI_LogTimeOutRsp()\tLAPI SRV : S->C timeOutRsp pid: 0, msgId: "
         "2, msgLen: 2, sessionId: 5, transactionId: 7, 0x0507, \n",
-        TraceOf(Wire(rsp)));
+        TraceOf(ToBytes(rsp)));
 }
 
 TEST_F(SrvCliTest, GetStatusRspTraceByteForByte) {
@@ -475,7 +468,7 @@ TEST_F(SrvCliTest, GetStatusRspTraceByteForByte) {
         "0x01000000, hwStatus: -1, 0xffffffff, fixStatus: 3, 0x03000000, emergencyStatus: 0, "
         "0x00000000, fixResultStatus.status: 4, 0x04000000, fixResultStatus.cause: 258, "
         "0x02010000, \n",
-        TraceOf(Wire(rsp)));
+        TraceOf(ToBytes(rsp)));
 }
 
 GetLocationRsp SampleLocationRsp() {
@@ -506,7 +499,7 @@ GetLocationRsp SampleLocationRsp() {
 
 TEST_F(SrvCliTest, GetLocationRspTraceByteForByteWithNmea) {
     GetLocationRsp rsp = SampleLocationRsp();
-    std::vector<uint8_t> msg = Wire(rsp);
+    std::vector<uint8_t> msg = ToBytes(rsp);
     Output o = Capture([&] { LAPI_LogApMsg(msg.data(), static_cast<int>(msg.size()), 1); });
     EXPECT_EQ(
         "{5} LAPI_SrvCli.cpp:N, LAPI_LogGetLocationRsp()\tLAPI SRV : S->C getLocationRsp pid: 0, "
@@ -531,7 +524,7 @@ TEST_F(SrvCliTest, GetLocationRspTraceByteForByteWithNmea) {
 
 TEST_F(SrvCliTest, GetLocationRspClientSideSaysCli) {
     GetLocationRsp rsp = SampleLocationRsp();
-    std::vector<uint8_t> msg = Wire(rsp);
+    std::vector<uint8_t> msg = ToBytes(rsp);
     Output o = Capture([&] { LAPI_LogApMsg(msg.data(), static_cast<int>(msg.size()), 0); });
     EXPECT_EQ(0u, o.err.find("{5} LAPI_SrvCli.cpp:"));
     EXPECT_NE(std::string::npos,
@@ -542,7 +535,7 @@ TEST_F(SrvCliTest, GetLocationRspClientSideSaysCli) {
 TEST_F(SrvCliTest, GetLocationRspZeroNmeaLengthContributesNoHex) {
     GetLocationRsp rsp = SampleLocationRsp();
     rsp.nmeaDataLength = 0;
-    std::vector<uint8_t> msg = Wire(rsp);
+    std::vector<uint8_t> msg = ToBytes(rsp);
     Output o = Capture([&] { LAPI_LogApMsg(msg.data(), static_cast<int>(msg.size()), 1); });
     std::string err = NormalizeLines(o.err);
     EXPECT_EQ(0u, err.find(kHexError)) << err;
@@ -555,7 +548,7 @@ TEST_F(SrvCliTest, GetLocationRspNmeaLengthAbove906IsCutTo906) {
     GetLocationRsp rsp = SampleLocationRsp();
     std::memset(rsp.nmeaData, 'N', sizeof(rsp.nmeaData));
     rsp.nmeaDataLength = 65535;
-    std::vector<uint8_t> msg = Wire(rsp);
+    std::vector<uint8_t> msg = ToBytes(rsp);
     Output o = Capture([&] { LAPI_LogApMsg(msg.data(), static_cast<int>(msg.size()), 1); });
     std::string text(906, 'N');
     std::string hex;
@@ -570,7 +563,7 @@ TEST_F(SrvCliTest, GetLocationRspNmeaLengthAbove906IsCutTo906) {
 TEST_F(SrvCliTest, GetLocationRspTextStopsAtNulInNmea) {
     GetLocationRsp rsp = SampleLocationRsp();
     rsp.nmeaData[3] = '\0';
-    std::vector<uint8_t> msg = Wire(rsp);
+    std::vector<uint8_t> msg = ToBytes(rsp);
     Output o = Capture([&] { LAPI_LogApMsg(msg.data(), static_cast<int>(msg.size()), 1); });
     EXPECT_NE(std::string::npos,
               o.err.find("nmeaData: $GP, \nnmeaData: 0x244750004c4c2c412a3343, nmea end\n"));
@@ -587,7 +580,7 @@ TEST_F(SrvCliTest, RegisterReqTraceText) {
     EXPECT_EQ(
         "{5} LAPI_SrvCli.cpp:N, LAPI_LogRegisterReq()\tLAPI SRV : C->S registerReq pid: 4321, "
         "msgId: 100, msgLen: 4, service: 6, 0x06000000, \n",
-        TraceOf(Wire(req)));
+        TraceOf(ToBytes(req)));
 }
 
 TEST_F(SrvCliTest, GetLocationReqTraceText) {
@@ -616,7 +609,7 @@ TEST_F(SrvCliTest, GetLocationReqTraceText) {
         "interval: 5, 0x05000000, reportCriteria: 1, 0x01000000, costAllowed: 1, 0x01, "
         "addressInfoRequired: 0, 0x00, speedAndCourseRequired: 1, 0x01, altitudeRequired: 255, "
         "0xff, \n",
-        TraceOf(Wire(req)));
+        TraceOf(ToBytes(req)));
 }
 
 TEST_F(SrvCliTest, SetGpsDbDataReqNumFilesCutTo22AndDataTo4) {
@@ -629,7 +622,7 @@ TEST_F(SrvCliTest, SetGpsDbDataReqNumFilesCutTo22AndDataTo4) {
         req.dbFile[i].length = 9;
         std::memset(req.dbFile[i].data, 0x11, sizeof(req.dbFile[i].data));
     }
-    std::string text = TraceOf(Wire(req));
+    std::string text = TraceOf(ToBytes(req));
     EXPECT_NE(std::string::npos, text.find("numFiles: 300, 0x2c01, dbFile[0]: fileId: 0, "));
     EXPECT_NE(std::string::npos,
               text.find("dbFile[21]: fileId: 21, 0x15000000, length: 9, 0x0900, data: "
@@ -654,7 +647,7 @@ TEST_F(SrvCliTest, GetGpsDbDataRspEntriesThenResult) {
         "0, msgId: 4, msgLen: 228, sessionId: 1, transactionId: 1, 0x0101, numFiles: 1, 0x0100, "
         "dbFile[0]: fileId: 7, 0x07000000, length: 2, 0x0200, data: 0xabcd, result: 0, "
         "0x00000000, \n",
-        TraceOf(Wire(rsp)));
+        TraceOf(ToBytes(rsp)));
 }
 
 TEST_F(SrvCliTest, LocationNotificationIndLengthsCutToArrays) {
@@ -663,7 +656,7 @@ TEST_F(SrvCliTest, LocationNotificationIndLengthsCutToArrays) {
     ind.header = Header(0, LAPI_LOCATION_NOTIFICATION_IND, LAPI_LOCATION_NOTIFICATION_IND_LEN);
     ind.nameLength = 255;
     ind.addrLength = 200;
-    std::string text = TraceOf(Wire(ind));
+    std::string text = TraceOf(ToBytes(ind));
     std::string name = "0x";
     for (int i = 0; i < LAPI_CLIENT_NAME_LEN; i++) {
         name += "41";
@@ -686,7 +679,7 @@ TEST_F(SrvCliTest, LocationNotificationIndEmptyNameContributesNothing) {
     ind.addrLength = 2;
     ind.clientExternalAddr[0] = 0x31;
     ind.clientExternalAddr[1] = 0x32;
-    std::string text = TraceOf(Wire(ind));
+    std::string text = TraceOf(ToBytes(ind));
     EXPECT_EQ(std::string(kHexError) +
                   "{5} LAPI_SrvCli.cpp:N, LAPI_LogLocationNotificationInd()\tLAPI SRV : S->C "
                   "locationNotificationInd pid: 0, msgId: 8, msgLen: 303, sessionId: 9, "
@@ -702,7 +695,7 @@ TEST_F(SrvCliTest, ProximityHitIndAgeOfFixIsFourBytes) {
     ind.header = Header(0, LAPI_PROXIMITY_HIT_IND, LAPI_PROXIMITY_HIT_IND_LEN);
     ind.locationMethod = -2;
     ind.ageOfFix = 4000000000u;
-    std::string text = TraceOf(Wire(ind));
+    std::string text = TraceOf(ToBytes(ind));
     EXPECT_NE(std::string::npos,
               text.find("course: 0.000000000000000000000000000000e+00, 0x0000000000000000, "
                         "locationMethod: -2, 0xfeffffff, ageOfFix: 4000000000, 0x00286bee, \n"));
@@ -718,7 +711,7 @@ TEST_F(SrvCliTest, LocationNotificationCfmPrintsPairWithoutMode) {
         "{5} LAPI_SrvCli.cpp:N, LAPI_LogLocationNotificationCfm()\tLAPI SRV : C->S "
         "locationNotificationCfm pid: 88, msgId: 113, msgLen: 6, sessionId: 200, transactionId: "
         "201, 0xc8c9, responseType: 1, 0x01000000, \n",
-        TraceOf(Wire(cfm)));
+        TraceOf(ToBytes(cfm)));
 }
 
 TEST_F(SrvCliTest, ShortBufferReadsZerosNeverPastTheCopy) {
@@ -756,7 +749,7 @@ TEST_F(SrvCliTest, DoublesAreNotRoundedAwayAndNanIsPrinted) {
     rsp.transactionId = 0;
     rsp.distance = -1.0e308;
     rsp.azimuth = __builtin_nan("");
-    std::string text = TraceOf(Wire(rsp));
+    std::string text = TraceOf(ToBytes(rsp));
     EXPECT_NE(std::string::npos, text.find("distance: -1.000000000000000010979063629440e+308, "));
     EXPECT_NE(std::string::npos, text.find("azimuth: nan, 0x000000000000f87f, \n"));
 }
