@@ -234,9 +234,7 @@ void OnBpMsg(Relay *r, const uint8_t *msg, size_t len) {
         ind[8] = msg[1];
         ind[9] = msg[2];
         for (int i = 0; i < 8; ++i) {
-            const uint8_t *f = msg + LAPI_BP_MSG_HEADER_LEN + 4 * i;
-            int32_t v = static_cast<int32_t>((uint32_t{f[0]} << 24) | (uint32_t{f[1]} << 16) |
-                                             (uint32_t{f[2]} << 8) | f[3]);
+            int32_t v = static_cast<int32_t>(LAPI_BpGetU32(msg + LAPI_BP_MSG_HEADER_LEN + 4 * i));
             memcpy(ind + 10 + 4 * i, &v, sizeof(v));
         }
         for (int fd : r->statusFds) {

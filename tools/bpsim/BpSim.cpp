@@ -52,8 +52,7 @@ Bytes MakeFrame(const Bytes &msg) {
     Bytes frame;
     frame.reserve(frameLen);
     frame.push_back(LAPI_BP_FRAME_SYNC);
-    frame.push_back(static_cast<uint8_t>((frameLen >> 8) & 0xFF));
-    frame.push_back(static_cast<uint8_t>(frameLen & 0xFF));
+    PutU16(&frame, static_cast<uint16_t>(frameLen));
     frame.insert(frame.end(), msg.begin(), msg.end());
     frame.push_back(LAPI_BP_FRAME_TRAILER0);
     frame.push_back(LAPI_BP_FRAME_TRAILER1);
@@ -760,19 +759,18 @@ void Simulator::RunDueLocked(Clock::time_point now) {
 
 int Simulator::TimeoutLocked(int timeoutMs, Clock::time_point now) const {
     int t = timeoutMs;
-    for (const Delayed &d : delayed_) {
-        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(d.due - now).count();
+    auto until = [&](Clock::time_point due) {
+        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(due - now).count();
         int ms = left <= 0 ? 0 : static_cast<int>(std::min<long long>(left + 1, 1 << 30));
         if (t < 0 || ms < t) {
             t = ms;
         }
+    };
+    for (const Delayed &d : delayed_) {
+        until(d.due);
     }
     for (const Periodic &p : periodic_) {
-        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(p.due - now).count();
-        int ms = left <= 0 ? 0 : static_cast<int>(std::min<long long>(left + 1, 1 << 30));
-        if (t < 0 || ms < t) {
-            t = ms;
-        }
+        until(p.due);
     }
     if (hangup_ && (t < 0 || t > 20)) {
         /* The master reports a hang-up until the slave is opened again:
@@ -879,6 +877,18 @@ void Simulator::StopThread() {
     threadRunning_ = false;
 }
 
+void Simulator::WaitStepLocked(std::unique_lock<std::mutex> &lock, Clock::time_point now,
+                               Clock::time_point deadline) {
+    if (threadRunning_) {
+        cv_.wait_until(lock, deadline);
+        return;
+    }
+    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - now);
+    lock.unlock();
+    Poll(static_cast<int>(left.count()) + 1);
+    lock.lock();
+}
+
 std::optional<Message> Simulator::WaitFor(const Matcher &match, int timeoutMs) {
     auto deadline = Clock::now() + std::chrono::milliseconds(timeoutMs < 0 ? 0 : timeoutMs);
     std::unique_lock<std::mutex> lock(mu_);
@@ -894,14 +904,7 @@ std::optional<Message> Simulator::WaitFor(const Matcher &match, int timeoutMs) {
         if (now >= deadline || master_ < 0) {
             return std::nullopt;
         }
-        if (threadRunning_) {
-            cv_.wait_until(lock, deadline);
-        } else {
-            auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - now);
-            lock.unlock();
-            Poll(static_cast<int>(left.count()) + 1);
-            lock.lock();
-        }
+        WaitStepLocked(lock, now, deadline);
     }
 }
 
@@ -922,14 +925,7 @@ bool Simulator::StaysQuiet(int windowMs) {
         if (now >= deadline || master_ < 0) {
             break;
         }
-        if (threadRunning_) {
-            cv_.wait_until(lock, deadline);
-        } else {
-            auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - now);
-            lock.unlock();
-            Poll(static_cast<int>(left.count()) + 1);
-            lock.lock();
-        }
+        WaitStepLocked(lock, now, deadline);
     }
     return history_.size() == before;
 }

@@ -329,6 +329,11 @@ class Simulator {
     void FlushLocked();
     void RunDueLocked(Clock::time_point now);
     int TimeoutLocked(int timeoutMs, Clock::time_point now) const;
+    /* One wait of WaitFor/StaysQuiet, from now (before deadline) up to
+     * deadline: on the condition while the thread runs the loop, else by
+     * running one turn of it here. */
+    void WaitStepLocked(std::unique_lock<std::mutex> &lock, Clock::time_point now,
+                        Clock::time_point deadline);
     void Wake();
     void ThreadMain();
 
