@@ -2,7 +2,7 @@
 # build needs, but only when one of them is missing (a machine that has them
 # all does not touch the package lists).
 LAPI_DEPS=(cmake ninja-build g++ clang libclang-rt-14-dev libgtest-dev libgmock-dev
-           libssl-dev clang-format)
+           libssl-dev clang-format openssl)
 
 lapi_ensure_deps() {
     local missing=()
