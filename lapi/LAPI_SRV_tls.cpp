@@ -383,15 +383,25 @@ static int TlsReadSome(SocketInfo * /*pSocketInfo*/, uint8_t * /*pBuf*/, int /*r
     return -1;
 }
 
-int LAPI_SRV_CreateTlsSession(uint8_t /*sessionId*/, uint8_t /*transactionId*/, uint32_t /*linkId*/,
-                              const char * /*pFqdn*/, int /*fqdnLength*/) {
+int LAPI_SRV_CreateTlsSession(uint8_t /*sessionId*/, uint8_t /*transactionId*/, uint32_t linkId,
+                              const char * /*pFqdn*/, int fqdnLength) {
+    LAPI_SRV_TRACE("Entering SSLOpen ");
+    if (fqdnLength == 0) {
+        return LAPI_SRV_TLS_HANDSHAKE_FAILED; /* no answer at all */
+    }
+    if (GetSocketInfoByLinkId(linkId) == nullptr) {
+        LAPI_SRV_ERR("pSocketInfo == NULL");
+    }
     return LAPI_SRV_TLS_SETUP_FAILED;
 }
 
-void LAPI_SRV_CloseTlsSession(SocketInfo *pSocketInfo) {
-    if (pSocketInfo != nullptr) {
-        pSocketInfo->bIsTlsSession = 0;
+int LAPI_SRV_CloseTlsSession(SocketInfo *pSocketInfo) {
+    if (pSocketInfo == nullptr) {
+        LAPI_SRV_ERR("pSocketInfo NULL");
+        return -1;
     }
+    pSocketInfo->bIsTlsSession = 0;
+    return 0;
 }
 
 /* ==== END TLS STUB ==== */

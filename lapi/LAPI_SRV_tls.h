@@ -77,6 +77,7 @@ enum {
 };
 int LAPI_SRV_CreateTlsSession(uint8_t sessionId, uint8_t transactionId, uint32_t linkId,
                               const char *pFqdn, int fqdnLength);
-void LAPI_SRV_CloseTlsSession(SocketInfo *pSocketInfo);
+/* 0, or -1 for a null entry. */
+int LAPI_SRV_CloseTlsSession(SocketInfo *pSocketInfo);
 
 #endif /* LAPI_SRV_TLS_H */
