@@ -91,6 +91,11 @@ inline Bytes TlsReq(uint8_t sid, uint8_t tid, uint32_t linkId, const std::string
     return m;
 }
 
+/* Dispatches one BP message from an exact-size copy, as the channel does. */
+inline void Bp(const Bytes &msg) {
+    locsvc::CallBp(LAPI_SRV_ProcessBpMsg, msg);
+}
+
 /* SOCKET_MSG_RES_T as the BP receives it. */
 inline Bytes SocketRes(uint8_t subCmdId, uint8_t sid, uint8_t tid, uint32_t linkId,
                        int32_t result) {

@@ -26,6 +26,7 @@ namespace {
 
 using lapitest::StderrCapture;
 using lapitest::TcpPeer;
+using nettest::Bp;
 using nettest::Bytes;
 using nettest::CloseReq;
 using nettest::DataInd;
@@ -35,11 +36,6 @@ using nettest::OpenReqIpv4;
 using nettest::SendReq;
 using nettest::SocketRes;
 using nettest::TlsReq;
-
-/* Dispatches one BP message from an exact-size copy. */
-void Bp(const Bytes &msg) {
-    locsvc::CallBp(LAPI_SRV_ProcessBpMsg, msg);
-}
 
 Bytes Pattern(size_t n, uint8_t seed = 0) {
     Bytes b(n);

@@ -31,6 +31,7 @@ namespace {
 
 using lapitest::StderrCapture;
 using lapitest::TcpPeer;
+using nettest::Bp;
 using nettest::Bytes;
 using nettest::DataInd;
 using nettest::kLoopback;
@@ -39,10 +40,6 @@ using nettest::NetHarness;
 using nettest::OpenReqFqdn;
 using nettest::OpenReqIpv4;
 using nettest::SocketRes;
-
-void Bp(const Bytes &msg) {
-    locsvc::CallBp(LAPI_SRV_ProcessBpMsg, msg);
-}
 
 size_t Count(const std::vector<std::string> &lines, const std::string &text) {
     return static_cast<size_t>(std::count(lines.begin(), lines.end(), text));
