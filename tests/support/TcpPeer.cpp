@@ -220,8 +220,13 @@ uint16_t RefusedPort() {
 }
 
 size_t OpenFdCount() {
+    return OpenFdCountOf(-1);
+}
+
+size_t OpenFdCountOf(int pid) {
+    std::string dir = pid < 0 ? "/proc/self/fd" : "/proc/" + std::to_string(pid) + "/fd";
     size_t n = 0;
-    DIR *d = opendir("/proc/self/fd");
+    DIR *d = opendir(dir.c_str());
     if (d == nullptr) {
         return 0;
     }

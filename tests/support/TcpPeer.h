@@ -77,6 +77,8 @@ uint16_t RefusedPort();
 
 /* Descriptors this process holds open (entries of /proc/self/fd). */
 size_t OpenFdCount();
+/* Descriptors another process holds open (entries of /proc/PID/fd). */
+size_t OpenFdCountOf(int pid);
 
 }  // namespace lapitest
 

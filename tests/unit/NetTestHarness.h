@@ -26,6 +26,7 @@
 #include "LAPI_SRV_Paths.h"
 #include "LAPI_SRV_tls.h"
 #include "LocSvcTestHarness.h"
+#include "NapiFifo.h"
 #include "ServerFixture.h"
 #include "zelnapi.h"
 
@@ -114,18 +115,7 @@ inline Bytes DataInd(uint32_t linkId, const Bytes &data, int32_t result) {
     return m;
 }
 
-/* One notification record of any length (112 is the right one). */
-inline Bytes NapiRecord(uint16_t msgId, uint8_t linkId, const std::string &name = "AGPS",
-                        size_t length = NAPI_NOTIFY_MSG_LEN) {
-    NAPI_NOTIFY_MSG_S rec;
-    memset(&rec, 0, sizeof(rec));
-    rec.msgId = msgId;
-    rec.linkId = linkId;
-    strncpy(rec.name, name.c_str(), sizeof(rec.name) - 1);
-    Bytes b(reinterpret_cast<uint8_t *>(&rec), reinterpret_cast<uint8_t *>(&rec) + sizeof(rec));
-    b.resize(length, 0);
-    return b;
-}
+using lapitest::NapiRecord;
 
 class NetHarness : public locsvc::Harness {
   public:
@@ -174,15 +164,7 @@ class NetHarness : public locsvc::Harness {
     }
 
     /* Writes bytes into the link service's FIFO, as a tester does. */
-    bool WriteNapi(const Bytes &bytes) {
-        int fd = open(root_.Path("/run/napi.fifo").c_str(), O_WRONLY | O_NONBLOCK);
-        if (fd < 0) {
-            return false;
-        }
-        bool ok = write(fd, bytes.data(), bytes.size()) == static_cast<ssize_t>(bytes.size());
-        close(fd);
-        return ok;
-    }
+    bool WriteNapi(const Bytes &bytes) { return lapitest::WriteNapiFifo(root_, bytes); }
 
     /* One turn of the loop over the descriptors that are ready now (waiting
      * at most waitMs). */

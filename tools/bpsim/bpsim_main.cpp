@@ -25,11 +25,16 @@
  *   hit [SID TID]      send a proximity hit (default: the oldest area)
  *   report SID TID     send one location response with the fix
  *   areas              print the proximity areas the simulator holds
+ *   sockopen LINK HOST PORT   open a socket by IPv4 address or host name
+ *   socksend LINK HEX...      send bytes on it; socktext LINK TEXT: as text
+ *   sockclose LINK            close it
+ *   socktls LINK FQDN         ask for TLS on it
  *   quit               leave
  * Numbers are decimal except subCmdIds and data (hex).
  * Unless --quiet, every message is echoed on standard output as
- * "bpsim: recv HEX" or "bpsim: sent HEX". SIGTERM and SIGINT end it cleanly,
- * removing the link. One thread, one poll loop.
+ * "bpsim: recv HEX" or "bpsim: sent HEX". Every socket answer and received
+ * data indication is printed as "bpsim: socket ..." (also with --quiet). SIGTERM and SIGINT end it
+ * cleanly, removing the link. One thread, one poll loop.
  */
 #include <errno.h>
 #include <fcntl.h>
@@ -45,6 +50,7 @@
 #include <vector>
 
 #include "BpSim.h"
+#include "BpSimNet.h"
 
 namespace {
 
@@ -82,6 +88,20 @@ const char kHelp[] =
     "  areas            print the proximity areas the simulator holds\n"
     "  quit             leave\n"
     "Numbers are decimal except subCmdIds and data (hex).\n";
+
+/* The network side: the BP asking the server for TCP sockets. */
+const char kSocketHelp[] =
+    "\n"
+    "Network commands (the BP's sockets through the server):\n"
+    "  sockopen LINK HOST PORT  open socket LINK to HOST (IPv4 address or\n"
+    "                           host name) and PORT\n"
+    "  socksend LINK HEX...     send bytes on it\n"
+    "  socktext LINK TEXT       send the rest of the line as bytes\n"
+    "  sockclose LINK           close it\n"
+    "  socktls LINK FQDN        ask for TLS on it, checking the name FQDN\n"
+    "Every socket answer and received-data indication is printed as\n"
+    "  bpsim: socket open-rsp|send-rsp|close-rsp|tls-rsp sid S tid T link L result R\n"
+    "  bpsim: socket data link L len N result R [data HEX]\n";
 
 bool ParseDouble(const char *s, double *out) {
     char *end = nullptr;
@@ -295,6 +315,76 @@ bool RunLocationCommand(bpsim::Simulator *sim, const std::string &cmd, const std
     return true;
 }
 
+/* The network commands; false when cmd is not one of them. Each request
+ * gets session 1 and the next transaction id. */
+bool RunSocketCommand(bpsim::Simulator *sim, const std::string &cmd, const std::string &rest) {
+    static uint8_t nextTid = 1;
+    if (cmd != "sockopen" && cmd != "socksend" && cmd != "socktext" && cmd != "sockclose" &&
+        cmd != "socktls") {
+        return false;
+    }
+    std::istringstream args(rest);
+    std::vector<long> link;
+    if (!ParseInts(args, 1, 1, 4294967295L, &link)) {
+        fprintf(stderr, "bpsim: %s: LINK must be 1 to 4294967295\n", cmd.c_str());
+        return true;
+    }
+    const uint32_t linkId = static_cast<uint32_t>(link[0]);
+    const uint8_t tid = nextTid++;
+    std::optional<bpsim::Bytes> msg;
+    if (cmd == "sockopen") {
+        std::string host;
+        std::vector<long> port;
+        if (!(args >> host) || !ParseInts(args, 1, 0, 65535, &port)) {
+            fprintf(stderr, "bpsim: usage: sockopen LINK HOST PORT\n");
+            return true;
+        }
+        msg = bpsim::BuildOpenSocketReq(1, tid, linkId, host, static_cast<uint16_t>(port[0]));
+    } else if (cmd == "socksend" || cmd == "socktext") {
+        std::string data;
+        std::getline(args, data);
+        std::optional<bpsim::Bytes> bytes;
+        if (cmd == "socksend") {
+            bytes = bpsim::ParseHex(data);
+        } else if (data.size() > 1) {
+            bytes = bpsim::Bytes(data.begin() + 1, data.end()); /* after the one blank */
+        }
+        if (!bytes || bytes->empty() || bytes->size() > bpsim::kMaxSendData) {
+            fprintf(stderr, "bpsim: usage: %s LINK DATA (1 to %zu bytes)\n", cmd.c_str(),
+                    bpsim::kMaxSendData);
+            return true;
+        }
+        msg = bpsim::BuildSendDataReq(1, tid, linkId, *bytes);
+    } else if (cmd == "sockclose") {
+        msg = bpsim::BuildCloseSocketReq(1, tid, linkId);
+    } else {
+        std::string fqdn;
+        args >> fqdn;
+        msg = bpsim::BuildTlsSessionReq(1, tid, linkId, fqdn);
+    }
+    if (!msg) {
+        fprintf(stderr, "bpsim: %s: name longer than 255 bytes\n", cmd.c_str());
+    } else if (!sim->Send(*msg)) {
+        fprintf(stderr, "bpsim: cannot send\n");
+    }
+    return true;
+}
+
+/* Prints what the simulator received or sent: the raw echo unless quiet,
+ * and every socket answer and indication of the server. */
+void PrintTrace(bool quiet, const char *what, const bpsim::Bytes &bytes) {
+    if (!quiet) {
+        printf("bpsim: %s %s\n", what, bpsim::ToHex(bytes).c_str());
+    }
+    if (strcmp(what, "recv") == 0) {
+        auto m = bpsim::ParseSocketMsg(bpsim::Message{bytes});
+        if (m) {
+            printf("bpsim: socket %s\n", bpsim::DescribeSocketMsg(*m).c_str());
+        }
+    }
+    fflush(stdout);
+}
+
 /* One command line; false for "quit". */
 bool RunCommand(bpsim::Simulator *sim, const std::string &line) {
     std::istringstream in(line);
@@ -357,7 +447,7 @@ bool RunCommand(bpsim::Simulator *sim, const std::string &line) {
         sim->SetPolicy(subCmdId, policy);
         return true;
     }
-    if (RunLocationCommand(sim, cmd, rest)) {
+    if (RunLocationCommand(sim, cmd, rest) || RunSocketCommand(sim, cmd, rest)) {
         return true;
     }
     fprintf(stderr, "bpsim: unknown command: %s\n", cmd.c_str());
@@ -383,6 +473,7 @@ int main(int argc, char **argv) {
         if (arg == "--help" || arg == "-h") {
             fputs(kUsage, stdout);
             fputs(kHelp, stdout);
+            fputs(kSocketHelp, stdout);
             return 0;
         } else if (arg == "--quiet") {
             quiet = true;
@@ -429,12 +520,8 @@ int main(int argc, char **argv) {
     signal(SIGPIPE, SIG_IGN);
 
     bpsim::Simulator sim(options);
-    if (!quiet) {
-        sim.SetTrace([](const char *what, const bpsim::Bytes &bytes) {
-            printf("bpsim: %s %s\n", what, bpsim::ToHex(bytes).c_str());
-            fflush(stdout);
-        });
-    }
+    sim.SetTrace(
+        [quiet](const char *what, const bpsim::Bytes &bytes) { PrintTrace(quiet, what, bytes); });
     std::string error;
     if (!sim.Open(&error)) {
         fprintf(stderr, "bpsim: %s\n", error.c_str());
