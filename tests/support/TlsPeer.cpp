@@ -5,6 +5,7 @@
 #include <netinet/in.h>
 #include <signal.h>
 #include <stdlib.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -183,6 +184,8 @@ bool TlsServer::Start(int timeoutMs) {
         std::string accept = "127.0.0.1:" + std::to_string(port_);
         pid_ = fork();
         if (pid_ == 0) {
+            /* A test that dies does not leave its peer behind. */
+            prctl(PR_SET_PDEATHSIG, SIGTERM);
             int in = open("/dev/null", O_RDONLY);
             dup2(in, 0);
             dup2(outFd, 1);
