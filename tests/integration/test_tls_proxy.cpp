@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include <memory>
+#include <ostream>
 #include <optional>
 #include <string>
 #include <vector>
@@ -124,6 +125,11 @@ struct NameCase {
     const char *serverName;
     int result;
 };
+
+/* ctest shows the legend, not the bytes of the row. */
+void PrintTo(const NameCase &c, std::ostream *os) {
+    *os << c.legend;
+}
 
 LeafSpec SpecOf(const NameCase &c) {
     LeafSpec s;

@@ -20,6 +20,7 @@
 
 #include "HOST_Root.h"
 #include "ServerFixture.h"
+#include "TcpPeer.h"
 #include "TlsPeer.h"
 #include "zelcm.h"
 #include "zelssl.h"
@@ -263,13 +264,24 @@ TEST_F(ZelSslHost, HandshakeAtTls10WithAes128ShaThroughTheCallbacks) {
     Session s;
     ASSERT_TRUE(s.Connect(server.Port()));
     ASSERT_TRUE(s.Setup());
-    int waits = 0;
-    ASSERT_EQ(0, s.Handshake(&waits));
-    EXPECT_GT(waits, 0) << "a non-blocking handshake waits for the peer at least once";
+    ASSERT_EQ(0, s.Handshake());
     EXPECT_EQ(0x002F, TLSGetNegotiatedCipher(s.ctx()));
     EXPECT_EQ(0x0301, TLSGetProtocolVersion(s.ctx()));
     EXPECT_EQ(1, s.randomCalls);
     EXPECT_TRUE(server.WaitOutput("Protocol version: TLSv1"));
+}
+
+TEST_F(ZelSslHost, HandshakeWithASilentPeerWouldBlockInsteadOfWaiting) {
+    lapitest::TcpPeer peer(lapitest::TcpPeer::Mode::Sink);
+    ASSERT_TRUE(peer.ok());
+    Session s;
+    ASSERT_TRUE(s.Connect(peer.Port()));
+    ASSERT_TRUE(s.Setup());
+    int64_t start = lapitest::NowMs();
+    EXPECT_EQ(TLS_RESULT_WOULD_BLOCK, TLSHandshake(s.ctx()));
+    EXPECT_EQ(TLS_RESULT_WOULD_BLOCK, TLSHandshake(s.ctx()));
+    EXPECT_LT(lapitest::NowMs() - start, 2000);
+    EXPECT_TRUE(peer.WaitReceived(1, 3000)) << "the client hello went out";
 }
 
 TEST_F(ZelSslHost, ChainCallbackGetsThePeerCertificateInDerWithATrustedVerdict) {
