@@ -17,32 +17,6 @@ namespace lapitest {
 
 namespace {
 
-/* rcvBuf > 0: the receive buffer of every accepted connection, set before
- * listen so that the window is negotiated with it from the start. */
-int ListenLoopback(uint16_t *pPort, int rcvBuf = 0) {
-    int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (fd < 0) {
-        return -1;
-    }
-    int one = 1;
-    setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof(one));
-    if (rcvBuf > 0) {
-        setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &rcvBuf, sizeof(rcvBuf));
-    }
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    addr.sin_port = 0;
-    socklen_t len = sizeof(addr);
-    if (bind(fd, reinterpret_cast<sockaddr *>(&addr), sizeof(addr)) != 0 || listen(fd, 64) != 0 ||
-        getsockname(fd, reinterpret_cast<sockaddr *>(&addr), &len) != 0) {
-        close(fd);
-        return -1;
-    }
-    *pPort = ntohs(addr.sin_port);
-    return fd;
-}
-
 bool WriteAll(int fd, const uint8_t *p, size_t n) {
     while (n > 0) {
         ssize_t w = write(fd, p, n);
@@ -76,6 +50,30 @@ bool WaitUntil(Pred pred, int timeoutMs) {
 }
 
 }  // namespace
+
+int ListenLoopback(uint16_t *pPort, int rcvBuf) {
+    int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd < 0) {
+        return -1;
+    }
+    int one = 1;
+    setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof(one));
+    if (rcvBuf > 0) {
+        setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &rcvBuf, sizeof(rcvBuf));
+    }
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    addr.sin_port = 0;
+    socklen_t len = sizeof(addr);
+    if (bind(fd, reinterpret_cast<sockaddr *>(&addr), sizeof(addr)) != 0 || listen(fd, 64) != 0 ||
+        getsockname(fd, reinterpret_cast<sockaddr *>(&addr), &len) != 0) {
+        close(fd);
+        return -1;
+    }
+    *pPort = ntohs(addr.sin_port);
+    return fd;
+}
 
 TcpPeer::TcpPeer(Mode mode) : mode_(mode) {
     listenFd_ = ListenLoopback(&port_, mode == Mode::Sink ? kSinkRcvBuf : 0);

@@ -72,6 +72,12 @@ class TcpPeer {
     std::vector<uint8_t> received_;
 };
 
+/* A listening socket on 127.0.0.1 (port chosen by the kernel, *pPort);
+ * connections complete in its backlog, nobody accepts them. rcvBuf > 0: the
+ * receive buffer of every accepted connection, set before listen so that the
+ * window is negotiated with it from the start. The descriptor or -1. */
+int ListenLoopback(uint16_t *pPort, int rcvBuf = 0);
+
 /* A port of 127.0.0.1 on which nothing listens (bound once, then closed). */
 uint16_t RefusedPort();
 

@@ -212,6 +212,16 @@ TEST_F(BpSock, DataIndicationCarriesLengthDataAndResultWithItsTraces) {
     EXPECT_LT(at("frameLen:23"), static_cast<long>(t.size()));
 }
 
+TEST_F(BpSock, DataIndicationLongerThanOneFrameIsDiscarded) {
+    Bytes data(1005, 'd');
+    StderrCapture cap;
+    LAPI_SRV_SendSocketDataInd(0, 0, 5, 1005, data.data(), 0);
+    EXPECT_EQ(std::vector<std::string>{"Data length: 1005 > 1004, discard!"}, cap.Errors());
+    EXPECT_TRUE(h.BpRaw().empty());
+    LAPI_SRV_SendSocketDataInd(0, 0, 5, 1004, data.data(), 0);
+    EXPECT_EQ(LAPI_BP_FRAME_MAX_LEN, h.BpRaw().size()) << "1004 bytes fill a whole frame";
+}
+
 /* ---- open --------------------------------------------------------------- */
 
 TEST_F(BpSock, OpenByIpv4ConnectsAndAnswersResult0) {

@@ -4,7 +4,6 @@
  * connect and its completion, reading and writing a socket, and closing.
  */
 #include <arpa/inet.h>
-#include <errno.h>
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <stdlib.h>
@@ -69,7 +68,9 @@ class NetLink : public ::testing::Test {
 TEST_F(NetLink, InitGlobalsZeroesTheSocketTable) {
     socketInfoTable[3].fd = 12;
     socketInfoTable[15].linkId = 4;
+    Fdops *pMux = LAPI_SRV_pMuxFdops; /* the harness's channel outlives the reset */
     LAPI_SRV_InitGlobals();
+    LAPI_SRV_pMuxFdops = pMux;
     for (const SocketInfo &info : socketInfoTable) {
         const uint8_t *p = reinterpret_cast<const uint8_t *>(&info);
         EXPECT_TRUE(std::all_of(p, p + sizeof(info), [](uint8_t b) { return b == 0; }));
@@ -121,7 +122,7 @@ TEST_F(NetLink, FreeEntryIsTheFirstWithFd0EvenWhileItIsDialling) {
         info.fd = 30;
     }
     EXPECT_EQ(nullptr, GetFreeSocketInfo());
-    LAPI_SRV_InitGlobals();
+    memset(socketInfoTable, 0, sizeof(socketInfoTable));
 }
 
 /* ---- link service and records -------------------------------------------- */
@@ -352,6 +353,10 @@ TEST_F(NetLink, ConnectingSocketWaitsOnBothListsAndConnectedOneOnlyReads) {
 TEST_F(NetLink, DescriptorIsClosedWhenItsFdopsCannotBeMade) {
     /* Every descriptor below FD_SETSIZE taken: the socket gets one that
      * select cannot watch, so its Fdops is refused. */
+    /* Nobody accepts: no descriptor of the far end appears in this process. */
+    uint16_t port = 0;
+    int listenFd = lapitest::ListenLoopback(&port);
+    ASSERT_GE(listenFd, 0);
     struct rlimit rl;
     ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &rl));
     if (rl.rlim_max <= FD_SETSIZE + 8) {
@@ -377,15 +382,13 @@ TEST_F(NetLink, DescriptorIsClosedWhenItsFdopsCannotBeMade) {
     p->napiLink = 3;
     StderrCapture cap;
     size_t before = lapitest::OpenFdCount();
-    int ret = Connect2Server(kLoopback, lapitest::RefusedPort() + 0, p);
+    int ret = Connect2Server(kLoopback, port, p);
     size_t after = lapitest::OpenFdCount();
+    close(listenFd);
     for (int fd : fillers) {
         close(fd);
     }
     setrlimit(RLIMIT_NOFILE, &rl);
-    if (cap.HasTrace("Failed to connect to the server")) {
-        GTEST_SKIP() << "the refused connect ended it before the Fdops";
-    }
     EXPECT_EQ(-1, ret);
     EXPECT_TRUE(cap.HasTrace("Aha, CreateFdops failed"));
     EXPECT_TRUE(cap.HasTrace("CrateFdops fail!"));
@@ -406,7 +409,7 @@ TEST_F(NetLink, WaitConnectResRefusalsEndWithoutAction) {
                                         "pSocketInfo->fdStatus is not connecting"}),
               cap.Errors());
     EXPECT_TRUE(h.BpMsgs().empty());
-    LAPI_SRV_InitGlobals();
+    memset(socketInfoTable, 0, sizeof(socketInfoTable));
 }
 
 /* ---- read and write refusals ---------------------------------------------- */
@@ -429,7 +432,7 @@ TEST_F(NetLink, WriteNetworkMsgRefusalsEndWithoutAction) {
                                         "socket status wrong, still unconnected"}),
               cap.Errors());
     EXPECT_TRUE(h.BpMsgs().empty());
-    LAPI_SRV_InitGlobals();
+    memset(socketInfoTable, 0, sizeof(socketInfoTable));
 }
 
 TEST_F(NetLink, ReadNetworkMsgRefusalsEndWithoutAction) {
@@ -447,7 +450,7 @@ TEST_F(NetLink, ReadNetworkMsgRefusalsEndWithoutAction) {
                                         "the socket fd is not attached to the network"}),
               cap.Errors());
     EXPECT_TRUE(h.BpMsgs().empty());
-    LAPI_SRV_InitGlobals();
+    memset(socketInfoTable, 0, sizeof(socketInfoTable));
 }
 
 /* ---- close ------------------------------------------------------------------ */
@@ -472,19 +475,16 @@ TEST_F(NetLink, CloseSocketLingersClosesAndZeroesTheEntryWithItsQueue) {
     ASSERT_TRUE(peer.ok());
     SocketInfo *p = &socketInfoTable[0];
     p->linkId = 4;
-    ASSERT_GT(Connect2Server(kLoopback, peer.Port(), p), 0);
-    ASSERT_EQ(0, LAPI_SRV_AddSendDataList(&p->sendDataList, "abc", 3, 1, 1));
+    int fd = Connect2Server(kLoopback, peer.Port(), p);
+    ASSERT_GT(fd, 0);
     ASSERT_TRUE(peer.WaitAccepted(1, 3000));
+    ASSERT_EQ(0, LAPI_SRV_AddSendDataList(&p->sendDataList, "abc", 3, 1, 1));
     StderrCapture cap;
-    int fd = p->fd;
     LAPI_SRV_CloseSocket(p);
     std::vector<std::string> t = cap.Traces();
     EXPECT_EQ(1u, Count(t, "close return 0"));
     EXPECT_EQ(1u, Count(t, "Enter ReleaseSockInfoEle"));
-    /* The peer's thread closes its own end as soon as it sees ours go, so
-     * the count of open descriptors is no measure: the socket itself is. */
-    EXPECT_EQ(-1, fcntl(fd, F_GETFD));
-    EXPECT_EQ(EBADF, errno);
+    EXPECT_EQ(-1, fcntl(fd, F_GETFD)) << "the socket is closed";
     const uint8_t *raw = reinterpret_cast<const uint8_t *>(p);
     EXPECT_TRUE(std::all_of(raw, raw + sizeof(*p), [](uint8_t b) { return b == 0; }));
     EXPECT_TRUE(peer.WaitAllClosed(3000));
