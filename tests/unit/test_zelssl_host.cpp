@@ -198,7 +198,15 @@ class ZelSslHost : public ::testing::Test {
     }
     void TearDown() override { HOST_SetRoot(""); }
 
+    /* openssl s_server with this leaf, and s_ connected to it and set up. */
+    bool Begin(const LeafFiles &leaf) {
+        server_ = std::make_unique<TlsServer>(leaf);
+        return server_->Start() && s_.Connect(server_->Port()) && s_.Setup();
+    }
+
     lapitest::TempRoot root_;
+    std::unique_ptr<TlsServer> server_;
+    Session s_;
 };
 
 std::string Bytes(const TLSBuffer &b) {
@@ -259,16 +267,13 @@ TEST(ZelSslHostContext, GenerateRandomFillsTheBuffer) {
 
 TEST_F(ZelSslHost, HandshakeAtTls10WithAes128ShaThroughTheCallbacks) {
     LeafFiles leaf = Pki().Leaf(LeafSpec{});
-    TlsServer server(leaf);
-    ASSERT_TRUE(server.Start());
-    Session s;
-    ASSERT_TRUE(s.Connect(server.Port()));
-    ASSERT_TRUE(s.Setup());
+    ASSERT_TRUE(Begin(leaf));
+    Session &s = s_;
     ASSERT_EQ(0, s.Handshake());
     EXPECT_EQ(0x002F, TLSGetNegotiatedCipher(s.ctx()));
     EXPECT_EQ(0x0301, TLSGetProtocolVersion(s.ctx()));
     EXPECT_EQ(1, s.randomCalls);
-    EXPECT_TRUE(server.WaitOutput("Protocol version: TLSv1"));
+    EXPECT_TRUE(server_->WaitOutput("Protocol version: TLSv1"));
 }
 
 TEST_F(ZelSslHost, HandshakeWithASilentPeerWouldBlockInsteadOfWaiting) {
@@ -286,11 +291,8 @@ TEST_F(ZelSslHost, HandshakeWithASilentPeerWouldBlockInsteadOfWaiting) {
 
 TEST_F(ZelSslHost, ChainCallbackGetsThePeerCertificateInDerWithATrustedVerdict) {
     LeafFiles leaf = Pki().Leaf(LeafSpec{});
-    TlsServer server(leaf);
-    ASSERT_TRUE(server.Start());
-    Session s;
-    ASSERT_TRUE(s.Connect(server.Port()));
-    ASSERT_TRUE(s.Setup());
+    ASSERT_TRUE(Begin(leaf));
+    Session &s = s_;
     ASSERT_EQ(0, s.Handshake());
     EXPECT_EQ(1, s.chain.calls);
     EXPECT_EQ(TestPki::ReadDer(leaf), s.chain.der);
@@ -301,11 +303,8 @@ TEST_F(ZelSslHost, ChainCallbackGetsThePeerCertificateInDerWithATrustedVerdict) 
 TEST_F(ZelSslHost, UntrustedChainIsReportedAsNotTrusted) {
     LeafSpec spec;
     spec.untrusted = true;
-    TlsServer server(Pki().Leaf(spec));
-    ASSERT_TRUE(server.Start());
-    Session s;
-    ASSERT_TRUE(s.Connect(server.Port()));
-    ASSERT_TRUE(s.Setup());
+    ASSERT_TRUE(Begin(Pki().Leaf(spec)));
+    Session &s = s_;
     s.chain.verdict = 4;
     int r = s.Handshake();
     EXPECT_NE(0, r);
@@ -317,22 +316,16 @@ TEST_F(ZelSslHost, UntrustedChainIsReportedAsNotTrusted) {
 
 TEST_F(ZelSslHost, NoRootsInTheFolderMeansNothingIsTrusted) {
     ASSERT_TRUE(lapitest::RemoveTree(root_.Path("/etc/certs")));
-    TlsServer server(Pki().Leaf(LeafSpec{}));
-    ASSERT_TRUE(server.Start());
-    Session s;
-    ASSERT_TRUE(s.Connect(server.Port()));
-    ASSERT_TRUE(s.Setup());
+    ASSERT_TRUE(Begin(Pki().Leaf(LeafSpec{})));
+    Session &s = s_;
     s.chain.verdict = 4;
     EXPECT_NE(0, s.Handshake());
     EXPECT_EQ(0, s.chain.chainTrusted);
 }
 
 TEST_F(ZelSslHost, ChainCallbackThatRejectsFailsTheHandshakeWithAnAlert) {
-    TlsServer server(Pki().Leaf(LeafSpec{}));
-    ASSERT_TRUE(server.Start());
-    Session s;
-    ASSERT_TRUE(s.Connect(server.Port()));
-    ASSERT_TRUE(s.Setup());
+    ASSERT_TRUE(Begin(Pki().Leaf(LeafSpec{})));
+    Session &s = s_;
     s.chain.verdict = 4;
     int r = s.Handshake();
     EXPECT_NE(0, r);
@@ -342,11 +335,8 @@ TEST_F(ZelSslHost, ChainCallbackThatRejectsFailsTheHandshakeWithAnAlert) {
 }
 
 TEST_F(ZelSslHost, DataGoesBothWaysAfterTheHandshake) {
-    TlsServer server(Pki().Leaf(LeafSpec{}));
-    ASSERT_TRUE(server.Start());
-    Session s;
-    ASSERT_TRUE(s.Connect(server.Port()));
-    ASSERT_TRUE(s.Setup());
+    ASSERT_TRUE(Begin(Pki().Leaf(LeafSpec{})));
+    Session &s = s_;
     ASSERT_EQ(0, s.Handshake());
     const char text[] = "hello tls\n";
     TLSBuffer out{sizeof(text) - 1, reinterpret_cast<uint8_t *>(const_cast<char *>(text))};
@@ -358,11 +348,8 @@ TEST_F(ZelSslHost, DataGoesBothWaysAfterTheHandshake) {
 }
 
 TEST_F(ZelSslHost, ReadWithNothingArrivedWouldBlock) {
-    TlsServer server(Pki().Leaf(LeafSpec{}));
-    ASSERT_TRUE(server.Start());
-    Session s;
-    ASSERT_TRUE(s.Connect(server.Port()));
-    ASSERT_TRUE(s.Setup());
+    ASSERT_TRUE(Begin(Pki().Leaf(LeafSpec{})));
+    Session &s = s_;
     ASSERT_EQ(0, s.Handshake());
     uint8_t buf[16];
     TLSBuffer b{sizeof(buf), buf};
@@ -372,11 +359,8 @@ TEST_F(ZelSslHost, ReadWithNothingArrivedWouldBlock) {
 }
 
 TEST_F(ZelSslHost, PeerThatClosesDuringTheHandshakeFailsIt) {
-    TlsServer server(Pki().Leaf(LeafSpec{}));
-    ASSERT_TRUE(server.Start());
-    Session s;
-    ASSERT_TRUE(s.Connect(server.Port()));
-    ASSERT_TRUE(s.Setup());
+    ASSERT_TRUE(Begin(Pki().Leaf(LeafSpec{})));
+    Session &s = s_;
     s.closeOnFirstRead = true;
     int r = s.Handshake();
     EXPECT_NE(0, r);
