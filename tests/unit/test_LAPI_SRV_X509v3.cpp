@@ -12,6 +12,7 @@
 #include "LAPI_SRV_X509v3.h"
 #include "LAPI_SRV_tls.h"
 #include "ServerFixture.h"
+#include "TestClient.h"
 #include "TlsPeer.h"
 
 using lapitest::LeafSpec;
@@ -74,13 +75,7 @@ Bytes El(uint8_t tag, const Bytes &content) {
     return out;
 }
 
-Bytes Cat(std::initializer_list<Bytes> parts) {
-    Bytes out;
-    for (const Bytes &p : parts) {
-        out.insert(out.end(), p.begin(), p.end());
-    }
-    return out;
-}
+using lapitest::Cat;
 
 Bytes Dns(const std::string &name) {
     return El(0x82, Bytes(name.begin(), name.end()));
