@@ -220,10 +220,17 @@ bool TlsServer::Start(int timeoutMs) {
 
 void TlsServer::Stop() {
     if (pid_ > 0) {
+        kill(pid_, SIGCONT);
         kill(pid_, SIGTERM);
         int status;
         waitpid(pid_, &status, 0);
         pid_ = -1;
+    }
+}
+
+void TlsServer::Pause(bool paused) {
+    if (pid_ > 0) {
+        kill(pid_, paused ? SIGSTOP : SIGCONT);
     }
 }
 

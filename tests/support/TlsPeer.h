@@ -80,6 +80,9 @@ class TlsServer {
     /* Starts it and waits until it accepts; false on failure. */
     bool Start(int timeoutMs = 10000);
     void Stop();
+    /* Stops (SIGSTOP) or resumes (SIGCONT) the server process: while it is
+     * stopped the kernel still takes the client's bytes but nothing answers. */
+    void Pause(bool paused);
     int Port() const { return port_; }
     /* Everything the server printed so far (its log of the session). */
     std::string Output() const;

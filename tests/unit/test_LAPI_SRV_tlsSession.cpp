@@ -100,9 +100,12 @@ LeafSpec Cn(const std::string &cn) {
 TEST_F(TlsSession, HandshakeRunsInTheLoopAndAnswersResult0Once) {
     ASSERT_TRUE(Connect(Cn("*.example.test")));
     StderrCapture cap;
+    /* The peer cannot answer before the request returns. */
+    server_->Pause(true);
     Bp(nettest::TlsReq(3, 4, 7, "supl.example.test"));
     /* No answer from the request itself: the handshake waits for the peer. */
     EXPECT_TRUE(TlsAnswers().empty());
+    server_->Pause(false);
     SocketInfo *p = GetSocketInfoByLinkId(7);
     ASSERT_NE(nullptr, p);
     EXPECT_EQ(LAPI_SRV_SOCK_TLS_HANDSHAKE, p->fdStatus);
