@@ -86,13 +86,15 @@ fuzz)
 format)
     # Tracked files only: build folders and generated files stay out.
     mapfile -t files < <(git ls-files '*.c' '*.cc' '*.cpp' '*.h' '*.hpp')
-    if clang-format --dry-run --Werror "${files[@]}" 2>build-format.log; then
+    log=$(mktemp)
+    if clang-format --dry-run --Werror "${files[@]}" 2>"$log"; then
         echo "format: ${#files[@]} files match .clang-format"
-        rm -f build-format.log
+        rm -f "$log"
     else
-        grep -o '^[^:]*:[0-9]*:[0-9]*: error' build-format.log | cut -d: -f1 | sort -u |
+        grep -o '^[^:]*:[0-9]*:[0-9]*: error' "$log" | cut -d: -f1 | sort -u |
             sed 's/^/format: does not match .clang-format: /' >&2
-        echo "format: run 'clang-format -i FILE' on them (details in build-format.log)" >&2
+        echo "format: run 'clang-format -i FILE' on each of them" >&2
+        rm -f "$log"
         exit 1
     fi
     ;;
