@@ -20,27 +20,28 @@ namespace lapitest {
 /* The bpsim program with a pipe on its standard input and output. */
 class BpSimProgram {
   public:
-    /* bpsim --root root, then args (by default a position for its answers). */
-    explicit BpSimProgram(const std::string &root,
-                          std::vector<std::string> args = {"--lat", "48.8566", "--lon", "2.3522"}) {
-        std::string bin = std::string(LAPI_BIN_DIR) + "/bpsim";
-        std::vector<std::string> argv = {bin, "--root", root};
-        argv.insert(argv.end(), args.begin(), args.end());
-        std::vector<char *> cargv;
-        for (std::string &a : argv) {
-            cargv.push_back(a.data());
-        }
-        cargv.push_back(nullptr);
+    /* Standard error goes to the same pipe as standard output. */
+    explicit BpSimProgram(const std::string &root, const std::vector<std::string> &args = {
+                                                       "--lat", "48.8566", "--lon", "2.3522"}) {
         int in[2];
         int out[2];
         if (pipe2(in, O_CLOEXEC) != 0 || pipe2(out, O_CLOEXEC) != 0) {
             return;
         }
+        std::string bin = std::string(LAPI_BIN_DIR) + "/bpsim";
+        std::vector<std::string> all = {bin, "--root", root};
+        all.insert(all.end(), args.begin(), args.end());
+        std::vector<char *> argv;
+        for (std::string &a : all) {
+            argv.push_back(a.data());
+        }
+        argv.push_back(nullptr);
         pid_ = fork();
         if (pid_ == 0) {
             dup2(in[0], 0);
             dup2(out[1], 1);
-            execv(cargv[0], cargv.data());
+            dup2(out[1], 2);
+            execv(bin.c_str(), argv.data());
             _exit(127);
         }
         close(in[0]);
@@ -81,10 +82,7 @@ class BpSimProgram {
                     return line;
                 }
             }
-            long left =
-                timeoutMs - static_cast<long>(std::chrono::duration_cast<std::chrono::milliseconds>(
-                                                  std::chrono::steady_clock::now() - start)
-                                                  .count());
+            long left = timeoutMs - MsSince(start);
             if (left <= 0) {
                 return "";
             }
@@ -103,6 +101,20 @@ class BpSimProgram {
     /* Returns once every command written before has run (the program reads
      * its commands and the channel in one loop). */
     bool Sync() { return Command("areas") && !WaitLine("bpsim: areas").empty(); }
+    pid_t Pid() const { return pid_; }
+    /* Waits for it to end on its own; its exit status, or -1 on timeout. */
+    int WaitExit(int timeoutMs) {
+        auto start = std::chrono::steady_clock::now();
+        while (pid_ > 0 && MsSince(start) < timeoutMs) {
+            int status = 0;
+            if (waitpid(pid_, &status, WNOHANG) == pid_) {
+                pid_ = -1;
+                return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+            }
+            usleep(5000);
+        }
+        return -1;
+    }
     /* Terminates it; its exit status. */
     int Stop() {
         if (pid_ <= 0) {
@@ -116,6 +128,12 @@ class BpSimProgram {
     }
 
   private:
+    static long MsSince(std::chrono::steady_clock::time_point start) {
+        return static_cast<long>(std::chrono::duration_cast<std::chrono::milliseconds>(
+                                     std::chrono::steady_clock::now() - start)
+                                     .count());
+    }
+
     pid_t pid_ = -1;
     int in_ = -1;
     int out_ = -1;
