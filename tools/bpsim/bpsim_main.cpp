@@ -28,8 +28,10 @@
  *   quit               leave
  * Numbers are decimal except subCmdIds and data (hex).
  * Unless --quiet, every message is echoed on standard output as
- * "bpsim: recv HEX" or "bpsim: sent HEX". SIGTERM and SIGINT end it cleanly,
- * removing the link. One thread, one poll loop.
+ * "bpsim: recv HEX" or "bpsim: sent HEX". Every push indication is shown,
+ * quiet or not, as "bpsim: push indication, N bytes: HEX" (its content).
+ * SIGTERM and SIGINT end it cleanly, removing the link. One thread, one poll
+ * loop.
  */
 #include <errno.h>
 #include <fcntl.h>
@@ -58,7 +60,7 @@ const char kHelp[] =
     "  --lon Y      longitude of the answers (degrees, default 0)\n"
     "  --alt Z      altitude of the answers (metres, default 0)\n"
     "  --nmea FILE  NMEA sentences sent with every position\n"
-    "  --quiet      do not echo the messages\n"
+    "  --quiet      do not echo the messages (push indications are still shown)\n"
     "  --help       this text\n"
     "\n"
     "Commands on standard input, one per line:\n"
@@ -429,12 +431,21 @@ int main(int argc, char **argv) {
     signal(SIGPIPE, SIG_IGN);
 
     bpsim::Simulator sim(options);
-    if (!quiet) {
-        sim.SetTrace([](const char *what, const bpsim::Bytes &bytes) {
+    /* Push indications are the engine's network-initiated triggers: shown
+     * even with --quiet. */
+    sim.SetTrace([quiet](const char *what, const bpsim::Bytes &bytes) {
+        if (!quiet) {
             printf("bpsim: %s %s\n", what, bpsim::ToHex(bytes).c_str());
-            fflush(stdout);
-        });
-    }
+        }
+        if (strcmp(what, "recv") == 0) {
+            auto content = bpsim::PushContent(bpsim::Message{bytes});
+            if (content) {
+                printf("bpsim: push indication, %zu bytes: %s\n", content->size(),
+                       bpsim::ToHex(*content).c_str());
+            }
+        }
+        fflush(stdout);
+    });
     std::string error;
     if (!sim.Open(&error)) {
         fprintf(stderr, "bpsim: %s\n", error.c_str());
