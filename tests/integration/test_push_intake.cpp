@@ -230,13 +230,8 @@ TEST(PushIntakeStartUp, FailedBindOfThePushPortLeavesTheServerServingClients) {
 
     int port = lapitest::PickFreeUdpPort();
     ASSERT_NE(port, 0);
-    int holder = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    sockaddr_in addr;
-    memset(&addr, 0, sizeof(addr));
-    addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_ANY);
-    addr.sin_port = htons(static_cast<uint16_t>(port));
-    ASSERT_EQ(bind(holder, reinterpret_cast<sockaddr *>(&addr), sizeof(addr)), 0);
+    int holder = lapitest::BindUdpPort(port);
+    ASSERT_GE(holder, 0);
 
     lapitest::ServerOptions opts;
     opts.pushPort = port;

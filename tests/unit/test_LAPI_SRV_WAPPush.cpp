@@ -1033,13 +1033,8 @@ TEST_F(UdpIntake, EmptyDatagramIsNotAPush) {
 }
 
 TEST_F(UdpIntake, BindFailureOfThePushPortIsReportedAndNotFatal) {
-    int holder = socket(AF_INET, SOCK_DGRAM, 0);
-    sockaddr_in addr;
-    memset(&addr, 0, sizeof(addr));
-    addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_ANY);
-    addr.sin_port = htons(static_cast<uint16_t>(port_));
-    ASSERT_EQ(bind(holder, reinterpret_cast<sockaddr *>(&addr), sizeof(addr)), 0);
+    int holder = lapitest::BindUdpPort(port_);
+    ASSERT_GE(holder, 0);
     uint32_t before = LAPI_SRV_readFdopsList.count;
     lapitest::StderrCapture err;
     EXPECT_NE(LAPI_SRV_InitIPServer(), 0);
