@@ -1009,7 +1009,7 @@ TEST_F(UdpIntake, DatagramLargerThan1024BytesIsCutTo1024) {
     EXPECT_TRUE(h_.BpMsgs().empty());
 }
 
-TEST_F(UdpIntake, FailedRecvfromIsNotParsed) {
+TEST_F(UdpIntake, FailedRecvfromIsNotPassedOnAsA16BitLength) {
     Start();
     lapitest::StderrCapture err;
     LAPI_SRV_ReadIPMsg(pFdops_); /* nothing there: EAGAIN */
