@@ -10,8 +10,10 @@
  * the script file; the table kCommands below lists them. Unless --quiet,
  * every message is echoed on standard output as "bpsim: recv HEX" or
  * "bpsim: sent HEX"; every socket answer and received-data indication of
- * the server is printed as "bpsim: socket ..." (also with --quiet). SIGTERM and SIGINT end it
- * cleanly, removing the link. One thread, one poll loop.
+ * the server is printed as "bpsim: socket ..." and every push indication as
+ * "bpsim: push indication, N bytes: HEX" (its content), also with --quiet.
+ * SIGTERM and SIGINT end it cleanly, removing the link. One thread, one
+ * poll loop.
  *
  * One simulator per root: DIR/dev/bpsim.lock is held (flock) for the whole
  * run, and a link DIR/dev/mux18 that still leads to a live terminal is not
@@ -65,7 +67,7 @@ const char kHelp[] =
     "  --alt Z        altitude of the answers (metres, default 0)\n"
     "  --nmea FILE    NMEA sentences sent with every position\n"
     "  --script FILE  run the commands of FILE, one per line, from the start\n"
-    "  --quiet        do not echo the messages\n"
+    "  --quiet        do not echo the messages (push indications are still shown)\n"
     "  -h, --help     this text\n"
     "\n"
     "Every request is answered at once: location and last-known requests with\n"
@@ -590,6 +592,12 @@ void PrintTrace(bool quiet, const char *what, const bpsim::Bytes &bytes) {
         auto m = bpsim::ParseSocketMsg(bpsim::Message{bytes});
         if (m) {
             printf("bpsim: socket %s\n", bpsim::DescribeSocketMsg(*m).c_str());
+        }
+        /* Push indications are the engine's network-initiated triggers. */
+        auto content = bpsim::PushContent(bpsim::Message{bytes});
+        if (content) {
+            printf("bpsim: push indication, %zu bytes: %s\n", content->size(),
+                   bpsim::ToHex(*content).c_str());
         }
     }
     fflush(stdout);
