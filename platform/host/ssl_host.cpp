@@ -520,7 +520,10 @@ int TLSHandshake(TLSContext *pCtx) {
         p->bHandshakeDone = true;
         return 0;
     }
-    return MapResult(p, ret);
+    int result = MapResult(p, ret);
+    /* The caller takes 2 from a handshake as done: a peer that ends the
+     * connection before the handshake is over has failed it. */
+    return result == TLS_RESULT_CLOSED ? kTransportFail : result;
 }
 
 int TLSGetNegotiatedCipher(TLSContext *pCtx) {
