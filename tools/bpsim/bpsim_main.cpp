@@ -9,11 +9,11 @@
  * they ask for. Commands, one per line, come from standard input and from
  * the script file; the table kCommands below lists them. Unless --quiet,
  * every message is echoed on standard output as "bpsim: recv HEX" or
- * "bpsim: sent HEX"; every socket answer and received-data indication of
- * the server is printed as "bpsim: socket ..." and every push indication as
- * "bpsim: push indication, N bytes: HEX" (its content), also with --quiet.
- * SIGTERM and SIGINT end it cleanly, removing the link. One thread, one
- * poll loop.
+ * "bpsim: sent HEX". Every push indication is shown, quiet or not, as
+ * "bpsim: push indication, N bytes: HEX" (its content), and every socket
+ * answer and received-data indication of the server as "bpsim: socket ...".
+ * SIGTERM and SIGINT end it cleanly, removing the link. One thread, one poll
+ * loop.
  *
  * One simulator per root: DIR/dev/bpsim.lock is held (flock) for the whole
  * run, and a link DIR/dev/mux18 that still leads to a live terminal is not
@@ -582,22 +582,23 @@ std::string CmdSockTls(Session &s, const std::string &rest) {
     return SendSocketReq(s, bpsim::BuildTlsSessionReq(1, gSocketTid++, linkId, fqdn));
 }
 
-/* What the simulator received or sent: the raw echo unless quiet, and
- * every socket answer and indication of the server. */
+/* What the simulator received or sent: the raw echo unless quiet, every
+ * push indication and every socket answer and indication of the server. */
 void PrintTrace(bool quiet, const char *what, const bpsim::Bytes &bytes) {
     if (!quiet) {
         printf("bpsim: %s %s\n", what, bpsim::ToHex(bytes).c_str());
     }
     if (strcmp(what, "recv") == 0) {
-        auto m = bpsim::ParseSocketMsg(bpsim::Message{bytes});
-        if (m) {
-            printf("bpsim: socket %s\n", bpsim::DescribeSocketMsg(*m).c_str());
-        }
-        /* Push indications are the engine's network-initiated triggers. */
-        auto content = bpsim::PushContent(bpsim::Message{bytes});
+        const bpsim::Message msg{bytes};
+        /* The engine's network-initiated triggers. */
+        auto content = bpsim::PushContent(msg);
         if (content) {
             printf("bpsim: push indication, %zu bytes: %s\n", content->size(),
                    bpsim::ToHex(*content).c_str());
+        }
+        auto m = bpsim::ParseSocketMsg(msg);
+        if (m) {
+            printf("bpsim: socket %s\n", bpsim::DescribeSocketMsg(*m).c_str());
         }
     }
     fflush(stdout);
@@ -981,6 +982,7 @@ int main(int argc, char **argv) {
     bpsim::Results results = sim.GetResults();
     results.periodicMs = bpsim::Results::kPeriodicAsRequested;
     sim.SetResults(results);
+    /* Push indications and socket answers are shown even with --quiet. */
     sim.SetTrace([quiet = cfg.quiet](const char *what, const bpsim::Bytes &bytes) {
         PrintTrace(quiet, what, bytes);
     });
