@@ -1691,8 +1691,10 @@ TEST_F(TranTest, AllPairsInUseIsRefused) {
         }
     }
     uint32_t before = NodeCount(&LAPI_SRV_tranList);
+    /* Asked by a client of its own: client_ is far over its own limit. */
+    Client other = {};
     StderrCapture cap;
-    EXPECT_EQ(LAPI_SRV_CreateTransaction(0, 0, &client_, 0), nullptr);
+    EXPECT_EQ(LAPI_SRV_CreateTransaction(0, 0, &other, 0), nullptr);
     std::string err = cap.Stop();
     EXPECT_NE(err.find("LAPI Error SRV LAPI_SRV_CreateTransaction: No free BP sid/tid pair"),
               std::string::npos)
@@ -1703,7 +1705,7 @@ TEST_F(TranTest, AllPairsInUseIsRefused) {
     Transaction *pGone = LAPI_SRV_GetTranByBpId(77, 88, 1);
     ASSERT_NE(pGone, nullptr);
     free(pGone);
-    Transaction *pTran = LAPI_SRV_CreateTransaction(0, 0, &client_, 0);
+    Transaction *pTran = LAPI_SRV_CreateTransaction(0, 0, &other, 0);
     ASSERT_NE(pTran, nullptr);
     EXPECT_EQ(pTran->sid, 77);
     EXPECT_EQ(pTran->tid, 88);
