@@ -682,6 +682,7 @@ int LAPI_SRV_ServerMain(void) {
      * listening socket, the BP channel or a client would take its number
      * and receive diagnostics or the plain lines of standard output. */
     LAPI_SRV_OpenStdFds();
+    LAPI_LogPrepareStream();
     LAPI_SRV_RaiseFdLimit();
 
     if (LAPI_SRV_PidMutex() != 0) {
