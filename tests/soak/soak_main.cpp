@@ -20,6 +20,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -484,9 +485,200 @@ void PhaseStderr(const Config &cfg, bool closedReader) {
     }
 }
 
+/* ------------------------------------------------------------------------ */
+/* --bench: drain time and round-trip cost against live transactions        */
+/* ------------------------------------------------------------------------ */
+
+/* Server CPU time in microseconds (/proc/PID/schedstat, nanoseconds). */
+double CpuUs(pid_t pid) {
+    std::string path = "/proc/" + std::to_string(pid) + "/schedstat";
+    FILE *f = fopen(path.c_str(), "re");
+    if (f == nullptr) {
+        return 0;
+    }
+    unsigned long long ns = 0;
+    if (fscanf(f, "%llu", &ns) != 1) {
+        ns = 0;
+    }
+    fclose(f);
+    return static_cast<double>(ns) / 1000.0;
+}
+
+Bytes LocationReqMsg(uint32_t pid, uint8_t sid, uint8_t tid, uint32_t reportCriteria) {
+    GetLocationReq r;
+    memset(&r, 0, sizeof(r));
+    r.mode = LAPI_MODE_SYNC;
+    r.sessionId = sid;
+    r.transactionId = tid;
+    r.responseTime = 1000;
+    r.reportCriteria = reportCriteria;
+    r.interval = 3600;
+    Bytes b = lapitest::ToBytes(r);
+    return lapitest::MakeMsg(LAPI_GET_LOCATION_REQ, Bytes(b.begin() + sizeof(MsgHeader), b.end()),
+                             pid);
+}
+
+/* 240 holder clients (whatever the count, so that the descriptors the loop
+ * watches are the same in every row) with `count` periodic requests between
+ * them that the BP keeps pending, at most 250 each (below the per-client
+ * limit). */
+bool HoldTransactions(SimServer &s, int count, std::vector<std::unique_ptr<TestClient>> *pHolders) {
+    constexpr int kHolders = 240;
+    for (int k = 0, done = 0; k < kHolders; ++k) {
+        auto c = std::make_unique<TestClient>(s.root.Dir());
+        if (!c->Handshake(1, 3000)) {
+            return false;
+        }
+        int n = std::min(250, count - done);
+        if (n <= 0) {
+            pHolders->push_back(std::move(c));
+            continue;
+        }
+        Bytes all;
+        for (int i = 0; i < n; ++i) {
+            Bytes m = LocationReqMsg(c->Pid(), 1, static_cast<uint8_t>(i + 1), 1);
+            all.insert(all.end(), m.begin(), m.end());
+        }
+        if (!c->Sync().SendRaw(all)) {
+            return false;
+        }
+        done += n;
+        pHolders->push_back(std::move(c));
+    }
+    for (int seen = 0; seen < count; ++seen) {
+        if (!s.sim->WaitForSubCmd(GEOLOCATION_APBP_REQ, 10000)) {
+            return false;
+        }
+    }
+    return true;
+}
+
+void BenchRoundTrips(const Config &cfg) {
+    printf(
+        "round trip with N transactions alive (getLocationReq single fix; the BP answers from "
+        "the bench thread)\n");
+    printf(
+        "  240 holder clients in every row; alive = the holders' pending requests + the probe's\n");
+    printf("  %-8s %14s %14s %18s\n", "alive", "p50 [us]", "p99 [us]", "server CPU [us]");
+    for (int alive : {1, 1000, 60000}) {
+        SimServer s;
+        ServerOptions o = Options(cfg);
+        /* Diagnostics cost the same whatever is alive; /dev/null keeps the
+         * pipe out of the figure. */
+        o.childSetup = [] {
+            int fd = open("/dev/null", O_WRONLY);
+            dup2(fd, 2);
+            dup2(fd, 1);
+        };
+        if (!s.Start(o, true, false)) {
+            Fail("bench: server did not start");
+            return;
+        }
+        std::vector<std::unique_ptr<TestClient>> holders;
+        if (!HoldTransactions(s, alive - 1, &holders)) {
+            Fail("bench: could not hold " + std::to_string(alive) + " transactions");
+            return;
+        }
+        TestClient probe(s.root.Dir());
+        probe.Handshake(1, 3000);
+        s.sim->ClearPending();
+        constexpr int kTrips = 2000;
+        std::vector<double> lat;
+        double cpu0 = CpuUs(s.srv->Pid());
+        for (int i = 0; i < kTrips; ++i) {
+            auto t0 = std::chrono::steady_clock::now();
+            Bytes m = LocationReqMsg(probe.Pid(), 2, static_cast<uint8_t>(i % 255 + 1), 0);
+            probe.Sync().SendRaw(m);
+            auto req = s.sim->WaitForSubCmd(GEOLOCATION_APBP_REQ, 3000);
+            if (!req) {
+                Fail("bench: request lost");
+                return;
+            }
+            s.sim->SendFix(req->SessionId(), req->TransactionId());
+            auto rsp = probe.Sync().RecvMsg(3000);
+            if (!rsp) {
+                Fail("bench: answer lost");
+                return;
+            }
+            lat.push_back(
+                std::chrono::duration<double, std::micro>(std::chrono::steady_clock::now() - t0)
+                    .count());
+        }
+        double cpu = (CpuUs(s.srv->Pid()) - cpu0) / kTrips;
+        std::sort(lat.begin(), lat.end());
+        printf("  %-8d %14.1f %14.1f %18.1f\n", alive, lat[lat.size() / 2],
+               lat[lat.size() * 99 / 100], cpu);
+        fflush(stdout);
+        s.srv->Stop();
+    }
+}
+
+void BenchDrain(const Config &cfg) {
+    printf(
+        "drain: N getLocationReq queued by 80 clients while the BP does not read, then the "
+        "BP reads everything\n");
+    printf("  %-8s %18s %22s\n", "queued", "wall time [ms]", "server CPU [ms]");
+    for (int queued : {5000, 20000}) {
+        TempRoot root;
+        lapitest::MuxPty mux(root);
+        ServerOptions o = Options(cfg);
+        o.childSetup = [] {
+            int fd = open("/dev/null", O_WRONLY);
+            dup2(fd, 2);
+            dup2(fd, 1);
+        };
+        ServerProcess srv(root, o);
+        if (!srv.StartAndWaitReady()) {
+            Fail("bench drain: server did not start");
+            return;
+        }
+        std::vector<std::unique_ptr<TestClient>> clients;
+        for (int k = 0; k < 80; ++k) {
+            auto c = std::make_unique<TestClient>(root.Dir());
+            c->Handshake(1, 3000);
+            clients.push_back(std::move(c));
+        }
+        double cpu0 = CpuUs(srv.Pid());
+        auto t0 = std::chrono::steady_clock::now();
+        int per = queued / 80;
+        for (auto &c : clients) {
+            Bytes all;
+            for (int i = 0; i < per; ++i) {
+                Bytes m = LocationReqMsg(c->Pid(), static_cast<uint8_t>(1 + i / 255),
+                                         static_cast<uint8_t>(i % 255 + 1), 1);
+                all.insert(all.end(), m.begin(), m.end());
+            }
+            c->Sync().SendRaw(all);
+        }
+        /* Each GEOLOCATION_APBP_REQ frame is 37 bytes. */
+        size_t want = static_cast<size_t>(per) * 80 * 37;
+        size_t got = 0;
+        while (got < want) {
+            std::vector<uint8_t> b = mux.ReadAvailable(5000);
+            if (b.empty()) {
+                break;
+            }
+            got += b.size();
+        }
+        double ms = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - t0)
+                        .count();
+        double cpu = (CpuUs(srv.Pid()) - cpu0) / 1000.0;
+        if (got < want) {
+            Fail("bench drain: " + std::to_string(got) + " of " + std::to_string(want) + " bytes");
+        }
+        printf("  %-8d %18.1f %22.1f\n", per * 80, ms, cpu);
+        fflush(stdout);
+        clients.clear();
+        srv.Stop();
+    }
+}
+
 void Usage(FILE *f) {
     fprintf(f,
             "usage: lapi_soak [--server BIN] [--seconds N] [--sigterm-runs N] [--seed N]\n"
+            "       lapi_soak --bench [--server BIN]\n"
+            "  --bench            figures only: time to drain queued requests, and the cost\n"
+            "                     of one round trip with 1, 1000 and 60000 transactions alive\n"
             "  --server BIN       the server to test (default: this build's lapi_srv_host)\n"
             "  --seconds N        length of each timed phase (default 8)\n"
             "  --sigterm-runs N   SIGTERM runs under load (default 100)\n"
@@ -497,11 +689,16 @@ void Usage(FILE *f) {
 
 int main(int argc, char **argv) {
     Config cfg;
+    bool bench = false;
     for (int i = 1; i < argc; ++i) {
         std::string a = argv[i];
         if (a == "--help" || a == "-h") {
             Usage(stdout);
             return 0;
+        }
+        if (a == "--bench") {
+            bench = true;
+            continue;
         }
         if (i + 1 >= argc) {
             Usage(stderr);
@@ -522,6 +719,14 @@ int main(int argc, char **argv) {
         }
     }
     signal(SIGPIPE, SIG_IGN);
+    if (bench) {
+        BenchDrain(cfg);
+        BenchRoundTrips(cfg);
+        for (const std::string &f : gFig.failures) {
+            printf("    %s\n", f.c_str());
+        }
+        return gFig.failures.empty() ? 0 : 1;
+    }
     std::mt19937 rng(cfg.seed);
     int64_t t0 = lapitest::NowMs();
 
