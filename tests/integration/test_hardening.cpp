@@ -12,6 +12,7 @@
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -160,6 +161,96 @@ TEST_F(Hardening, SigtermWhileClientsAreTornDownExitsZeroAndRemovesPidFile) {
         }
         srv_.reset();
     }
+}
+
+namespace {
+
+/* The number of the system call the process sits in (-1 when unknown). */
+long SyscallOf(pid_t pid) {
+    std::string path = "/proc/" + std::to_string(pid) + "/syscall";
+    FILE *f = fopen(path.c_str(), "re");
+    long nr = -1;
+    if (f != nullptr) {
+        if (fscanf(f, "%ld", &nr) != 1) {
+            nr = -1;
+        }
+        fclose(f);
+    }
+    return nr;
+}
+
+/* A signal mask line of /proc/PID/status ("SigBlk", "ShdPnd", ...). */
+uint64_t StatusMask(pid_t pid, const std::string &key) {
+    std::string path = "/proc/" + std::to_string(pid) + "/status";
+    FILE *f = fopen(path.c_str(), "re");
+    uint64_t mask = 0;
+    char line[256];
+    while (f != nullptr && fgets(line, sizeof(line), f) != nullptr) {
+        if (strncmp(line, (key + ":").c_str(), key.size() + 1) == 0) {
+            mask = strtoull(line + key.size() + 1, nullptr, 16);
+        }
+    }
+    if (f != nullptr) {
+        fclose(f);
+    }
+    return mask;
+}
+
+}  // namespace
+
+/* The server is stopped in the middle of its work (not in its wait) and
+ * SIGTERM is sent then: it stays pending, blocked, while the server goes on
+ * to its wait, and only there ends the server, cleanly. */
+TEST_F(Hardening, SigtermArrivingOutsideTheWaitIsHeldUntilTheWait) {
+    sim_->SetPolicy(GEOLOCATION_APBP_REQ, bpsim::Policy{bpsim::Answer::Silent, 0, nullptr});
+    ASSERT_TRUE(Start());
+    std::atomic<bool> stop{false};
+    std::thread churn([&] {
+        uint8_t tid = 1;
+        while (!stop.load()) {
+            TestClient c(root_.Dir());
+            if (c.Handshake(1, 500)) {
+                c.SendMsg(LAPI_GET_LOCATION_REQ, BodyOf(MakeGetLocation(LAPI_MODE_SYNC, 1, tid++)));
+            }
+        }
+    });
+    pid_t pid = srv_->Pid();
+    const uint64_t termBit = 1ull << (SIGTERM - 1);
+    bool caught = false;
+    for (int attempt = 0; attempt < 20000 && !caught; ++attempt) {
+        kill(pid, SIGSTOP);
+        /* Wait until it is really stopped, then look where. */
+        for (int i = 0; i < 1000; ++i) {
+            std::string path = "/proc/" + std::to_string(pid) + "/stat";
+            FILE *f = fopen(path.c_str(), "re");
+            char buf[512] = {0};
+            if (f != nullptr) {
+                if (fgets(buf, sizeof(buf), f) == nullptr) {
+                    buf[0] = '\0';
+                }
+                fclose(f);
+            }
+            const char *p = strrchr(buf, ')');
+            if (p != nullptr && (p[2] == 'T' || p[2] == 't')) {
+                break;
+            }
+            usleep(100);
+        }
+        long nr = SyscallOf(pid);
+        if (nr != SYS_pselect6 && nr != -1) {
+            caught = true;
+            kill(pid, SIGTERM);
+            EXPECT_NE(0u, StatusMask(pid, "SigBlk") & termBit) << "SIGTERM not blocked";
+            EXPECT_NE(0u, (StatusMask(pid, "ShdPnd") | StatusMask(pid, "SigPnd")) & termBit)
+                << "SIGTERM not pending";
+        }
+        kill(pid, SIGCONT);
+    }
+    stop = true;
+    churn.join();
+    ASSERT_TRUE(caught) << "the server was never caught outside its wait";
+    EXPECT_EQ(0, srv_->WaitExit(kExitWithinMs));
+    EXPECT_FALSE(root_.Exists("/tmp/lapi.pid"));
 }
 
 /* SIGFPE sent by another process is a request to stop, taken at the same
