@@ -344,6 +344,14 @@ void LAPI_SRV_InitSignal(void) {
         {SIGTERM, "SIGTERM", ShutdownSigHandler, nullptr},
         {SIGSEGV, "SIGSEGV", nullptr, FaultSigAction},
     };
+    /* SIGTERM waits, pending, for the loop's wait to let it in; blocked
+     * before any handler is in place, so that a fault signal sent during
+     * start-up is kept for the wait as well. */
+    sigset_t shutdownSet;
+    ShutdownSignals(&shutdownSet);
+    if (sigprocmask(SIG_BLOCK, &shutdownSet, nullptr) != 0) {
+        LAPI_SRV_ERR("Fail to block SIGTERM, errno is: %d, %s", errno, strerror(errno));
+    }
     for (const auto &s : kSignals) {
         struct sigaction action;
         memset(&action, 0, sizeof(action));
@@ -358,12 +366,6 @@ void LAPI_SRV_InitSignal(void) {
         if (sigaction(s.sig, &action, nullptr) != 0) {
             LAPI_SRV_ERR("Fail to sigaction %s, errno is: %d, %s", s.name, errno, strerror(errno));
         }
-    }
-    /* SIGTERM waits, pending, for the loop's wait to let it in. */
-    sigset_t shutdownSet;
-    ShutdownSignals(&shutdownSet);
-    if (sigprocmask(SIG_BLOCK, &shutdownSet, nullptr) != 0) {
-        LAPI_SRV_ERR("Fail to block SIGTERM, errno is: %d, %s", errno, strerror(errno));
     }
 }
 
