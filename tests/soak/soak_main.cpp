@@ -269,7 +269,7 @@ void PhaseBpNoise(const Config &cfg, std::mt19937 &rng) {
 
 void MalformedConnection(const std::string &root, std::mt19937 &rng) {
     lapitest::Connection conn;
-    if (!conn.Connect(root, 1000)) {
+    if (!conn.Connect(root, 200)) {
         return;
     }
     ++gFig.malformedConns;
@@ -301,7 +301,8 @@ void MalformedConnection(const std::string &root, std::mt19937 &rng) {
 
 void DyingClient(const std::string &root, std::mt19937 &rng, uint8_t &tid) {
     TestClient c(root);
-    if (!c.Handshake(1, 2000)) {
+    /* Short: once the server is gone, the load must stop at once. */
+    if (!c.Handshake(1, 300)) {
         return;
     }
     ++gFig.dyingClients;
