@@ -470,7 +470,7 @@ void LAPI_SRV_ProcBpGetGpsDbDataRspMsg(uint8_t *pMsg, uint16_t msgLen) {
  * connection from now on. */
 static void MakeAreaActive(Transaction *pTran, const char *func) {
     pTran->subCmdId = LAPI_SRV_PROXIMITY_ACTIVE;
-    pTran->expireTime = LAPI_SRV_TicksAhead(LAPI_SRV_PROXIMITY_DEADLINE_SEC);
+    LAPI_SRV_SetTranExpireTime(pTran, LAPI_SRV_TicksAhead(LAPI_SRV_PROXIMITY_DEADLINE_SEC));
     pTran->isSync = 0;
     RelinkTran(pTran, kRelinkFail2, func);
 }
@@ -524,7 +524,6 @@ void LAPI_SRV_ProcBpRemoveAllProximityRspMsg(uint8_t *pMsg) {
     int32_t status = GetI32(pMsg + offsetof(BpRemoveProximityRsp, status));
     ListNode *pPos = List_GetHeadPos(&LAPI_SRV_tranList);
     while (pPos != nullptr) {
-        ListNode *pCur = pPos;
         Transaction *pTran = static_cast<Transaction *>(List_GetNext(&LAPI_SRV_tranList, &pPos));
         if (pTran == nullptr || (pTran->subCmdId != PROXIMITY_ADD_APBP_REQ &&
                                  pTran->subCmdId != LAPI_SRV_PROXIMITY_ACTIVE &&
@@ -534,7 +533,7 @@ void LAPI_SRV_ProcBpRemoveAllProximityRspMsg(uint8_t *pMsg) {
         Fdops *pFdops = TranFdops(pTran);
         uint8_t clientSid = pTran->clientSid;
         uint8_t clientTid = pTran->clientTid;
-        List_RemoveAt(&LAPI_SRV_tranList, pCur);
+        LAPI_SRV_UnlinkTran(pTran);
         free(pTran);
         LAPI_SRV_tranListChanged = 0;
         SendProximityRsp(pFdops, LAPI_REMOVE_PROXIMITY_RSP, clientSid, clientTid, status,

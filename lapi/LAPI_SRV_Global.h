@@ -172,13 +172,25 @@ enum {
     LAPI_SERVICE_STATUS = 0x4,
 };
 
+struct Transaction;
+
 struct Client {
     uint32_t globalId;
     uint32_t pid;
     uint32_t service;
     Fdops *pSyncFdops;
     Fdops *pAsyncFdops;
+    /* Its listed transactions in list order, kept by the transaction list's
+     * operations below (zero in a new record). */
+    Transaction *pTranFirst;
+    Transaction *pTranLast;
+    uint32_t tranCount;
 };
+
+/* Most transactions one client may hold at once: far above what any
+ * application keeps running, far below the 64 770 BP pairs, so one client
+ * can never take every pair from the others. */
+#define LAPI_SRV_MAX_TRANS_PER_CLIENT 256
 
 struct Transaction {
     uint8_t sid;
@@ -190,6 +202,17 @@ struct Transaction {
     int32_t expireTime;
     uint8_t isSync;
     Client *pClient;
+    /* Index beside LAPI_SRV_tranList, so that finding a transaction by its
+     * BP pair or its client's pair, and taking it off the list, cost the
+     * same with one or 64 000 alive. Kept by the list operations below;
+     * null while the record is off the list. */
+    ListNode *pNode;        /* its node in LAPI_SRV_tranList */
+    Transaction *pListPrev; /* neighbours in list order */
+    Transaction *pListNext;
+    Transaction *pPairNext;   /* next listed one with the same BP pair */
+    Client *pIndexClient;     /* the client whose chain holds it */
+    Transaction *pClientPrev; /* neighbours in that chain */
+    Transaction *pClientNext;
 };
 
 extern List LAPI_SRV_allClientList;
@@ -207,6 +230,18 @@ Client *LAPI_SRV_GetClientByGlobalId(uint32_t globalId);
 Transaction *LAPI_SRV_CreateTransaction(uint32_t clientSid, uint32_t clientTid, Client *pClient,
                                         uint32_t isSync);
 int LAPI_SRV_AddTranList(Transaction *pTran);
+/* Takes pTran off LAPI_SRV_tranList (not freed), leaving the changed flag to
+ * the caller. */
+void LAPI_SRV_UnlinkTran(Transaction *pTran);
+/* Sets a transaction's deadline. Every deadline is set through it, so that
+ * the timer scan knows, without walking the list, the earliest moment at
+ * which anything can expire. */
+void LAPI_SRV_SetTranExpireTime(Transaction *pTran, int32_t expireTime);
+/* The earliest moment at which a listed transaction can expire: 1 with
+ * *pBound set, or 0 when unknown (the scan then walks the list and records
+ * what it found with LAPI_SRV_SetTranScanBound). */
+int LAPI_SRV_GetTranScanBound(int32_t *pBound);
+void LAPI_SRV_SetTranScanBound(int32_t bound);
 Transaction *LAPI_SRV_GetTranByBpId(uint32_t sid, uint32_t tid, uint32_t remove);
 Transaction *LAPI_SRV_GetTranByClientId(Client *pClient, uint32_t clientSid, uint32_t clientTid,
                                         uint32_t remove);

@@ -612,6 +612,9 @@ bool ServerProcess::Start() {
         }
         dup2(outPipe[1], 1);
         dup2(options_.discardStderr && devNull >= 0 ? devNull : errPipe[1], 2);
+        if (options_.childSetup) {
+            options_.childSetup();
+        }
         execv(argv[0], argv.data());
         _exit(127);
     }
