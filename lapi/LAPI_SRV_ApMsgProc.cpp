@@ -125,7 +125,7 @@ void LAPI_SRV_SockReadProcNull(Fdops *pFdops) {
         return;
     }
     if (pFdops->rbuf.idx > 0) {
-        Client *pClient = static_cast<Client *>(pFdops->pFdInfo);
+        Client *pClient = LAPI_SRV_FdopsClient(pFdops);
         if (pClient != nullptr) {
             LAPI_SRV_ERR("Invalid write to async fd, pid is: %d!", static_cast<int>(pClient->pid));
         } else {
@@ -240,7 +240,7 @@ int LAPI_SRV_ProcRegisterMsg(uint8_t *pMsg, Fdops *pFdops) {
     }
     MsgHeader h = ReadHeader(pMsg);
     int pid = static_cast<int>(h.pid);
-    if (pFdops->pFdInfo != nullptr) {
+    if (LAPI_SRV_FdopsClient(pFdops) != nullptr) {
         LAPI_SRV_ERR("pFdops->pFdInfo != NULL, pid is : %d!", pid);
         return -1;
     }
@@ -282,7 +282,7 @@ int LAPI_SRV_ProcGetAsyncFdMsg(uint8_t *pMsg, Fdops *pFdops) {
     }
     MsgHeader h = ReadHeader(pMsg);
     int pid = static_cast<int>(h.pid);
-    if (pFdops->pFdInfo != nullptr) {
+    if (LAPI_SRV_FdopsClient(pFdops) != nullptr) {
         LAPI_SRV_ERR("pFdops->pFdInfo != NULL, pid is : %d!", pid);
         return -1;
     }
@@ -317,10 +317,10 @@ int LAPI_SRV_ProcGetAsyncFdMsg(uint8_t *pMsg, Fdops *pFdops) {
     }
     Fdops *pSyncFdops = pClient->pSyncFdops;
     if (pSyncFdops != nullptr) {
-        pSyncFdops->readProc = LAPI_SRV_SockReadProcAfterRegister;
-        pSyncFdops->closeProc = LAPI_SRV_ProcClientCrash;
+        LAPI_SRV_SetFdopsProcs(pSyncFdops, LAPI_SRV_SockReadProcAfterRegister,
+                               pSyncFdops->writeProc, LAPI_SRV_ProcClientCrash);
     }
-    pFdops->readProc = LAPI_SRV_SockReadProcNull;
+    LAPI_SRV_SetFdopsProcs(pFdops, LAPI_SRV_SockReadProcNull, pFdops->writeProc, pFdops->closeProc);
     return 0;
 }
 
@@ -335,7 +335,7 @@ int LAPI_SRV_ProcessApMsg(uint8_t *pMsg, Fdops *pFdops) {
     }
     MsgHeader h = ReadHeader(pMsg);
     int pid = static_cast<int>(h.pid);
-    Client *pClient = static_cast<Client *>(pFdops->pFdInfo);
+    Client *pClient = LAPI_SRV_FdopsClient(pFdops);
     if (pClient == nullptr) {
         LAPI_SRV_ERR("pFdops->pFdInfo == NULL, pid is : %d!", pid);
         return -1;
@@ -383,7 +383,7 @@ int LAPI_SRV_ProcUnregisterMsg(uint8_t *pMsg, Fdops *pFdops) {
         LAPI_SRV_ERR("Send incomplete unregister response to pid : %d!", pid);
         return -1;
     }
-    LAPI_SRV_RemoveClient(static_cast<Client *>(pFdops->pFdInfo));
+    LAPI_SRV_RemoveClient(LAPI_SRV_FdopsClient(pFdops));
     return 0;
 }
 
@@ -392,7 +392,7 @@ void LAPI_SRV_ProcClientCrash(Fdops *pFdops) {
     if (pFdops == nullptr) {
         return;
     }
-    Client *pClient = static_cast<Client *>(pFdops->pFdInfo);
+    Client *pClient = LAPI_SRV_FdopsClient(pFdops);
     if (pClient != nullptr) {
         LAPI_SRV_RemoveClient(pClient);
     } else {

@@ -102,7 +102,7 @@ struct LogSite {
 #define SITE_ERR(site, ...) LAPI_LogLine(1, 1, __FILE__, (site).line, (site).pFunc, __VA_ARGS__)
 
 static Client *RequestClient(Fdops *pFdops, const MsgHeader &hdr, LogSite site) {
-    Client *pClient = pFdops != nullptr ? static_cast<Client *>(pFdops->pFdInfo) : nullptr;
+    Client *pClient = LAPI_SRV_FdopsClient(pFdops);
     if (pClient == nullptr) {
         SITE_ERR(site, "pFdops->pFdInfo == NULL, pid is : %d!", static_cast<int>(hdr.pid));
     }

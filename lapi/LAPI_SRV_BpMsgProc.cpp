@@ -82,17 +82,14 @@ int LAPI_SRV_ConnectMuxChannel(void) {
         LAPI_SRV_ERR("Fail to open %s, errno is: %d, %s", LAPI_SRV_muxDevice, err, strerror(err));
         return -1;
     }
-    Fdops *pFdops = CreateFdops(fd, LAPI_SRV_MUX_RBUF_SIZE, LAPI_SRV_MUX_WBUF_SIZE);
+    Fdops *pFdops =
+        LAPI_SRV_NewFdops(fd, LAPI_SRV_MUX_RBUF_SIZE, LAPI_SRV_MUX_WBUF_SIZE,
+                          LAPI_SRV_MuxFdReadProc, LAPI_SRV_GeneralWriteProc, LAPI_SRV_CloseFdops);
     if (pFdops == nullptr) {
         CloseFd(fd);
         return -1;
     }
-    pFdops->readProc = LAPI_SRV_MuxFdReadProc;
-    pFdops->writeProc = LAPI_SRV_GeneralWriteProc;
-    pFdops->closeProc = LAPI_SRV_CloseFdops;
-    pFdops->pFdInfo = nullptr;
     LAPI_SRV_pMuxFdops = pFdops;
-    LAPI_SRV_AddFdopsReadList(pFdops);
     LAPI_SRV_muxConnected = 1;
     ClearMuxSendQueue();
     LAPI_SRV_TRACE("Success to connect mux channel.");
@@ -283,38 +280,6 @@ void LAPI_SRV_InitBpMsgProc(void) {
     bpMsgProc[PROXIMITY_HIT_APBP_IND].proc = LAPI_SRV_ProcBpProximityHitIndMsg;
     /* OPEN_SOCKET_BPAP_REQ, SEND_DATA_BPAP_REQ, CLOSE_SOCKET_BPAP_REQ and
      * TLS_SESSION_BPAP_REQ join the table with the network proxy. */
-}
-
-/* ------------------------------------------------------------------------ */
-/* Fixed point                                                               */
-/* ------------------------------------------------------------------------ */
-
-void LAPI_SRV_DoubleToBpFixed(double x, uint8_t *pOut) {
-    if (pOut == nullptr) {
-        return;
-    }
-    double scaled = x * LAPI_BP_FIXED_SCALE;
-    int64_t n;
-    /* 2^63 is exact in a double; anything at or beyond it, or NaN, has no
-     * 64-bit value and would make the conversion undefined. */
-    if (isnan(scaled)) {
-        n = 0;
-    } else if (scaled >= 9223372036854775808.0) {
-        n = INT64_MAX;
-    } else if (scaled < -9223372036854775808.0) {
-        n = INT64_MIN;
-    } else {
-        n = static_cast<int64_t>(scaled); /* truncation toward zero */
-    }
-    LAPI_BpPutU64(pOut, static_cast<uint64_t>(n));
-}
-
-double LAPI_SRV_BpFixedToDouble(const uint8_t *pIn) {
-    if (pIn == nullptr) {
-        return 0.0;
-    }
-    int64_t n = static_cast<int64_t>(LAPI_BpGetU64(pIn));
-    return (static_cast<double>(n) + 0.5) / LAPI_BP_FIXED_SCALE;
 }
 
 /* ------------------------------------------------------------------------ */

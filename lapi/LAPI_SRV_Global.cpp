@@ -383,9 +383,10 @@ void LAPI_SRV_CloseFdops(Fdops *pFdops) {
         LAPI_SRV_pMuxFdops = nullptr;
         LAPI_SRV_ERR("Close LAPI_SRV_pMuxFdops, disconnection with BP!");
     }
-    if (pFdops->pFdInfo != nullptr) {
+    Client *pClient = LAPI_SRV_FdopsClient(pFdops);
+    if (pClient != nullptr) {
         /* A registered connection: the client owns and destroys it. */
-        LAPI_SRV_RemoveClient(static_cast<Client *>(pFdops->pFdInfo));
+        LAPI_SRV_RemoveClient(pClient);
     } else {
         DestroyFdops(pFdops);
     }
@@ -451,10 +452,6 @@ void LAPI_SRV_InitGlobals(void) {
 /* Buffered I/O                                                              */
 /* ------------------------------------------------------------------------ */
 
-static Client *FdopsClient(const Fdops *pFdops) {
-    return static_cast<Client *>(pFdops->pFdInfo);
-}
-
 /*
  * Writes as much of pBuf as the descriptor takes now. Returns the number of
  * bytes written (stopping at EAGAIN or a zero write), or -1 with errno kept
@@ -496,7 +493,7 @@ int LAPI_SRV_GeneralRead(Fdops *pFdops) {
             room -= static_cast<int>(n);
         } else if (n == 0) {
             LAPI_SRV_ERR("Read 0 byte!");
-            Client *pClient = FdopsClient(pFdops);
+            Client *pClient = LAPI_SRV_FdopsClient(pFdops);
             if (pClient != nullptr) {
                 LAPI_SRV_ERR("Socket disconnection, globalId: %d, pid: %d!",
                              static_cast<int>(pClient->globalId), static_cast<int>(pClient->pid));
@@ -511,7 +508,7 @@ int LAPI_SRV_GeneralRead(Fdops *pFdops) {
         } else {
             int err = errno;
             LAPI_SRV_ERR("Fail to read, errno is: %d, %s", err, strerror(err));
-            Client *pClient = FdopsClient(pFdops);
+            Client *pClient = LAPI_SRV_FdopsClient(pFdops);
             if (pClient != nullptr) {
                 LAPI_SRV_ERR("Socket disconnection, globalId: %d, pid: %d!",
                              static_cast<int>(pClient->globalId), static_cast<int>(pClient->pid));
@@ -530,7 +527,7 @@ int LAPI_SRV_GeneralWrite(Fdops *pFdops, const void *pBuf, int count) {
         LAPI_SRV_ERR("(buf == NULL) || (count <= 0)!");
         return -1;
     }
-    Client *pClient = FdopsClient(pFdops);
+    Client *pClient = LAPI_SRV_FdopsClient(pFdops);
     if (pClient != nullptr) {
         LAPI_LogApMsg(pBuf, count, 1);
     }
@@ -603,7 +600,7 @@ void LAPI_SRV_GeneralWriteProc(Fdops *pFdops) {
     if (written < 0) {
         int err = errno;
         LAPI_SRV_ERR("Fail to write, errno is: %d, %s", err, strerror(err));
-        Client *pClient = FdopsClient(pFdops);
+        Client *pClient = LAPI_SRV_FdopsClient(pFdops);
         if (pClient != nullptr) {
             LAPI_SRV_ERR("Socket disconnection, globalId: %d, pid: %d!",
                          static_cast<int>(pClient->globalId), static_cast<int>(pClient->pid));
@@ -1016,14 +1013,14 @@ Transaction *LAPI_SRV_GetTranByClientId(Client *pClient, uint32_t clientSid, uin
 /* ------------------------------------------------------------------------ */
 
 int LAPI_SRV_SendMsgToClient(Fdops *pFdops, const void *pBuf, int len) {
-    if (pFdops == nullptr || pFdops->pFdInfo == nullptr) {
+    if (LAPI_SRV_FdopsClient(pFdops) == nullptr) {
         return -1;
     }
     if (LAPI_SRV_GeneralWrite(pFdops, pBuf, len) == 0) {
         return 0;
     }
     LAPI_SRV_ERR("Fail to send msg to client, pid is :%d!",
-                 static_cast<int>(FdopsClient(pFdops)->pid));
+                 static_cast<int>(LAPI_SRV_FdopsClient(pFdops)->pid));
     if (pFdops->closeProc != nullptr) {
         pFdops->closeProc(pFdops);
     }

@@ -439,16 +439,11 @@ void LAPI_SRV_ListenSockReadProc(Fdops *pFdops) {
         return;
     }
 
-    Fdops *pNew = CreateFdops(fd, LAPI_SRV_CLIENT_RBUF_SIZE, LAPI_SRV_CLIENT_WBUF_SIZE);
-    if (pNew == nullptr) {
+    if (LAPI_SRV_NewFdops(fd, LAPI_SRV_CLIENT_RBUF_SIZE, LAPI_SRV_CLIENT_WBUF_SIZE,
+                          LAPI_SRV_SockReadProcAfterConnect, LAPI_SRV_GeneralWriteProc,
+                          LAPI_SRV_CloseFdops) == nullptr) {
         CloseFd(fd);
-        return;
     }
-    pNew->readProc = LAPI_SRV_SockReadProcAfterConnect;
-    pNew->writeProc = LAPI_SRV_GeneralWriteProc;
-    pNew->closeProc = LAPI_SRV_CloseFdops;
-    pNew->pFdInfo = nullptr;
-    LAPI_SRV_AddFdopsReadList(pNew);
 }
 
 /* ------------------------------------------------------------------------ */
@@ -479,17 +474,12 @@ int LAPI_SRV_Init(void) {
     if (fd < 0) {
         return -1;
     }
-    Fdops *pFdops = CreateFdops(fd, 0, 0);
-    if (pFdops == nullptr) {
+    if (LAPI_SRV_NewFdops(fd, 0, 0, LAPI_SRV_ListenSockReadProc, nullptr, LAPI_SRV_CloseFdops) ==
+        nullptr) {
         CloseFd(fd);
         unlink(LAPI_SRV_sockPath);
         return -1;
     }
-    pFdops->readProc = LAPI_SRV_ListenSockReadProc;
-    pFdops->writeProc = nullptr;
-    pFdops->closeProc = LAPI_SRV_CloseFdops;
-    pFdops->pFdInfo = nullptr;
-    LAPI_SRV_AddFdopsReadList(pFdops);
     return 0;
 }
 

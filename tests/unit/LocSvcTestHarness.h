@@ -152,7 +152,7 @@ class Harness {
         c.pClient = LAPI_SRV_CreateClient(pid, service, pSync);
         pSync->closeProc = LAPI_SRV_ProcClientCrash;
         pAsync->closeProc = LAPI_SRV_CloseFdops;
-        pAsync->pFdInfo = c.pClient;
+        LAPI_SRV_SetFdopsClient(pAsync, c.pClient);
         c.pClient->pAsyncFdops = pAsync;
         c.syncPeer = s[1];
         c.asyncPeer = a[1];
