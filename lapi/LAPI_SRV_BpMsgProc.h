@@ -16,7 +16,9 @@ int LAPI_SRV_BpMsgParse(Fdops *pFdops);
 void LAPI_SRV_ProcessBpMsg(uint8_t *pMsg, uint16_t msgLen);
 
 /* Procedures for the messages the BP sends (msg starts with its BpMsgHeader,
- * msgLen counts the message without the frame bytes). */
+ * msgLen counts the message without the frame bytes). Each is reached through
+ * its dispatch row, which has checked the identifier and the length before
+ * the procedure runs. */
 void LAPI_SRV_ProcBpGetLocationRspMsg(uint8_t *pMsg, uint16_t msgLen);
 void LAPI_SRV_ProcBpAbortLocationRspMsg(uint8_t *pMsg, uint16_t msgLen);
 void LAPI_SRV_ProcBpSetGpsDbDataRspMsg(uint8_t *pMsg, uint16_t msgLen);
@@ -32,9 +34,6 @@ void LAPI_SRV_ProcBpProximityHitIndMsg(uint8_t *pMsg, uint16_t msgLen);
 /* Answers every proximity area of every client after a successful remove-all
  * (called by LAPI_SRV_ProcBpRemoveProximityRspMsg; no table entry). */
 void LAPI_SRV_ProcBpRemoveAllProximityRspMsg(uint8_t *pMsg);
-/* Moves *ppPos on by n bytes; -1 (and *ppPos left alone) when that would pass
- * pEnd, the first byte after the message. Reaching pEnd exactly is allowed. */
-int LAPI_SRV_IncreasePtrAndCheck(const uint8_t **ppPos, const uint8_t *pEnd, int n);
 
 /* Fill the 32-entry BP procedure table and the BP trace table. */
 void LAPI_SRV_InitBpMsgProc(void);
@@ -42,6 +41,51 @@ void LAPI_SRV_InitBpMsgLogProc(void);
 
 /* One entry of the BP procedure table. */
 typedef void (*BpMsgProc)(uint8_t *pMsg, uint16_t msgLen);
+
+/* ---- dispatch rows ----
+ *
+ * Every BP message identifier the server takes has one row: its procedure,
+ * the name and source file its diagnostics carry, and its length rule with
+ * the wrong-length text. LAPI_SRV_ProcessBpMsg checks the length from the
+ * row before the procedure runs, so a procedure reads its fields knowing
+ * that the message holds them (an at-least row still leaves the parts
+ * behind the minimum to the procedure's own reader).
+ *
+ * To add a row (the socket requests 9, 11, 14 and 30, say): write the
+ * procedure in its own source, list it there in a row array with
+ * LAPI_SRV_BP_ROW (which records that source's name), export the array and
+ * its size next to LAPI_SRV_bpLocationRows below, and install it in
+ * LAPI_SRV_InitBpMsgProc with one more InstallBpRows call. Identifiers out
+ * of range or taken twice are refused when the rows are installed. */
+enum LAPI_SRV_LenRule : uint8_t {
+    LAPI_SRV_LEN_EXACT = 0,    /* msgLen == len */
+    LAPI_SRV_LEN_AT_LEAST = 1, /* msgLen >= len */
+};
+
+struct LAPI_SRV_BpMsgRow {
+    uint8_t subCmdId;
+    BpMsgProc proc;
+    const char *pProcName; /* the function named on its error lines */
+    const char *pFile;     /* the source those lines name */
+    LAPI_SRV_LenRule lenRule;
+    uint16_t len;
+    const char *pWrongLenFmt; /* takes the length received, then len */
+};
+
+#define LAPI_SRV_BP_ROW(subCmdId, proc, lenRule, len, wrongLenFmt)           \
+    LAPI_SRV_BpMsgRow {                                                      \
+        (subCmdId), (proc), #proc, __FILE__, (lenRule), (len), (wrongLenFmt) \
+    }
+
+/* The answers and indications of the location service. */
+extern const LAPI_SRV_BpMsgRow LAPI_SRV_bpLocationRows[];
+extern const size_t LAPI_SRV_bpLocationRowCount;
+
+/* The installed row of subCmdId, or null (out of range or no procedure). */
+const LAPI_SRV_BpMsgRow *LAPI_SRV_GetBpMsgRow(uint8_t subCmdId);
+/* Checks the identifier and the length of pMsg against the row, in the name
+ * of the row's procedure, and runs the procedure when both hold. */
+void LAPI_SRV_RunBpMsgRow(const LAPI_SRV_BpMsgRow *pRow, uint8_t *pMsg, uint16_t msgLen);
 
 /* ---- BP message tracing ---- */
 

@@ -205,12 +205,24 @@ inline int CallHandler(int (*handler)(uint8_t *, Fdops *), const Bytes &msg, Fdo
     return r;
 }
 
+/* Runs a BP procedure as the dispatcher does: through its row, which checks
+ * the identifier and the length first. */
 inline void CallBp(void (*proc)(uint8_t *, uint16_t), const Bytes &msg) {
     uint8_t *p = static_cast<uint8_t *>(malloc(msg.empty() ? 1 : msg.size()));
     if (!msg.empty()) {
         memcpy(p, msg.data(), msg.size());
     }
-    proc(p, static_cast<uint16_t>(msg.size()));
+    const LAPI_SRV_BpMsgRow *pRow = nullptr;
+    for (size_t i = 0; i < LAPI_SRV_bpLocationRowCount; ++i) {
+        if (LAPI_SRV_bpLocationRows[i].proc == proc) {
+            pRow = &LAPI_SRV_bpLocationRows[i];
+        }
+    }
+    if (pRow != nullptr) {
+        LAPI_SRV_RunBpMsgRow(pRow, p, static_cast<uint16_t>(msg.size()));
+    } else {
+        proc(p, static_cast<uint16_t>(msg.size()));
+    }
     free(p);
 }
 
