@@ -302,8 +302,7 @@ void LAPI_SRV_RunBpMsgRow(const LAPI_SRV_BpMsgRow *pRow, uint8_t *pMsg, uint16_t
                          r.Left() > 0 ? subCmdId : 0xFF, msgLen);
             return;
         }
-        bool bOk = pRow->lenRule == LAPI_SRV_LEN_EXACT ? msgLen == pRow->len : msgLen >= pRow->len;
-        if (!bOk) {
+        if (!LAPI_SRV_LenFits(pRow->lenRule, pRow->len, msgLen)) {
             LAPI_LogLine(1, 1, pRow->pFile, __LINE__, pRow->pProcName, pRow->pWrongLenFmt, msgLen,
                          pRow->len);
             return;

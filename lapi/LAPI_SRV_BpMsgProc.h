@@ -2,6 +2,7 @@
 #ifndef LAPI_SRV_BPMSGPROC_H
 #define LAPI_SRV_BPMSGPROC_H
 
+#include <stddef.h>
 #include <stdint.h>
 
 #include "LAPI_BpMsg.h"
@@ -57,11 +58,6 @@ typedef void (*BpMsgProc)(uint8_t *pMsg, uint16_t msgLen);
  * its size next to LAPI_SRV_bpLocationRows below, and install it in
  * LAPI_SRV_InitBpMsgProc with one more InstallBpRows call. Identifiers out
  * of range or taken twice are refused when the rows are installed. */
-enum LAPI_SRV_LenRule : uint8_t {
-    LAPI_SRV_LEN_EXACT = 0,    /* msgLen == len */
-    LAPI_SRV_LEN_AT_LEAST = 1, /* msgLen >= len */
-};
-
 struct LAPI_SRV_BpMsgRow {
     uint8_t subCmdId;
     BpMsgProc proc;

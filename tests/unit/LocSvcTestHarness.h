@@ -197,10 +197,29 @@ inline MsgHeader MakeHeader(uint16_t msgId, uint16_t msgLen, uint32_t pid = 4321
 
 /* Calls a handler with an exact-size heap copy, so that any read beyond the
  * message is caught by the address sanitizer. */
+/* The row of a client-message handler (null for a stand-in). */
+inline const LAPI_SRV_ApMsgRow *ApRowOf(int (*handler)(uint8_t *, Fdops *)) {
+    if (LAPI_SRV_unregisterRow.proc == handler) {
+        return &LAPI_SRV_unregisterRow;
+    }
+    if (LAPI_SRV_removeAllProximityRow.proc == handler) {
+        return &LAPI_SRV_removeAllProximityRow;
+    }
+    for (size_t i = 0; i < LAPI_SRV_apRequestRowCount; ++i) {
+        if (LAPI_SRV_apRequestRows[i].proc == handler) {
+            return &LAPI_SRV_apRequestRows[i];
+        }
+    }
+    return nullptr;
+}
+
+/* Runs a handler as the dispatcher does: through its row, which checks the
+ * identifier and the length first. */
 inline int CallHandler(int (*handler)(uint8_t *, Fdops *), const Bytes &msg, Fdops *pFdops) {
     uint8_t *p = static_cast<uint8_t *>(malloc(msg.size()));
     memcpy(p, msg.data(), msg.size());
-    int r = handler(p, pFdops);
+    const LAPI_SRV_ApMsgRow *pRow = ApRowOf(handler);
+    int r = pRow != nullptr ? LAPI_SRV_RunApMsgRow(pRow, p, pFdops) : handler(p, pFdops);
     free(p);
     return r;
 }

@@ -703,7 +703,9 @@ TEST_F(ApMsgProcTest, ProcUnregisterMsgRefusesAnotherMsgId) {
     Handshake(&sync, &async);
     Bytes msg = MakeMsg(LAPI_GET_STATUS_REQ, {}, kPid);
     StderrCapture cap;
-    EXPECT_EQ(-1, LAPI_SRV_ProcUnregisterMsg(msg.data(), OnlyClient()->pSyncFdops));
+    /* Reached through its row, as the dispatcher reaches it. */
+    EXPECT_EQ(-1,
+              LAPI_SRV_RunApMsgRow(&LAPI_SRV_unregisterRow, msg.data(), OnlyClient()->pSyncFdops));
     std::string err = cap.Stop();
     EXPECT_TRUE(
         HasError(err, "LAPI_SRV_ProcUnregisterMsg",
