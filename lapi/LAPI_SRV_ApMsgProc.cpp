@@ -120,13 +120,7 @@ int LAPI_SRV_RunApMsgRow(const LAPI_SRV_ApMsgRow *pRow, uint8_t *pMsg, Fdops *pF
 /* ------------------------------------------------------------------------ */
 
 void LAPI_SRV_SockReadProcAfterConnect(Fdops *pFdops) {
-    if (!HasReadBuffer(pFdops)) {
-        LAPI_SRV_ERR("Invalid pFdops!");
-        return;
-    }
-    if (LAPI_SRV_GeneralRead(pFdops) < 0) {
-        LAPI_SRV_ERR("Fail to general read for pFdops!");
-        CallCloseProc(pFdops);
+    if (!LAPI_SRV_READ_INTO_FDOPS(pFdops)) {
         return;
     }
     if (LAPI_SRV_SockMsgProcAfterConnect(pFdops) < 0) {
@@ -136,13 +130,7 @@ void LAPI_SRV_SockReadProcAfterConnect(Fdops *pFdops) {
 }
 
 void LAPI_SRV_SockReadProcAfterRegister(Fdops *pFdops) {
-    if (!HasReadBuffer(pFdops)) {
-        LAPI_SRV_ERR("Invalid pFdops!");
-        return;
-    }
-    if (LAPI_SRV_GeneralRead(pFdops) < 0) {
-        LAPI_SRV_ERR("Fail to general read for pFdops!");
-        CallCloseProc(pFdops);
+    if (!LAPI_SRV_READ_INTO_FDOPS(pFdops)) {
         return;
     }
     /* A successful unregisterReq has freed pFdops: touch it only on failure,
@@ -154,13 +142,7 @@ void LAPI_SRV_SockReadProcAfterRegister(Fdops *pFdops) {
 }
 
 void LAPI_SRV_SockReadProcNull(Fdops *pFdops) {
-    if (!HasReadBuffer(pFdops)) {
-        LAPI_SRV_ERR("Invalid pFdops!");
-        return;
-    }
-    if (LAPI_SRV_GeneralRead(pFdops) < 0) {
-        LAPI_SRV_ERR("Fail to general read for pFdops!");
-        CallCloseProc(pFdops);
+    if (!LAPI_SRV_READ_INTO_FDOPS(pFdops)) {
         return;
     }
     if (pFdops->rbuf.idx > 0) {

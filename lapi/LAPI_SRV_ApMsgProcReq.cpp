@@ -184,6 +184,39 @@ static Transaction *StartTransaction(Client *pClient, const MsgHeader &hdr, cons
     return pTran;
 }
 
+/* The client's new transaction for a request that goes to the BP: null with
+ * *pResult holding what the handler returns, as StartTransaction. */
+static Transaction *StartBpRequest(uint8_t *pMsg, Fdops *pFdops, uint16_t subCmdId,
+                                   uint32_t deadlineSec, int *pResult, LogSite site) {
+    MsgHeader hdr = ReadHeader(pMsg);
+    Client *pClient = RequestClient(pFdops, hdr, site);
+    if (pClient == nullptr) {
+        *pResult = -1;
+        return nullptr;
+    }
+    return StartTransaction(pClient, hdr, ReadPrefix(pMsg), subCmdId, deadlineSec, pResult, site);
+}
+
+/* A BP message built in a frame buffer of its own, header first. */
+class BpRequest {
+  public:
+    BpRequest(uint8_t subCmdId, uint8_t sid, uint8_t tid) : w_(MsgWriter(frame_, sizeof(frame_))) {
+        PutBpHeader(&w_, subCmdId, sid, tid);
+    }
+    LAPI_Writer &W() { return w_; }
+    /* Frames and sends it. A failure is only logged, in the handler's name:
+     * the transaction stays and its deadline cleans up. */
+    void Send(const char *pName, uint32_t pid, LogSite site) {
+        if (SendBpMsg(frame_, w_) < 0) {
+            SITE_ERR(site, "Fail to send %s msg to BP, pid is : %d!", pName, static_cast<int>(pid));
+        }
+    }
+
+  private:
+    uint8_t frame_[LAPI_SRV_BP_FRAME_BUF_LEN];
+    LAPI_Writer w_;
+};
+
 /* ------------------------------------------------------------------------ */
 /* Short answers the server gives by itself                                  */
 /* ------------------------------------------------------------------------ */
@@ -244,17 +277,10 @@ int LAPI_SRV_AbortLocationReq(Transaction *pTran, uint32_t isSync) {
 }
 
 int LAPI_SRV_ProcGetLocationMsg(uint8_t *pMsg, Fdops *pFdops) {
-    MsgHeader hdr = ReadHeader(pMsg);
-    Client *pClient = RequestClient(pFdops, hdr, LOG_SITE);
-    if (pClient == nullptr) {
-        return -1;
-    }
     GetLocationReq req = ReadMsg<GetLocationReq>(pMsg);
-    ReqPrefix prefix = ReadPrefix(pMsg);
-
     int result = 0;
-    Transaction *pTran = StartTransaction(
-        pClient, hdr, prefix, GEOLOCATION_APBP_REQ,
+    Transaction *pTran = StartBpRequest(
+        pMsg, pFdops, GEOLOCATION_APBP_REQ,
         LAPI_SRV_GetLocationDeadlineSec(req.responseTime, req.reportCriteria), &result, LOG_SITE);
     if (pTran == nullptr) {
         return result;
@@ -265,9 +291,8 @@ int LAPI_SRV_ProcGetLocationMsg(uint8_t *pMsg, Fdops *pFdops) {
 
     LAPI_SRV_LOG_LocationReq(&req, pTran->sid, pTran->tid);
 
-    uint8_t frame[LAPI_BP_GET_LOCATION_REQ_LEN + LAPI_BP_FRAME_OVERHEAD];
-    LAPI_Writer w = MsgWriter(frame, sizeof(frame));
-    PutBpHeader(&w, GEOLOCATION_APBP_REQ, pTran->sid, pTran->tid);
+    BpRequest bp(GEOLOCATION_APBP_REQ, pTran->sid, pTran->tid);
+    LAPI_Writer &w = bp.W();
     w.PutBe32(req.responseTime);
     w.PutBe32(req.horizontalAccuracy);
     w.PutBe32(req.verticalAccuracy);
@@ -279,10 +304,7 @@ int LAPI_SRV_ProcGetLocationMsg(uint8_t *pMsg, Fdops *pFdops) {
     w.PutU8(req.speedAndCourseRequired);
     w.PutU8(req.altitudeRequired);
     w.PutU8(req.nmeaRequired);
-    if (SendBpMsg(frame, w) < 0) {
-        /* The transaction stays: its deadline cleans up. */
-        LAPI_SRV_ERR("Fail to send getLocation msg to BP, pid is : %d!", static_cast<int>(hdr.pid));
-    }
+    bp.Send("getLocation", req.header.pid, LOG_SITE);
     return 0;
 }
 
@@ -321,25 +343,14 @@ int LAPI_SRV_ProcAbortAllLocationMsg(uint8_t * /*pMsg*/, Fdops * /*pFdops*/) {
 }
 
 int LAPI_SRV_ProcLastKnownLocationMsg(uint8_t *pMsg, Fdops *pFdops) {
-    MsgHeader hdr = ReadHeader(pMsg);
-    Client *pClient = RequestClient(pFdops, hdr, LOG_SITE);
-    if (pClient == nullptr) {
-        return -1;
-    }
     int result = 0;
-    Transaction *pTran =
-        StartTransaction(pClient, hdr, ReadPrefix(pMsg), LAST_KNOWN_GEOLOCATION_APBP_REQ,
-                         LAPI_SRV_LAST_KNOWN_DEADLINE_SEC, &result, LOG_SITE);
+    Transaction *pTran = StartBpRequest(pMsg, pFdops, LAST_KNOWN_GEOLOCATION_APBP_REQ,
+                                        LAPI_SRV_LAST_KNOWN_DEADLINE_SEC, &result, LOG_SITE);
     if (pTran == nullptr) {
         return result;
     }
-    uint8_t frame[LAPI_BP_LAST_KNOWN_LOCATION_REQ_LEN + LAPI_BP_FRAME_OVERHEAD];
-    LAPI_Writer w = MsgWriter(frame, sizeof(frame));
-    PutBpHeader(&w, LAST_KNOWN_GEOLOCATION_APBP_REQ, pTran->sid, pTran->tid);
-    if (SendBpMsg(frame, w) < 0) {
-        LAPI_SRV_ERR("Fail to send getLastKnownLocation msg to BP, pid is : %d!",
-                     static_cast<int>(hdr.pid));
-    }
+    BpRequest bp(LAST_KNOWN_GEOLOCATION_APBP_REQ, pTran->sid, pTran->tid);
+    bp.Send("getLastKnownLocation", ReadHeader(pMsg).pid, LOG_SITE);
     return 0;
 }
 
@@ -348,26 +359,16 @@ int LAPI_SRV_ProcLastKnownLocationMsg(uint8_t *pMsg, Fdops *pFdops) {
 /* ------------------------------------------------------------------------ */
 
 int LAPI_SRV_ProcGetGpsDbDataMsg(uint8_t *pMsg, Fdops *pFdops) {
-    MsgHeader hdr = ReadHeader(pMsg);
-    Client *pClient = RequestClient(pFdops, hdr, LOG_SITE);
-    if (pClient == nullptr) {
-        return -1;
-    }
     GetGpsDbDataReq req = ReadMsg<GetGpsDbDataReq>(pMsg);
     int result = 0;
-    Transaction *pTran = StartTransaction(pClient, hdr, ReadPrefix(pMsg), DB_READ_APBP_REQ,
-                                          LAPI_SRV_DB_DEADLINE_SEC, &result, LOG_SITE);
+    Transaction *pTran =
+        StartBpRequest(pMsg, pFdops, DB_READ_APBP_REQ, LAPI_SRV_DB_DEADLINE_SEC, &result, LOG_SITE);
     if (pTran == nullptr) {
         return result;
     }
-    uint8_t frame[LAPI_BP_GET_GPS_DB_DATA_REQ_LEN + LAPI_BP_FRAME_OVERHEAD];
-    LAPI_Writer w = MsgWriter(frame, sizeof(frame));
-    PutBpHeader(&w, DB_READ_APBP_REQ, pTran->sid, pTran->tid);
-    w.PutBe32(req.fileId);
-    if (SendBpMsg(frame, w) < 0) {
-        LAPI_SRV_ERR("Fail to send getGpsDbData msg to BP, pid is : %d!",
-                     static_cast<int>(hdr.pid));
-    }
+    BpRequest bp(DB_READ_APBP_REQ, pTran->sid, pTran->tid);
+    bp.W().PutBe32(req.fileId);
+    bp.Send("getGpsDbData", req.header.pid, LOG_SITE);
     return 0;
 }
 
@@ -380,13 +381,9 @@ int LAPI_SRV_ProcGetGpsDbDataMsg(uint8_t *pMsg, Fdops *pFdops) {
  */
 int LAPI_SRV_ProcSetGpsDbDataMsg(uint8_t *pMsg, Fdops *pFdops) {
     MsgHeader hdr = ReadHeader(pMsg);
-    Client *pClient = RequestClient(pFdops, hdr, LOG_SITE);
-    if (pClient == nullptr) {
-        return -1;
-    }
     int result = 0;
-    Transaction *pTran = StartTransaction(pClient, hdr, ReadPrefix(pMsg), DB_WRITE_APBP_REQ,
-                                          LAPI_SRV_DB_DEADLINE_SEC, &result, LOG_SITE);
+    Transaction *pTran = StartBpRequest(pMsg, pFdops, DB_WRITE_APBP_REQ, LAPI_SRV_DB_DEADLINE_SEC,
+                                        &result, LOG_SITE);
     if (pTran == nullptr) {
         return result;
     }
@@ -400,9 +397,8 @@ int LAPI_SRV_ProcSetGpsDbDataMsg(uint8_t *pMsg, Fdops *pFdops) {
     uint16_t numFiles = 0;
     ReaderAt(padded, offsetof(SetGpsDbDataReq, numFiles)).GetHost16(&numFiles);
 
-    uint8_t frame[LAPI_SRV_BP_FRAME_BUF_LEN];
-    LAPI_Writer w = MsgWriter(frame, sizeof(frame));
-    PutBpHeader(&w, DB_WRITE_APBP_REQ, pTran->sid, pTran->tid);
+    BpRequest bp(DB_WRITE_APBP_REQ, pTran->sid, pTran->tid);
+    LAPI_Writer &w = bp.W();
     w.PutBe16(numFiles);
     for (uint32_t i = 0; i < numFiles; ++i) {
         size_t entry = offsetof(SetGpsDbDataReq, dbFile) + sizeof(DbFile) * i;
@@ -433,76 +429,48 @@ int LAPI_SRV_ProcSetGpsDbDataMsg(uint8_t *pMsg, Fdops *pFdops) {
             }
         }
     }
-    if (SendBpMsg(frame, w) < 0) {
-        LAPI_SRV_ERR("Fail to send setGpsDbData msg to BP, pid is : %d!",
-                     static_cast<int>(hdr.pid));
-    }
+    bp.Send("setGpsDbData", hdr.pid, LOG_SITE);
     return 0;
 }
 
 int LAPI_SRV_ProcGetStatusMsg(uint8_t *pMsg, Fdops *pFdops) {
-    MsgHeader hdr = ReadHeader(pMsg);
-    Client *pClient = RequestClient(pFdops, hdr, LOG_SITE);
-    if (pClient == nullptr) {
-        return -1;
-    }
     int result = 0;
-    Transaction *pTran = StartTransaction(pClient, hdr, ReadPrefix(pMsg), GET_STATUS_APBP_REQ,
-                                          LAPI_SRV_STATUS_DEADLINE_SEC, &result, LOG_SITE);
+    Transaction *pTran = StartBpRequest(pMsg, pFdops, GET_STATUS_APBP_REQ,
+                                        LAPI_SRV_STATUS_DEADLINE_SEC, &result, LOG_SITE);
     if (pTran == nullptr) {
         return result;
     }
-    uint8_t frame[LAPI_BP_GET_STATUS_REQ_LEN + LAPI_BP_FRAME_OVERHEAD];
-    LAPI_Writer w = MsgWriter(frame, sizeof(frame));
-    PutBpHeader(&w, GET_STATUS_APBP_REQ, pTran->sid, pTran->tid);
-    if (SendBpMsg(frame, w) < 0) {
-        LAPI_SRV_ERR("Fail to send getStatus msg to BP, pid is : %d!", static_cast<int>(hdr.pid));
-    }
+    BpRequest bp(GET_STATUS_APBP_REQ, pTran->sid, pTran->tid);
+    bp.Send("getStatus", ReadHeader(pMsg).pid, LOG_SITE);
     return 0;
 }
 
 /* The pair in the answer is the BP's own, from the notification being
  * answered: it goes back unchanged and nothing is kept here. */
 int LAPI_SRV_ProcLocationNotificationCfmMsg(uint8_t *pMsg, Fdops * /*pFdops*/) {
-    MsgHeader hdr = ReadHeader(pMsg);
     LocationNotificationCfm cfm = ReadMsg<LocationNotificationCfm>(pMsg);
-    uint8_t frame[LAPI_BP_LOCATION_NOTIFICATION_RSP_LEN + LAPI_BP_FRAME_OVERHEAD];
-    LAPI_Writer w = MsgWriter(frame, sizeof(frame));
-    PutBpHeader(&w, LOCATION_NOTIFICATION_APBP_RES, cfm.sessionId, cfm.transactionId);
-    w.PutBe32(cfm.responseType);
-    if (SendBpMsg(frame, w) < 0) {
-        LAPI_SRV_ERR("Fail to send locationNotificationCfm msg to BP, pid is : %d!",
-                     static_cast<int>(hdr.pid));
-    }
+    BpRequest bp(LOCATION_NOTIFICATION_APBP_RES, cfm.sessionId, cfm.transactionId);
+    bp.W().PutBe32(cfm.responseType);
+    bp.Send("locationNotificationCfm", cfm.header.pid, LOG_SITE);
     return 0;
 }
 
 int LAPI_SRV_ProcDistanceAzimuthMsg(uint8_t *pMsg, Fdops *pFdops) {
-    MsgHeader hdr = ReadHeader(pMsg);
-    Client *pClient = RequestClient(pFdops, hdr, LOG_SITE);
-    if (pClient == nullptr) {
-        return -1;
-    }
     DistanceAzimuthReq req = ReadMsg<DistanceAzimuthReq>(pMsg);
     int result = 0;
-    Transaction *pTran =
-        StartTransaction(pClient, hdr, ReadPrefix(pMsg), DISTANCE_AND_AZIMUTH_APBP_REQ,
-                         LAPI_SRV_DISTANCE_DEADLINE_SEC, &result, LOG_SITE);
+    Transaction *pTran = StartBpRequest(pMsg, pFdops, DISTANCE_AND_AZIMUTH_APBP_REQ,
+                                        LAPI_SRV_DISTANCE_DEADLINE_SEC, &result, LOG_SITE);
     if (pTran == nullptr) {
         return result;
     }
-    uint8_t frame[LAPI_BP_DISTANCE_AZIMUTH_REQ_LEN + LAPI_BP_FRAME_OVERHEAD];
-    LAPI_Writer w = MsgWriter(frame, sizeof(frame));
-    PutBpHeader(&w, DISTANCE_AND_AZIMUTH_APBP_REQ, pTran->sid, pTran->tid);
+    BpRequest bp(DISTANCE_AND_AZIMUTH_APBP_REQ, pTran->sid, pTran->tid);
+    LAPI_Writer &w = bp.W();
     w.PutBpFixed(req.latitude1);
     w.PutBpFixed(req.longitude1);
     w.PutBpFixed(req.latitude2);
     w.PutBpFixed(req.longitude2);
     w.PutU8(req.distanceOnly);
-    if (SendBpMsg(frame, w) < 0) {
-        LAPI_SRV_ERR("Fail to send distanceAzimuthReq msg to BP, pid is : %d!",
-                     static_cast<int>(hdr.pid));
-    }
+    bp.Send("distanceAzimuthReq", req.header.pid, LOG_SITE);
     return 0;
 }
 
@@ -511,61 +479,41 @@ int LAPI_SRV_ProcDistanceAzimuthMsg(uint8_t *pMsg, Fdops *pFdops) {
 /* ------------------------------------------------------------------------ */
 
 int LAPI_SRV_ProcAddProximityMsg(uint8_t *pMsg, Fdops *pFdops) {
-    MsgHeader hdr = ReadHeader(pMsg);
-    Client *pClient = RequestClient(pFdops, hdr, LOG_SITE);
-    if (pClient == nullptr) {
-        return -1;
-    }
     AddProximityReq req = ReadMsg<AddProximityReq>(pMsg);
     int result = 0;
     /* The transaction stays after the BP's answer as the record of the area. */
-    Transaction *pTran = StartTransaction(pClient, hdr, ReadPrefix(pMsg), PROXIMITY_ADD_APBP_REQ,
-                                          LAPI_SRV_ADD_PROXIMITY_DEADLINE_SEC, &result, LOG_SITE);
+    Transaction *pTran = StartBpRequest(pMsg, pFdops, PROXIMITY_ADD_APBP_REQ,
+                                        LAPI_SRV_ADD_PROXIMITY_DEADLINE_SEC, &result, LOG_SITE);
     if (pTran == nullptr) {
         return result;
     }
-    uint8_t frame[LAPI_BP_ADD_PROXIMITY_REQ_LEN + LAPI_BP_FRAME_OVERHEAD];
-    LAPI_Writer w = MsgWriter(frame, sizeof(frame));
-    PutBpHeader(&w, PROXIMITY_ADD_APBP_REQ, pTran->sid, pTran->tid);
+    BpRequest bp(PROXIMITY_ADD_APBP_REQ, pTran->sid, pTran->tid);
+    LAPI_Writer &w = bp.W();
     w.PutBpFixed(req.latitude);
     w.PutBpFixed(req.longitude);
     w.PutBpFixed(req.altitude);
     w.PutBpFixed(req.radius);
-    if (SendBpMsg(frame, w) < 0) {
-        LAPI_SRV_ERR("Fail to send addProximityReq msg to BP, pid is : %d!",
-                     static_cast<int>(hdr.pid));
-    }
+    bp.Send("addProximityReq", req.header.pid, LOG_SITE);
     return 0;
 }
 
-static void SendRemoveProximityReq(const Transaction *pTran, uint32_t removeType,
-                                   const MsgHeader &hdr, LogSite site) {
-    uint8_t frame[LAPI_BP_REMOVE_PROXIMITY_REQ_LEN + LAPI_BP_FRAME_OVERHEAD];
-    LAPI_Writer w = MsgWriter(frame, sizeof(frame));
-    PutBpHeader(&w, PROXIMITY_REM_APBP_REQ, pTran->sid, pTran->tid);
-    w.PutBe32(removeType);
-    if (SendBpMsg(frame, w) < 0) {
-        SITE_ERR(site, "Fail to send removeProximityReq msg to BP, pid is : %d!",
-                 static_cast<int>(hdr.pid));
-    }
+static void SendRemoveProximityReq(const Transaction *pTran, uint32_t removeType, uint32_t pid,
+                                   LogSite site) {
+    BpRequest bp(PROXIMITY_REM_APBP_REQ, pTran->sid, pTran->tid);
+    bp.W().PutBe32(removeType);
+    bp.Send("removeProximityReq", pid, site);
 }
 
 int LAPI_SRV_ProcRemoveAllProximityMsg(uint8_t *pMsg, Fdops *pFdops) {
-    MsgHeader hdr = ReadHeader(pMsg);
-    Client *pClient = RequestClient(pFdops, hdr, LOG_SITE);
-    if (pClient == nullptr) {
-        return -1;
-    }
     RemoveProximityReq req = ReadMsg<RemoveProximityReq>(pMsg);
     int result = 0;
-    Transaction *pTran =
-        StartTransaction(pClient, hdr, ReadPrefix(pMsg), PROXIMITY_REM_APBP_REQ,
-                         LAPI_SRV_REMOVE_PROXIMITY_DEADLINE_SEC, &result, LOG_SITE);
+    Transaction *pTran = StartBpRequest(pMsg, pFdops, PROXIMITY_REM_APBP_REQ,
+                                        LAPI_SRV_REMOVE_PROXIMITY_DEADLINE_SEC, &result, LOG_SITE);
     if (pTran == nullptr) {
         return result;
     }
     pTran->reqParam = req.removeType;
-    SendRemoveProximityReq(pTran, req.removeType, hdr, LOG_SITE);
+    SendRemoveProximityReq(pTran, req.removeType, req.header.pid, LOG_SITE);
     return 0;
 }
 
@@ -599,7 +547,7 @@ int LAPI_SRV_ProcRemoveProximityMsg(uint8_t *pMsg, Fdops *pFdops) {
     pTran->expireTime = LAPI_SRV_TicksAhead(LAPI_SRV_REMOVE_PROXIMITY_DEADLINE_SEC);
     pTran->isSync = static_cast<uint8_t>(isSync);
     pTran->reqParam = req.removeType;
-    SendRemoveProximityReq(pTran, req.removeType, hdr, LOG_SITE);
+    SendRemoveProximityReq(pTran, req.removeType, hdr.pid, LOG_SITE);
     return 0;
 }
 

@@ -142,15 +142,7 @@ int LAPI_SRV_SendMsgToBp(uint8_t *pFrame, uint16_t frameLen) {
 
 void LAPI_SRV_MuxFdReadProc(Fdops *pFdops) {
     LAPI_SRV_TRACE("Enter LAPI_SRV_MuxFdReadProc");
-    if (pFdops == nullptr || pFdops->rbuf.buf == nullptr || pFdops->rbuf.len == 0) {
-        LAPI_SRV_ERR("Invalid pFdops!");
-        return;
-    }
-    if (LAPI_SRV_GeneralRead(pFdops) < 0) {
-        LAPI_SRV_ERR("Fail to general read for pFdops!");
-        if (pFdops->closeProc != nullptr) {
-            pFdops->closeProc(pFdops);
-        }
+    if (!LAPI_SRV_READ_INTO_FDOPS(pFdops)) {
         return;
     }
     LAPI_SRV_BpMsgParse(pFdops);

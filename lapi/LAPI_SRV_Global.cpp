@@ -276,73 +276,92 @@ static bool FdInSetRange(int fd) {
     return fd >= 0 && fd < FD_SETSIZE;
 }
 
-void LAPI_SRV_AddFdopsReadList(Fdops *pFdops) {
+/* The read side and the write side of the loop: a list, its descriptor
+ * set, its highest descriptor and its changed flag. */
+struct FdopsSide {
+    List *pList;
+    fd_set *pSet;
+    int *pMaxFd;
+    uint8_t *pChanged;
+};
+
+static FdopsSide ReadSide() {
+    return FdopsSide{&LAPI_SRV_readFdopsList, &readFdSet, &maxReadFd, &readListChanged};
+}
+
+static FdopsSide WriteSide() {
+    return FdopsSide{&LAPI_SRV_writeFdopsList, &writeFdSet, &maxWriteFd, &writeListChanged};
+}
+
+/* The failure line names the caller (LAPI_SRV_AddFdopsReadList or ...Write). */
+static void AddFdopsTo(const FdopsSide &side, Fdops *pFdops, const char *pFailText,
+                       const char *func, int line) {
     if (pFdops == nullptr) {
         return;
     }
     if (!FdInSetRange(pFdops->fd)) {
-        LAPI_SRV_ERR("Fail to AddFdopsReadList!");
+        LAPI_LogLine(1, 1, __FILE__, line, func, "%s", pFailText);
         return;
     }
-    if (FD_ISSET(pFdops->fd, &readFdSet)) {
+    if (FD_ISSET(pFdops->fd, side.pSet)) {
         return;
     }
-    if (List_AddTail(&LAPI_SRV_readFdopsList, pFdops) == nullptr) {
-        LAPI_SRV_ERR("Fail to AddFdopsReadList!");
+    if (List_AddTail(side.pList, pFdops) == nullptr) {
+        LAPI_LogLine(1, 1, __FILE__, line, func, "%s", pFailText);
         return;
     }
-    FD_SET(pFdops->fd, &readFdSet);
-    readListChanged = 1;
-    if (pFdops->fd > maxReadFd) {
-        maxReadFd = pFdops->fd;
+    FD_SET(pFdops->fd, side.pSet);
+    *side.pChanged = 1;
+    if (pFdops->fd > *side.pMaxFd) {
+        *side.pMaxFd = pFdops->fd;
     }
+}
+
+static void RemoveFdopsFrom(const FdopsSide &side, Fdops *pFdops) {
+    if (pFdops == nullptr || !FdInSetRange(pFdops->fd) || !FD_ISSET(pFdops->fd, side.pSet)) {
+        return;
+    }
+    FD_CLR(pFdops->fd, side.pSet);
+    /* One step down only: select() tolerates a maximum above the truth. */
+    if (pFdops->fd == *side.pMaxFd) {
+        (*side.pMaxFd)--;
+    }
+    List_Remove(side.pList, pFdops);
+    *side.pChanged = 1;
+}
+
+void LAPI_SRV_AddFdopsReadList(Fdops *pFdops) {
+    AddFdopsTo(ReadSide(), pFdops, "Fail to AddFdopsReadList!", __func__, __LINE__);
 }
 
 void LAPI_SRV_RemoveFdopsReadList(Fdops *pFdops) {
-    if (pFdops == nullptr || !FdInSetRange(pFdops->fd) || !FD_ISSET(pFdops->fd, &readFdSet)) {
-        return;
-    }
-    FD_CLR(pFdops->fd, &readFdSet);
-    /* One step down only: select() tolerates a maximum above the truth. */
-    if (pFdops->fd == maxReadFd) {
-        maxReadFd--;
-    }
-    List_Remove(&LAPI_SRV_readFdopsList, pFdops);
-    readListChanged = 1;
+    RemoveFdopsFrom(ReadSide(), pFdops);
 }
 
 void LAPI_SRV_AddFdopsWriteList(Fdops *pFdops) {
-    if (pFdops == nullptr) {
-        return;
-    }
-    if (!FdInSetRange(pFdops->fd)) {
-        LAPI_SRV_ERR("Fail to AddFdopsWriteList!");
-        return;
-    }
-    if (FD_ISSET(pFdops->fd, &writeFdSet)) {
-        return;
-    }
-    if (List_AddTail(&LAPI_SRV_writeFdopsList, pFdops) == nullptr) {
-        LAPI_SRV_ERR("Fail to AddFdopsWriteList!");
-        return;
-    }
-    FD_SET(pFdops->fd, &writeFdSet);
-    writeListChanged = 1;
-    if (pFdops->fd > maxWriteFd) {
-        maxWriteFd = pFdops->fd;
-    }
+    AddFdopsTo(WriteSide(), pFdops, "Fail to AddFdopsWriteList!", __func__, __LINE__);
 }
 
 void LAPI_SRV_RemoveFdopsWriteList(Fdops *pFdops) {
-    if (pFdops == nullptr || !FdInSetRange(pFdops->fd) || !FD_ISSET(pFdops->fd, &writeFdSet)) {
-        return;
+    RemoveFdopsFrom(WriteSide(), pFdops);
+}
+
+/* Every read procedure starts here: the buffer is checked, the descriptor
+ * read, and on failure the line names the read procedure (file, line and
+ * func are its own) and the connection is closed. */
+bool LAPI_SRV_ReadIntoFdops(Fdops *pFdops, const char *file, int line, const char *func) {
+    if (pFdops == nullptr || pFdops->rbuf.buf == nullptr || pFdops->rbuf.len == 0) {
+        LAPI_LogLine(1, 1, file, line, func, "Invalid pFdops!");
+        return false;
     }
-    FD_CLR(pFdops->fd, &writeFdSet);
-    if (pFdops->fd == maxWriteFd) {
-        maxWriteFd--;
+    if (LAPI_SRV_GeneralRead(pFdops) < 0) {
+        LAPI_LogLine(1, 1, file, line, func, "Fail to general read for pFdops!");
+        if (pFdops->closeProc != nullptr) {
+            pFdops->closeProc(pFdops);
+        }
+        return false;
     }
-    List_Remove(&LAPI_SRV_writeFdopsList, pFdops);
-    writeListChanged = 1;
+    return true;
 }
 
 int LAPI_SRV_GetMaxFd(void) {

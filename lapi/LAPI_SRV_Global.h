@@ -150,6 +150,11 @@ struct SendDataNode {
 extern List LAPI_SRV_muxSendDataList;
 
 int LAPI_SRV_GeneralRead(Fdops *pFdops);
+/* The start of a read procedure: false (after the procedure's error line,
+ * and its close procedure on a failed read) when it has nothing to process. */
+bool LAPI_SRV_ReadIntoFdops(Fdops *pFdops, const char *file, int line, const char *func);
+#define LAPI_SRV_READ_INTO_FDOPS(pFdops) \
+    LAPI_SRV_ReadIntoFdops((pFdops), __FILE__, __LINE__, __func__)
 int LAPI_SRV_GeneralWrite(Fdops *pFdops, const void *pBuf, int count);
 void LAPI_SRV_GeneralWriteProc(Fdops *pFdops);
 int LAPI_SRV_AddSendDataList(List *pList, const void *pData, int size, uint8_t sessionId,
