@@ -129,6 +129,28 @@ static void SetHeader(MsgHeader *pHdr, uint16_t msgId, uint16_t msgLen) {
     pHdr->msgLen = msgLen;
 }
 
+/* A client answer of type T to the transaction: zeroed, with its header and
+ * the client's own pair. */
+template <typename T>
+static T NewAnswer(uint16_t msgId, uint16_t msgLen, const Transaction *pTran) {
+    T answer;
+    memset(&answer, 0, sizeof(answer));
+    SetHeader(&answer.header, msgId, msgLen);
+    answer.sessionId = pTran->clientSid;
+    answer.transactionId = pTran->clientTid;
+    return answer;
+}
+
+/* Sends the answer where the request asked for it (a failure is logged in
+ * the procedure's name) and frees the transaction, which is done. */
+static void AnswerAndFree(Transaction *pTran, const void *pAnswer, int len, const char *pFailText,
+                          const char *func) {
+    if (LAPI_SRV_SendMsgToClient(TranFdops(pTran), pAnswer, len) != 0) {
+        BP_RSP_ERR(func, "%s", pFailText);
+    }
+    free(pTran);
+}
+
 /* ------------------------------------------------------------------------ */
 /* Location responses                                                        */
 /* ------------------------------------------------------------------------ */
@@ -185,11 +207,9 @@ void LAPI_SRV_ProcBpGetLocationRspMsg(uint8_t *pMsg, uint16_t msgLen) {
         return;
     }
 
-    GetLocationRsp rsp;
-    memset(&rsp, 0, sizeof(rsp)); /* the NMEA area behind the data stays clear */
-    SetHeader(&rsp.header, LAPI_GET_LOCATION_RSP, LAPI_GET_LOCATION_RSP_LEN);
-    rsp.sessionId = pTran->clientSid;
-    rsp.transactionId = pTran->clientTid;
+    /* Zeroed: the NMEA area behind the data stays clear. */
+    GetLocationRsp rsp =
+        NewAnswer<GetLocationRsp>(LAPI_GET_LOCATION_RSP, LAPI_GET_LOCATION_RSP_LEN, pTran);
     uint8_t sid = 0;
     uint8_t tid = 0;
     LAPI_Reader r = BodyReader(pMsg, msgLen, &sid, &tid);
@@ -260,17 +280,12 @@ void LAPI_SRV_ProcBpAbortLocationRspMsg(uint8_t *pMsg, uint16_t msgLen) {
     if (pTran == nullptr) {
         return;
     }
-    AbortLocationRsp rsp;
-    memset(&rsp, 0, sizeof(rsp));
-    SetHeader(&rsp.header, LAPI_ABORT_LOCATION_RSP, LAPI_ABORT_LOCATION_RSP_LEN);
-    rsp.sessionId = pTran->clientSid;
-    rsp.transactionId = pTran->clientTid;
+    AbortLocationRsp rsp =
+        NewAnswer<AbortLocationRsp>(LAPI_ABORT_LOCATION_RSP, LAPI_ABORT_LOCATION_RSP_LEN, pTran);
     LAPI_Reader r = BodyReader(pMsg, msgLen);
     rsp.result = NextI32(&r);
-    if (LAPI_SRV_SendMsgToClient(TranFdops(pTran), &rsp, sizeof(rsp)) != 0) {
-        LAPI_SRV_ERR("Fail to send abort location response to client!");
-    }
-    free(pTran);
+    AnswerAndFree(pTran, &rsp, sizeof(rsp), "Fail to send abort location response to client!",
+                  __func__);
 }
 
 /* ------------------------------------------------------------------------ */
@@ -285,17 +300,12 @@ void LAPI_SRV_ProcBpSetGpsDbDataRspMsg(uint8_t *pMsg, uint16_t msgLen) {
     if (pTran == nullptr) {
         return;
     }
-    SetGpsDbDataRsp rsp;
-    memset(&rsp, 0, sizeof(rsp));
-    SetHeader(&rsp.header, LAPI_SET_GPS_DB_DATA_RSP, LAPI_SET_GPS_DB_DATA_RSP_LEN);
-    rsp.sessionId = pTran->clientSid;
-    rsp.transactionId = pTran->clientTid;
+    SetGpsDbDataRsp rsp =
+        NewAnswer<SetGpsDbDataRsp>(LAPI_SET_GPS_DB_DATA_RSP, LAPI_SET_GPS_DB_DATA_RSP_LEN, pTran);
     LAPI_Reader r = BodyReader(pMsg, msgLen);
     rsp.result = NextI32(&r);
-    if (LAPI_SRV_SendMsgToClient(TranFdops(pTran), &rsp, sizeof(rsp)) != 0) {
-        LAPI_SRV_ERR("Fail to send set location state response to client!");
-    }
-    free(pTran);
+    AnswerAndFree(pTran, &rsp, sizeof(rsp), "Fail to send set location state response to client!",
+                  __func__);
 }
 
 /* The eight status fields of GET_STATUS_APBP_RES and STATUS_CHANGE_BPAP_IND. */
@@ -318,17 +328,11 @@ void LAPI_SRV_ProcBpGetStatusRspMsg(uint8_t *pMsg, uint16_t msgLen) {
     if (pTran == nullptr) {
         return;
     }
-    GetStatusRsp rsp;
-    memset(&rsp, 0, sizeof(rsp));
-    SetHeader(&rsp.header, LAPI_GET_STATUS_RSP, LAPI_GET_STATUS_RSP_LEN);
-    rsp.sessionId = pTran->clientSid;
-    rsp.transactionId = pTran->clientTid;
+    GetStatusRsp rsp = NewAnswer<GetStatusRsp>(LAPI_GET_STATUS_RSP, LAPI_GET_STATUS_RSP_LEN, pTran);
     LAPI_Reader r = BodyReader(pMsg, msgLen);
     ReadStatus(&rsp, &r);
-    if (LAPI_SRV_SendMsgToClient(TranFdops(pTran), &rsp, sizeof(rsp)) != 0) {
-        LAPI_SRV_ERR("Fail to send get status response to client!");
-    }
-    free(pTran);
+    AnswerAndFree(pTran, &rsp, sizeof(rsp), "Fail to send get status response to client!",
+                  __func__);
 }
 
 void LAPI_SRV_ProcBpDistanceAzimuthRspMsg(uint8_t *pMsg, uint16_t msgLen) {
@@ -339,18 +343,13 @@ void LAPI_SRV_ProcBpDistanceAzimuthRspMsg(uint8_t *pMsg, uint16_t msgLen) {
     if (pTran == nullptr) {
         return;
     }
-    DistanceAzimuthRsp rsp;
-    memset(&rsp, 0, sizeof(rsp));
-    SetHeader(&rsp.header, LAPI_DISTANCE_AZIMUTH_RSP, LAPI_DISTANCE_AZIMUTH_RSP_LEN);
-    rsp.sessionId = pTran->clientSid;
-    rsp.transactionId = pTran->clientTid;
+    DistanceAzimuthRsp rsp = NewAnswer<DistanceAzimuthRsp>(LAPI_DISTANCE_AZIMUTH_RSP,
+                                                           LAPI_DISTANCE_AZIMUTH_RSP_LEN, pTran);
     LAPI_Reader r = BodyReader(pMsg, msgLen);
     r.GetBpFixed(&rsp.distance);
     r.GetBpFixed(&rsp.azimuth);
-    if (LAPI_SRV_SendMsgToClient(TranFdops(pTran), &rsp, sizeof(rsp)) != 0) {
-        LAPI_SRV_ERR("Fail to send distance azimuth response to client!");
-    }
-    free(pTran);
+    AnswerAndFree(pTran, &rsp, sizeof(rsp), "Fail to send distance azimuth response to client!",
+                  __func__);
 }
 
 /* ------------------------------------------------------------------------ */
@@ -414,11 +413,8 @@ void LAPI_SRV_ProcBpGetGpsDbDataRspMsg(uint8_t *pMsg, uint16_t msgLen) {
     if (pTran == nullptr) {
         return;
     }
-    GetGpsDbDataRsp rsp;
-    memset(&rsp, 0, sizeof(rsp));
-    SetHeader(&rsp.header, LAPI_GET_GPS_DB_DATA_RSP, LAPI_GET_GPS_DB_DATA_RSP_LEN);
-    rsp.sessionId = pTran->clientSid;
-    rsp.transactionId = pTran->clientTid;
+    GetGpsDbDataRsp rsp =
+        NewAnswer<GetGpsDbDataRsp>(LAPI_GET_GPS_DB_DATA_RSP, LAPI_GET_GPS_DB_DATA_RSP_LEN, pTran);
     if (ParseGpsDbDataRsp(pMsg, msgLen, &rsp, __func__) != 0) {
         /* Nothing is sent: the client gets the timeout answer instead. */
         RelinkTran(pTran, kRelinkFail, __func__);
@@ -426,10 +422,8 @@ void LAPI_SRV_ProcBpGetGpsDbDataRspMsg(uint8_t *pMsg, uint16_t msgLen) {
     }
     /* Traced only once it has been parsed. */
     LAPI_LogBpMsg(pMsg, msgLen);
-    if (LAPI_SRV_SendMsgToClient(TranFdops(pTran), &rsp, sizeof(rsp)) != 0) {
-        LAPI_SRV_ERR("Fail to send get location state response to client!");
-    }
-    free(pTran);
+    AnswerAndFree(pTran, &rsp, sizeof(rsp), "Fail to send get location state response to client!",
+                  __func__);
 }
 
 /* ------------------------------------------------------------------------ */
@@ -560,22 +554,17 @@ void LAPI_SRV_ProcBpProximityHitIndMsg(uint8_t *pMsg, uint16_t msgLen) {
     if (pTran == nullptr) {
         return;
     }
-    ProximityHitInd ind;
-    memset(&ind, 0, sizeof(ind));
-    SetHeader(&ind.header, LAPI_PROXIMITY_HIT_IND, LAPI_PROXIMITY_HIT_IND_LEN);
-    ind.sessionId = pTran->clientSid;
-    ind.transactionId = pTran->clientTid;
+    ProximityHitInd ind =
+        NewAnswer<ProximityHitInd>(LAPI_PROXIMITY_HIT_IND, LAPI_PROXIMITY_HIT_IND_LEN, pTran);
     LAPI_Reader r = BodyReader(pMsg, msgLen);
     StorePosition(&ind, ReadPosition(&r));
     ind.locationMethod = NextI32(&r);
     uint64_t ageOfFix = 0;
     r.GetBe64(&ageOfFix);
     ind.ageOfFix = static_cast<uint32_t>(ageOfFix);
-    if (LAPI_SRV_SendMsgToClient(TranFdops(pTran), &ind, sizeof(ind)) != 0) {
-        LAPI_SRV_ERR("Fail to send proximity hit indicator to client!");
-    }
     /* An area reports one hit and is gone. */
-    free(pTran);
+    AnswerAndFree(pTran, &ind, sizeof(ind), "Fail to send proximity hit indicator to client!",
+                  __func__);
 }
 
 /* ------------------------------------------------------------------------ */
