@@ -20,6 +20,7 @@
 #include "LAPI_Msg.h"
 #include "ServerFixture.h"
 #include "TestClient.h"
+#include "ToolCommon.h"
 
 namespace {
 
@@ -37,21 +38,7 @@ std::string Num(long v) {
 }
 
 /* Open descriptors of a process (its /proc/PID/fd entries). */
-int OpenFdCount(pid_t pid) {
-    std::string path = "/proc/" + Num(pid) + "/fd";
-    DIR *d = opendir(path.c_str());
-    if (d == nullptr) {
-        return -1;
-    }
-    int n = 0;
-    while (struct dirent *e = readdir(d)) {
-        if (e->d_name[0] != '.') {
-            n++;
-        }
-    }
-    closedir(d);
-    return n;
-}
+constexpr auto &OpenFdCount = lapitool::CountOpenFds;
 
 class ClientServiceTest : public ::testing::Test {
   protected:

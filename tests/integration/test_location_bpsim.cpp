@@ -11,6 +11,7 @@
 #include <sys/wait.h>
 
 #include "LocSvcEnv.h"
+#include "ToolCommon.h"
 
 using namespace locsvc;
 
@@ -250,38 +251,21 @@ namespace {
 class BpSimProgram {
   public:
     explicit BpSimProgram(const std::string &root) {
-        int in[2];
-        int out[2];
-        if (pipe2(in, O_CLOEXEC) != 0 || pipe2(out, O_CLOEXEC) != 0) {
+        lapitool::ChildProcess::Options options;
+        options.captureErr = false;
+        options.pipeIn = true;
+        std::string bin = std::string(LAPI_BIN_DIR) + "/bpsim";
+        if (!child_.Start({bin, "--root", root, "--lat", "48.8566", "--lon", "2.3522"}, options)) {
             return;
         }
-        pid_ = fork();
-        if (pid_ == 0) {
-            dup2(in[0], 0);
-            dup2(out[1], 1);
-            std::string bin = std::string(LAPI_BIN_DIR) + "/bpsim";
-            execl(bin.c_str(), bin.c_str(), "--root", root.c_str(), "--lat", "48.8566", "--lon",
-                  "2.3522", static_cast<char *>(nullptr));
-            _exit(127);
-        }
-        close(in[0]);
-        close(out[1]);
-        in_ = in[1];
-        out_ = out[0];
+        in_ = child_.InFd();
+        out_ = child_.OutFd();
         fcntl(out_, F_SETFL, O_NONBLOCK);
     }
     ~BpSimProgram() {
-        if (in_ >= 0) {
-            close(in_);
-        }
-        if (pid_ > 0) {
-            kill(pid_, SIGTERM);
-            int status = 0;
-            waitpid(pid_, &status, 0);
-        }
-        if (out_ >= 0) {
-            close(out_);
-        }
+        child_.CloseIn();
+        child_.Signal(SIGTERM);
+        child_.Wait(30000);
     }
     BpSimProgram(const BpSimProgram &) = delete;
     BpSimProgram &operator=(const BpSimProgram &) = delete;
@@ -323,19 +307,17 @@ class BpSimProgram {
     bool Sync() { return Command("areas") && !WaitLine("bpsim: areas").empty(); }
     /* Terminates it; its exit status. */
     int Stop() {
-        if (pid_ <= 0) {
+        if (!child_.Running()) {
             return -1;
         }
-        kill(pid_, SIGTERM);
-        int status = 0;
-        waitpid(pid_, &status, 0);
-        pid_ = -1;
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+        child_.Signal(SIGTERM);
+        int status = child_.Wait(30000);
+        return status >= 0 && status < 128 ? status : -1; /* -1: ended by a signal */
     }
 
   private:
-    pid_t pid_ = -1;
-    int in_ = -1;
+    lapitool::ChildProcess child_;
+    int in_ = -1; /* the child's descriptors, owned by child_ */
     int out_ = -1;
     std::string buf_;
 };

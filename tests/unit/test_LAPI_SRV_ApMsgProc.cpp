@@ -27,6 +27,7 @@
 #include "LAPI_SrvCli.h"
 #include "ServerFixture.h"
 #include "TestClient.h"
+#include "ToolCommon.h"
 
 namespace {
 
@@ -39,13 +40,8 @@ using lapitest::U32Body;
 constexpr uint32_t kPid = 4242;
 
 /* An error line of the server with exactly this message. */
-bool HasError(const std::string &text, const std::string &func, const std::string &msg) {
-    return text.find("\tLAPI Error SRV " + func + ": " + msg + "\n") != std::string::npos;
-}
-
-bool HasTrace(const std::string &text, const std::string &func, const std::string &msg) {
-    return text.find(", " + func + "()\tLAPI SRV : " + msg + "\n") != std::string::npos;
-}
+constexpr auto &HasError = lapitool::HasErrorLine;
+constexpr auto &HasTrace = lapitool::HasTraceLine;
 
 /* ------------------------------------------------------------------------ */
 /* A recording request handler                                               */
