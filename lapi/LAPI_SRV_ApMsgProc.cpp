@@ -88,14 +88,6 @@ void LAPI_SRV_InitApMsgProc(void) {
     InstallApRows(LAPI_SRV_apRequestRows, LAPI_SRV_apRequestRowCount);
 }
 
-const LAPI_SRV_ApMsgRow *LAPI_SRV_GetApMsgRow(uint16_t msgId) {
-    int index = msgId - LAPI_CLI_MSG_BASE;
-    if (index < 0 || index >= LAPI_SRV_AP_MSG_PROC_COUNT) {
-        return nullptr;
-    }
-    return apMsgRows[index];
-}
-
 int LAPI_SRV_RunApMsgRow(const LAPI_SRV_ApMsgRow *pRow, uint8_t *pMsg, Fdops *pFdops) {
     if (pRow == nullptr || pRow->proc == nullptr) {
         return -1;

@@ -71,8 +71,6 @@ extern const size_t LAPI_SRV_apRequestRowCount;
 /* removeProximityReq with removeType 1, reached from the remove handler. */
 extern const LAPI_SRV_ApMsgRow LAPI_SRV_removeAllProximityRow;
 
-/* The installed row of msgId, or null. */
-const LAPI_SRV_ApMsgRow *LAPI_SRV_GetApMsgRow(uint16_t msgId);
 /* Checks the message against the row and runs its handler: the handler's
  * result, or -1 after the row's error line. */
 int LAPI_SRV_RunApMsgRow(const LAPI_SRV_ApMsgRow *pRow, uint8_t *pMsg, Fdops *pFdops);
@@ -107,14 +105,6 @@ int LAPI_SRV_ProcRemoveAllProximityMsg(uint8_t *pMsg, Fdops *pFdops);
  * LAPI_SRV_SendMsgToClient (a failed write removes the client). */
 int LAPI_SRV_SendInvalidReqResponse(Fdops *pFdops, uint8_t sid, uint8_t tid);
 int LAPI_SRV_SendTimeOutReqResponse(Fdops *pFdops, uint8_t sid, uint8_t tid);
-
-/* Deadline of a running location request that the BP did not answer: the
- * transaction goes back into the list and is aborted. Returns 1 when the
- * caller must free it, 0 when it is kept. */
-int LAPI_SRV_GetLocationTimeOut(Transaction *pTran);
-/* Timeout procedure of any expired transaction (already out of the list);
- * 1 when the caller must free it. */
-int LAPI_SRV_TranTimeOut(Transaction *pTran);
 
 /* Deadline in ticks, `seconds` from now (seconds x 100 alone when the clock
  * cannot be read). Deadlines live modulo 2^32 ticks. */

@@ -602,7 +602,10 @@ const LAPI_SRV_ApMsgRow LAPI_SRV_removeAllProximityRow = LAPI_SRV_AP_ROW(
 /* Deadlines                                                                 */
 /* ------------------------------------------------------------------------ */
 
-int LAPI_SRV_GetLocationTimeOut(Transaction *pTran) {
+/* Deadline of a running location request that the BP did not answer: the
+ * transaction goes back into the list and is aborted. Returns 1 when the
+ * caller must free it, 0 when it is kept. */
+static int GetLocationTimeOut(Transaction *pTran) {
     if (LAPI_SRV_AddTranList(pTran) != 0) {
         LAPI_SRV_ERR("Fail to add pTran into LAPI_SRV_tranList!");
         return 1;
@@ -615,9 +618,9 @@ int LAPI_SRV_GetLocationTimeOut(Transaction *pTran) {
 
 /* A transaction whose deadline passed, already out of the list. Returns 1
  * when the caller must free it. */
-int LAPI_SRV_TranTimeOut(Transaction *pTran) {
+static int TranTimeOut(Transaction *pTran) {
     if (pTran->subCmdId == GEOLOCATION_APBP_REQ) {
-        return LAPI_SRV_GetLocationTimeOut(pTran);
+        return GetLocationTimeOut(pTran);
     }
     LAPI_SRV_SendTimeOutReqResponse(ReplyFdops(pTran->pClient, pTran->isSync), pTran->clientSid,
                                     pTran->clientTid);
@@ -645,7 +648,7 @@ void LAPI_SRV_ScanTranList(struct timeval *pTimeout) {
             }
             List_RemoveAt(&LAPI_SRV_tranList, pCur);
             LAPI_SRV_tranListChanged = 0;
-            if (LAPI_SRV_TranTimeOut(pTran)) {
+            if (TranTimeOut(pTran)) {
                 free(pTran);
             }
             if (LAPI_SRV_tranListChanged) {

@@ -274,13 +274,6 @@ void LAPI_SRV_ProcessBpMsg(uint8_t *pMsg, uint16_t msgLen) {
     LAPI_SRV_TRACE("AFTER BPMSGPROC[IDX].PROC()");
 }
 
-const LAPI_SRV_BpMsgRow *LAPI_SRV_GetBpMsgRow(uint8_t subCmdId) {
-    if (subCmdId >= LAPI_BP_MSG_ID_COUNT || bpMsgProc[subCmdId].proc == nullptr) {
-        return nullptr;
-    }
-    return &bpMsgProc[subCmdId];
-}
-
 void LAPI_SRV_RunBpMsgRow(const LAPI_SRV_BpMsgRow *pRow, uint8_t *pMsg, uint16_t msgLen) {
     if (pRow == nullptr || pRow->proc == nullptr) {
         return;
@@ -600,6 +593,9 @@ void LAPI_LogBpMsg(const void *pMsg, int length) {
     bpMsgLogProc[subCmdId](copy, length);
 }
 
+/* The loggers of the trace table, reached only through it. */
+namespace {
+
 void LAPI_LogBpGetLocationReq(const uint8_t *pMsg, int length) {
     LogFixedMsg(pMsg, length, GEOLOCATION_APBP_REQ,
                 "AP->BP bpGetLocationReq (GEOLOCATION_APBP_REQ) ", BP_FIELDS(kGetLocationReqFields),
@@ -765,6 +761,12 @@ void LAPI_LogBpProximityHitInd(const uint8_t *pMsg, int length) {
         LogFields(&line, &cur, BP_FIELDS(kProximityHitTailFields));
     }
     BP_LOG_TRACE(__func__, "%s", line.text);
+}
+
+}  // namespace
+
+BpMsgLogProc LAPI_SRV_GetBpMsgLogProc(uint8_t subCmdId) {
+    return subCmdId < LAPI_BP_MSG_ID_COUNT ? bpMsgLogProc[subCmdId] : nullptr;
 }
 
 void LAPI_SRV_InitBpMsgLogProc(void) {

@@ -32,9 +32,6 @@ void LAPI_SRV_ProcBpDistanceAzimuthRspMsg(uint8_t *pMsg, uint16_t msgLen);
 void LAPI_SRV_ProcBpAddProximityRspMsg(uint8_t *pMsg, uint16_t msgLen);
 void LAPI_SRV_ProcBpRemoveProximityRspMsg(uint8_t *pMsg, uint16_t msgLen);
 void LAPI_SRV_ProcBpProximityHitIndMsg(uint8_t *pMsg, uint16_t msgLen);
-/* Answers every proximity area of every client after a successful remove-all
- * (called by LAPI_SRV_ProcBpRemoveProximityRspMsg; no table entry). */
-void LAPI_SRV_ProcBpRemoveAllProximityRspMsg(uint8_t *pMsg);
 
 /* Fill the 32-entry BP procedure table and the BP trace table. */
 void LAPI_SRV_InitBpMsgProc(void);
@@ -77,8 +74,6 @@ struct LAPI_SRV_BpMsgRow {
 extern const LAPI_SRV_BpMsgRow LAPI_SRV_bpLocationRows[];
 extern const size_t LAPI_SRV_bpLocationRowCount;
 
-/* The installed row of subCmdId, or null (out of range or no procedure). */
-const LAPI_SRV_BpMsgRow *LAPI_SRV_GetBpMsgRow(uint8_t subCmdId);
 /* Checks the identifier and the length of pMsg against the row, in the name
  * of the row's procedure, and runs the procedure when both hold. */
 void LAPI_SRV_RunBpMsgRow(const LAPI_SRV_BpMsgRow *pRow, uint8_t *pMsg, uint16_t msgLen);
@@ -90,34 +85,13 @@ void LAPI_SRV_RunBpMsgRow(const LAPI_SRV_BpMsgRow *pRow, uint8_t *pMsg, uint16_t
  * hold are left out of the line. */
 typedef void (*BpMsgLogProc)(const uint8_t *pMsg, int length);
 
+/* The logger of subCmdId in the trace table, or null. */
+BpMsgLogProc LAPI_SRV_GetBpMsgLogProc(uint8_t subCmdId);
 /* Traces one BP message as one readable line (copied first, never changed). */
 void LAPI_LogBpMsg(const void *pMsg, int length);
 /* Appends "subCmdId: 0x%02x, sessionId: %d, transactionId: %d, " to pBuf;
  * returns the number of characters written. */
 int LAPI_LogBpMsgHeader(const void *pMsgHeader, char *pBuf);
-
-void LAPI_LogBpGetLocationReq(const uint8_t *pMsg, int length);
-void LAPI_LogBpGetLocationRsp(const uint8_t *pMsg, int length);
-void LAPI_LogBpAbortLocationReq(const uint8_t *pMsg, int length);
-void LAPI_LogBpAbortLocationRsp(const uint8_t *pMsg, int length);
-void LAPI_LogBpSetGpsDbDataReq(const uint8_t *pMsg, int length);
-void LAPI_LogBpSetGpsDbDataRsp(const uint8_t *pMsg, int length);
-void LAPI_LogBpGetGpsDbDataReq(const uint8_t *pMsg, int length);
-void LAPI_LogBpGetGpsDbDataRsp(const uint8_t *pMsg, int length);
-void LAPI_LogBpStatusChangeInd(const uint8_t *pMsg, int length);
-void LAPI_LogBpGetStatusReq(const uint8_t *pMsg, int length);
-void LAPI_LogBpGetStatusRsp(const uint8_t *pMsg, int length);
-void LAPI_LogBpLocationNotificationInd(const uint8_t *pMsg, int length);
-void LAPI_LogBpLocationNotificationRsp(const uint8_t *pMsg, int length);
-void LAPI_LogBpNotificationStatusInd(const uint8_t *pMsg, int length);
-void LAPI_LogBpLastKnownLocationReq(const uint8_t *pMsg, int length);
-void LAPI_LogBpDistanceAzimuthReq(const uint8_t *pMsg, int length);
-void LAPI_LogBpDistanceAzimuthRsp(const uint8_t *pMsg, int length);
-void LAPI_LogBpAddProximityReq(const uint8_t *pMsg, int length);
-void LAPI_LogBpAddProximityRsp(const uint8_t *pMsg, int length);
-void LAPI_LogBpRemoveProximityReq(const uint8_t *pMsg, int length);
-void LAPI_LogBpRemoveProximityRsp(const uint8_t *pMsg, int length);
-void LAPI_LogBpProximityHitInd(const uint8_t *pMsg, int length);
 
 /* ---- hooks for tests and tools ---- */
 

@@ -478,7 +478,9 @@ void LAPI_SRV_ProcBpAddProximityRspMsg(uint8_t *pMsg, uint16_t msgLen) {
                      "Fail to send add proximity response to client!", __func__);
 }
 
-void LAPI_SRV_ProcBpRemoveAllProximityRspMsg(uint8_t *pMsg) {
+/* Answers every proximity area of every client after a successful remove-all
+ * (no table entry: reached from the remove answer). */
+static void RemoveAllProximityAnswered(uint8_t *pMsg) {
     if (pMsg == nullptr) {
         return;
     }
@@ -528,7 +530,7 @@ void LAPI_SRV_ProcBpRemoveProximityRspMsg(uint8_t *pMsg, uint16_t msgLen) {
     if (status == 0) {
         free(pTran);
         if (bRemoveAll) {
-            LAPI_SRV_ProcBpRemoveAllProximityRspMsg(pMsg);
+            RemoveAllProximityAnswered(pMsg);
             /* Answering the areas may have removed the remover itself. */
             if (!ClientAlive(pClient)) {
                 pFdops = nullptr;
