@@ -557,7 +557,7 @@ int LAPI_SRV_ProcRemoveProximityMsg(uint8_t *pMsg, Fdops *pFdops) {
 
 /* Every request has a body of one exact length; the texts are the ones the
  * handlers have always written. */
-const LAPI_SRV_ApMsgRow LAPI_SRV_apRequestRows[] = {
+constexpr LAPI_SRV_ApMsgRow LAPI_SRV_apRequestRows[] = {
     LAPI_SRV_AP_ROW(LAPI_GET_LOCATION_REQ, LAPI_SRV_ProcGetLocationMsg, LAPI_SRV_LEN_EXACT,
                     LAPI_GET_LOCATION_REQ_LEN, "Wrong get location msg length: %d, pid is: %d!"),
     LAPI_SRV_AP_ROW(LAPI_ABORT_LOCATION_REQ, LAPI_SRV_ProcAbortLocationMsg, LAPI_SRV_LEN_EXACT,
@@ -592,6 +592,17 @@ const LAPI_SRV_ApMsgRow LAPI_SRV_apRequestRows[] = {
 };
 const size_t LAPI_SRV_apRequestRowCount =
     sizeof(LAPI_SRV_apRequestRows) / sizeof(LAPI_SRV_apRequestRows[0]);
+
+static constexpr bool RowsValid() {
+    for (const LAPI_SRV_ApMsgRow &row : LAPI_SRV_apRequestRows) {
+        if (row.msgId < LAPI_CLI_MSG_BASE ||
+            row.msgId >= LAPI_CLI_MSG_BASE + LAPI_SRV_AP_MSG_PROC_COUNT || row.proc == nullptr) {
+            return false;
+        }
+    }
+    return true;
+}
+static_assert(RowsValid(), "every row names a client message identifier and a handler");
 
 /* Not in the table: removeProximityReq hands a remove-all over to it. */
 const LAPI_SRV_ApMsgRow LAPI_SRV_removeAllProximityRow = LAPI_SRV_AP_ROW(

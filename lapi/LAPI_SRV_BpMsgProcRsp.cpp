@@ -673,7 +673,7 @@ void LAPI_SRV_ProcBpLocationNotificationIndMsg(uint8_t *pMsg, uint16_t msgLen) {
 /* ------------------------------------------------------------------------ */
 
 /* The length texts name the message as the BP documentation does. */
-const LAPI_SRV_BpMsgRow LAPI_SRV_bpLocationRows[] = {
+constexpr LAPI_SRV_BpMsgRow LAPI_SRV_bpLocationRows[] = {
     LAPI_SRV_BP_ROW(GEOLOCATION_APBP_RES, LAPI_SRV_ProcBpGetLocationRspMsg, LAPI_SRV_LEN_AT_LEAST,
                     LAPI_BP_GET_LOCATION_RSP_MIN_LEN,
                     "Received getLocationRsp BP Msg length: %d is not expected: %d!"),
@@ -713,3 +713,13 @@ const LAPI_SRV_BpMsgRow LAPI_SRV_bpLocationRows[] = {
 };
 const size_t LAPI_SRV_bpLocationRowCount =
     sizeof(LAPI_SRV_bpLocationRows) / sizeof(LAPI_SRV_bpLocationRows[0]);
+
+static constexpr bool RowsValid() {
+    for (const LAPI_SRV_BpMsgRow &row : LAPI_SRV_bpLocationRows) {
+        if (row.subCmdId >= LAPI_BP_MSG_ID_COUNT || row.proc == nullptr) {
+            return false;
+        }
+    }
+    return true;
+}
+static_assert(RowsValid(), "every row names a BP message identifier and a procedure");
