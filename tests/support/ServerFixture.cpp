@@ -894,6 +894,10 @@ bool ServerProcess::WaitForTraceContaining(const std::string &substr, int timeou
 /* Free helpers                                                              */
 /* ------------------------------------------------------------------------ */
 
+int BindUdpPort(int port) {
+    return lapitool::BindUdpPort(port);
+}
+
 int PickFreeUdpPort() {
     return lapitool::FreeUdpPort();
 }

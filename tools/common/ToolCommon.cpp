@@ -34,19 +34,33 @@ bool PollUntil(const std::function<bool()> &done, int timeoutMs, int stepMs) {
     return true;
 }
 
-int FreeUdpPort() {
+int BindUdpPort(int port) {
     int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    if (fd < 0) {
+        return -1;
+    }
+    struct sockaddr_in addr;
+    memset(&addr, 0, sizeof(addr));
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = htonl(INADDR_ANY);
+    addr.sin_port = htons(static_cast<uint16_t>(port));
+    if (bind(fd, reinterpret_cast<struct sockaddr *>(&addr), sizeof(addr)) != 0) {
+        close(fd);
+        return -1;
+    }
+    return fd;
+}
+
+int FreeUdpPort() {
+    int fd = BindUdpPort(0);
     if (fd < 0) {
         return 0;
     }
     struct sockaddr_in addr;
     memset(&addr, 0, sizeof(addr));
-    addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     socklen_t len = sizeof(addr);
     int port = 0;
-    if (bind(fd, reinterpret_cast<struct sockaddr *>(&addr), sizeof(addr)) == 0 &&
-        getsockname(fd, reinterpret_cast<struct sockaddr *>(&addr), &len) == 0) {
+    if (getsockname(fd, reinterpret_cast<struct sockaddr *>(&addr), &len) == 0) {
         port = ntohs(addr.sin_port);
     }
     close(fd);
@@ -173,6 +187,8 @@ bool ChildProcess::Start(const std::vector<std::string> &argv, const Options &op
         }
         if (options.captureErr) {
             dup2(err[1], 2);
+        } else if (options.errToOut && options.captureOut) {
+            dup2(out[1], 2);
         }
         execv(args[0], args.data());
         _exit(127);
@@ -217,7 +233,7 @@ pid_t ChildProcess::Release() {
     return pid;
 }
 
-int ChildProcess::Wait(int timeoutMs) {
+int ChildProcess::Wait(int timeoutMs, bool killOnTimeout) {
     if (pid_ <= 0) {
         return -1;
     }
@@ -234,6 +250,9 @@ int ChildProcess::Wait(int timeoutMs) {
             break;
         }
         if (NowMs() >= deadline) {
+            if (!killOnTimeout) {
+                return -1;
+            }
             kill(pid_, SIGKILL);
             waitpid(pid_, &st, 0);
             status_ = -1;

@@ -24,7 +24,10 @@ int64_t NowMs();
  * passed (false, after one last call). */
 bool PollUntil(const std::function<bool()> &done, int timeoutMs, int stepMs = 5);
 
-/* A UDP port that nothing is bound to on 127.0.0.1 right now, or 0. */
+/* A UDP socket bound to port (0: any free one) on every local address, or
+ * -1; the caller closes it. */
+int BindUdpPort(int port);
+/* A UDP port that nothing is bound to right now, or 0. */
 int FreeUdpPort();
 
 /* Open descriptors of a process (its /proc/PID/fd entries), or -1. */
@@ -49,6 +52,7 @@ class ChildProcess {
     struct Options {
         bool captureOut = true;     /* standard output on OutFd() */
         bool captureErr = true;     /* standard error on ErrFd() */
+        bool errToOut = false;      /* standard error on OutFd() too */
         bool pipeIn = false;        /* standard input from InFd(); else /dev/null */
         bool groupLeader = false;   /* setpgid(0, 0) in the child */
         bool dieWithParent = false; /* SIGKILL when this process ends */
@@ -77,8 +81,9 @@ class ChildProcess {
     pid_t Release();
 
     /* The exit status (128 + signal when killed by one), or -1 when it did
-     * not end within timeoutMs (it is then killed and reaped). */
-    int Wait(int timeoutMs);
+     * not end within timeoutMs: it is then killed and reaped, unless
+     * killOnTimeout is false (it runs on, and Wait may be called again). */
+    int Wait(int timeoutMs, bool killOnTimeout = true);
     bool Running() const { return pid_ > 0 && status_ == kRunning; }
     void Signal(int sig);
 
