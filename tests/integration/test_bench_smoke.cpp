@@ -35,7 +35,7 @@ RunResult RunBench(const std::vector<std::string> &args, int timeoutMs) {
     RunResult r;
     std::vector<std::string> argv{kBench};
     argv.insert(argv.end(), args.begin(), args.end());
-    lapitool::ChildProcess child;
+    toolcommon::ChildProcess child;
     if (!child.Start(argv)) {
         return r;
     }

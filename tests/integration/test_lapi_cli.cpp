@@ -71,14 +71,8 @@ class Tool {
     void Signal(int sig) { child_.Signal(sig); }
     /* Waits until the standard error holds text. */
     bool WaitErr(const std::string &text, int timeoutMs = 10000) {
-        int64_t deadline = NowMs() + timeoutMs;
-        while (NowMs() < deadline) {
-            if (Err().find(text) != std::string::npos) {
-                return true;
-            }
-            usleep(5000);
-        }
-        return false;
+        return toolcommon::PollUntil([&]() { return Err().find(text) != std::string::npos; },
+                                     timeoutMs);
     }
     std::string Out() const {
         std::lock_guard<std::mutex> lock(mu_);
@@ -112,7 +106,7 @@ class Tool {
             }
         }
     }
-    lapitool::ChildProcess child_;
+    toolcommon::ChildProcess child_;
     int fds_[2] = {-1, -1};
     std::thread pump_;
     mutable std::mutex mu_;

@@ -253,7 +253,7 @@ class BpSimProgram {
     /* Standard error goes to the same pipe as standard output. */
     explicit BpSimProgram(const std::string &root, const std::vector<std::string> &args = {
                                                        "--lat", "48.8566", "--lon", "2.3522"}) {
-        lapitool::ChildProcess::Options options;
+        toolcommon::ChildProcess::Options options;
         options.captureErr = false;
         options.errToOut = true;
         options.pipeIn = true;
@@ -327,7 +327,7 @@ class BpSimProgram {
     }
 
   private:
-    lapitool::ChildProcess child_;
+    toolcommon::ChildProcess child_;
     int in_ = -1; /* the child's descriptors, owned by child_ */
     int out_ = -1;
     std::string buf_;

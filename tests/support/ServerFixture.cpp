@@ -117,7 +117,7 @@ bool TempRoot::WriteFile(const std::string &rel, const std::string &content) con
     if (fd < 0) {
         return false;
     }
-    bool ok = lapitool::WriteAll(fd, content.data(), content.size());
+    bool ok = toolcommon::WriteAll(fd, content.data(), content.size());
     return close(fd) == 0 && ok;
 }
 
@@ -220,7 +220,7 @@ MuxPty::~MuxPty() {
 }
 
 bool MuxPty::Write(const void *data, size_t len) {
-    return master_ >= 0 && lapitool::WriteAll(master_, data, len);
+    return master_ >= 0 && toolcommon::WriteAll(master_, data, len);
 }
 
 std::vector<uint8_t> MuxPty::ReadAvailable(int timeoutMs) {
@@ -547,11 +547,11 @@ bool ServerProcess::Start() {
          * exits so that its exit status can be collected here. */
         prctl(PR_SET_CHILD_SUBREAPER, 1, 0, 0, 0);
     }
-    lapitool::ChildProcess::Options childOptions;
+    toolcommon::ChildProcess::Options childOptions;
     childOptions.groupLeader = options_.asGroupLeader;
     /* Otherwise killed with the test process: never outlives a crashed test. */
     childOptions.dieWithParent = !options_.asGroupLeader;
-    lapitool::ChildProcess child;
+    toolcommon::ChildProcess child;
     if (!child.Start(args, childOptions)) {
         return false;
     }
@@ -895,11 +895,11 @@ bool ServerProcess::WaitForTraceContaining(const std::string &substr, int timeou
 /* ------------------------------------------------------------------------ */
 
 int BindUdpPort(int port) {
-    return lapitool::BindUdpPort(port);
+    return toolcommon::BindUdpPort(port);
 }
 
 int PickFreeUdpPort() {
-    return lapitool::FreeUdpPort();
+    return toolcommon::FreeUdpPort();
 }
 
 int ConnectUnix(const std::string &path) {
@@ -966,7 +966,7 @@ pid_t DeadPid() {
 }
 
 int64_t NowMs() {
-    return lapitool::NowMs();
+    return toolcommon::NowMs();
 }
 
 }  // namespace lapitest

@@ -70,7 +70,7 @@ inline bool ReadExact(int fd, void *buf, size_t n, int timeoutMs = 5000) {
     return true;
 }
 
-using lapitool::WriteAll;
+using toolcommon::WriteAll;
 
 inline bool WriteBytes(int fd, const Bytes &b) {
     return WriteAll(fd, b.data(), b.size());

@@ -40,8 +40,8 @@ using lapitest::U32Body;
 constexpr uint32_t kPid = 4242;
 
 /* An error line of the server with exactly this message. */
-constexpr auto &HasError = lapitool::HasErrorLine;
-constexpr auto &HasTrace = lapitool::HasTraceLine;
+constexpr auto &HasError = toolcommon::HasErrorLine;
+constexpr auto &HasTrace = toolcommon::HasTraceLine;
 
 /* ------------------------------------------------------------------------ */
 /* A recording request handler                                               */

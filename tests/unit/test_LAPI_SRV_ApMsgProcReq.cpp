@@ -960,7 +960,7 @@ TEST_F(ApMsgProcReq, ClientRemovedWithRunningRequestsAbortsEachOnce) {
 namespace {
 
 /* True when `text` holds the error line `msg` written by `func`. */
-constexpr auto &HasErrorFrom = lapitool::HasErrorLine;
+constexpr auto &HasErrorFrom = toolcommon::HasErrorLine;
 
 struct HandlerRow {
     const char *func;

@@ -69,8 +69,8 @@ using lapitest::StderrCapture;
 using lapitest::TempRoot;
 
 /* Error and trace lines of this source, without the varying line number. */
-constexpr auto &ErrLine = lapitool::ErrorLineText;
-constexpr auto &TraceLine = lapitool::TraceLineText;
+constexpr auto &ErrLine = toolcommon::ErrorLineText;
+constexpr auto &TraceLine = toolcommon::TraceLineText;
 
 bool Contains(const std::string &haystack, const std::string &needle) {
     return haystack.find(needle) != std::string::npos;

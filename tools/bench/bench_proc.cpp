@@ -344,11 +344,11 @@ long PrivateDirtyKb(pid_t pid) {
 }
 
 int CountFds(pid_t pid) {
-    return lapitool::CountOpenFds(pid);
+    return toolcommon::CountOpenFds(pid);
 }
 
 int FreeUdpPort() {
-    return lapitool::FreeUdpPort();
+    return toolcommon::FreeUdpPort();
 }
 
 std::string MakeTempDir() {

@@ -70,7 +70,7 @@ void Fail(const char *what) {
  * (it never is: a client has one answer outstanding, or reads every
  * broadcast before the next). */
 int WriteAll(int fd, const uint8_t *p, size_t n) {
-    return lapitool::WriteAll(fd, p, n, 1000) ? 0 : -1;
+    return toolcommon::WriteAll(fd, p, n, 1000) ? 0 : -1;
 }
 
 /* Writes what the terminal takes now; -1 when it is broken. */

@@ -14,7 +14,7 @@
 #include <time.h>
 #include <unistd.h>
 
-namespace lapitool {
+namespace toolcommon {
 
 int64_t NowMs() {
     struct timespec ts;
@@ -270,4 +270,4 @@ void ChildProcess::Signal(int sig) {
     }
 }
 
-}  // namespace lapitool
+}  // namespace toolcommon

@@ -15,7 +15,7 @@
 #include <string>
 #include <vector>
 
-namespace lapitool {
+namespace toolcommon {
 
 /* Monotonic milliseconds. */
 int64_t NowMs();
@@ -96,6 +96,6 @@ class ChildProcess {
     int inFd_ = -1;
 };
 
-}  // namespace lapitool
+}  // namespace toolcommon
 
 #endif /* LAPI_TOOL_COMMON_H */
