@@ -346,8 +346,13 @@ void LAPI_SRV_ProcBpDistanceAzimuthRspMsg(uint8_t *pMsg, uint16_t msgLen) {
     DistanceAzimuthRsp rsp = NewAnswer<DistanceAzimuthRsp>(LAPI_DISTANCE_AZIMUTH_RSP,
                                                            LAPI_DISTANCE_AZIMUTH_RSP_LEN, pTran);
     LAPI_Reader r = BodyReader(pMsg, msgLen);
-    r.GetBpFixed(&rsp.distance);
-    r.GetBpFixed(&rsp.azimuth);
+    /* Read into aligned doubles: the client message is packed. */
+    double distance = 0.0;
+    double azimuth = 0.0;
+    r.GetBpFixed(&distance);
+    r.GetBpFixed(&azimuth);
+    rsp.distance = distance;
+    rsp.azimuth = azimuth;
     AnswerAndFree(pTran, &rsp, sizeof(rsp), "Fail to send distance azimuth response to client!",
                   __func__);
 }
