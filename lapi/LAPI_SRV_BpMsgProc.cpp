@@ -312,8 +312,7 @@ static void InstallBpRows(const LAPI_SRV_BpMsgRow *pRows, size_t count) {
 void LAPI_SRV_InitBpMsgProc(void) {
     memset(bpMsgProc, 0, sizeof(bpMsgProc));
     InstallBpRows(LAPI_SRV_bpLocationRows, LAPI_SRV_bpLocationRowCount);
-    /* OPEN_SOCKET_BPAP_REQ, SEND_DATA_BPAP_REQ, CLOSE_SOCKET_BPAP_REQ and
-     * TLS_SESSION_BPAP_REQ join the table with the network proxy. */
+    InstallBpRows(LAPI_SRV_bpSocketRows, LAPI_SRV_bpSocketRowCount);
 }
 
 /* ------------------------------------------------------------------------ */

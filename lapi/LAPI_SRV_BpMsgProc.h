@@ -33,6 +33,27 @@ void LAPI_SRV_ProcBpAddProximityRspMsg(uint8_t *pMsg, uint16_t msgLen);
 void LAPI_SRV_ProcBpRemoveProximityRspMsg(uint8_t *pMsg, uint16_t msgLen);
 void LAPI_SRV_ProcBpProximityHitIndMsg(uint8_t *pMsg, uint16_t msgLen);
 
+/* ---- BP socket service ---- */
+
+/* Requests of the BP's network proxy. */
+void LAPI_SRV_ProcBpOpenSocketReqMsg(uint8_t *pMsg, uint16_t msgLen);
+void LAPI_SRV_ProcBpSendDataReqMsg(uint8_t *pMsg, uint16_t msgLen);
+void LAPI_SRV_ProcBpCloseSocketReqMsg(uint8_t *pMsg, uint16_t msgLen);
+void LAPI_SRV_ProcBpTlsSessionReqMsg(uint8_t *pMsg, uint16_t msgLen);
+
+/* SOCKET_MSG_RES_T (subCmdId 10, 12 or 15) to the BP. */
+void LAPI_SRV_SendSocketRes(uint8_t subCmdId, uint8_t sessionId, uint8_t transactionId,
+                            uint32_t linkId, int32_t result);
+/* TLS_MSG_RES_T to the BP. */
+void LAPI_SRV_SendTLSRes(uint8_t sessionId, uint8_t transactionId, uint32_t linkId, uint8_t result);
+/* Received-data indication: length bytes of pData and the result. */
+void LAPI_SRV_SendSocketDataInd(uint8_t sessionId, uint8_t transactionId, uint32_t linkId,
+                                uint32_t length, const uint8_t *pData, int32_t result);
+/* Writes or queues data on the socket of linkId: 0, or -1 after answering
+ * the send with -1. */
+int LAPI_SRV_SendData(uint8_t sessionId, uint8_t transactionId, uint32_t linkId, uint32_t length,
+                      const uint8_t *pData);
+
 /* Fill the 32-entry BP procedure table and the BP trace table. */
 void LAPI_SRV_InitBpMsgProc(void);
 void LAPI_SRV_InitBpMsgLogProc(void);
@@ -70,9 +91,13 @@ struct LAPI_SRV_BpMsgRow {
         (subCmdId), (proc), #proc, __FILE__, (lenRule), (len), (wrongLenFmt) \
     }
 
-/* The answers and indications of the location service. */
+/* The answers and indications of the location service
+ * (LAPI_SRV_BpMsgProcRsp.cpp) and the requests of the BP socket service
+ * (LAPI_SRV_BpMsgProcSock.cpp). */
 extern const LAPI_SRV_BpMsgRow LAPI_SRV_bpLocationRows[];
 extern const size_t LAPI_SRV_bpLocationRowCount;
+extern const LAPI_SRV_BpMsgRow LAPI_SRV_bpSocketRows[];
+extern const size_t LAPI_SRV_bpSocketRowCount;
 
 /* Checks the identifier and the length of pMsg against the row, in the name
  * of the row's procedure, and runs the procedure when both hold. */

@@ -551,6 +551,7 @@ bool ServerProcess::Start() {
     childOptions.groupLeader = options_.asGroupLeader;
     /* Otherwise killed with the test process: never outlives a crashed test. */
     childOptions.dieWithParent = !options_.asGroupLeader;
+    childOptions.discardErr = options_.discardStderr;
     toolcommon::ChildProcess child;
     if (!child.Start(args, childOptions)) {
         return false;

@@ -237,6 +237,11 @@ inline void CallBp(void (*proc)(uint8_t *, uint16_t), const Bytes &msg) {
             pRow = &LAPI_SRV_bpLocationRows[i];
         }
     }
+    for (size_t i = 0; i < LAPI_SRV_bpSocketRowCount; ++i) {
+        if (LAPI_SRV_bpSocketRows[i].proc == proc) {
+            pRow = &LAPI_SRV_bpSocketRows[i];
+        }
+    }
     if (pRow != nullptr) {
         LAPI_SRV_RunBpMsgRow(pRow, p, static_cast<uint16_t>(msg.size()));
     } else {

@@ -168,7 +168,7 @@ bool ChildProcess::Start(const std::vector<std::string> &argv, const Options &op
         args.push_back(const_cast<char *>(a.c_str()));
     }
     args.push_back(nullptr);
-    int devNull = options.pipeIn ? -1 : open("/dev/null", O_RDONLY | O_CLOEXEC);
+    int devNull = open("/dev/null", O_RDWR | O_CLOEXEC);
     pid_t parent = getpid();
     pid_t pid = fork();
     if (pid == 0) {
@@ -185,7 +185,9 @@ bool ChildProcess::Start(const std::vector<std::string> &argv, const Options &op
         if (options.captureOut) {
             dup2(out[1], 1);
         }
-        if (options.captureErr) {
+        if (options.discardErr) {
+            dup2(devNull, 2);
+        } else if (options.captureErr) {
             dup2(err[1], 2);
         } else if (options.errToOut && options.captureOut) {
             dup2(out[1], 2);

@@ -53,6 +53,7 @@ class ChildProcess {
         bool captureOut = true;     /* standard output on OutFd() */
         bool captureErr = true;     /* standard error on ErrFd() */
         bool errToOut = false;      /* standard error on OutFd() too */
+        bool discardErr = false;    /* standard error to /dev/null (ErrFd() just ends) */
         bool pipeIn = false;        /* standard input from InFd(); else /dev/null */
         bool groupLeader = false;   /* setpgid(0, 0) in the child */
         bool dieWithParent = false; /* SIGKILL when this process ends */
