@@ -93,7 +93,7 @@ void RunAfterRegister(const uint8_t *data, size_t size) {
         abort();
     }
     pClient->pAsyncFdops = pAsync;
-    pAsync->pFdInfo = pClient;
+    LAPI_SRV_SetFdopsClient(pAsync, pClient);
     pSync->readProc = LAPI_SRV_SockReadProcAfterRegister;
     pSync->closeProc = LAPI_SRV_ProcClientCrash;
     pAsync->readProc = LAPI_SRV_SockReadProcNull;

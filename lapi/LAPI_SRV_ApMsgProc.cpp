@@ -14,8 +14,11 @@
 #include "LAPI_Log.h"
 #include "LAPI_Msg.h"
 #include "LAPI_SRV_BpMsgProc.h"
+#include "LAPI_Wire.h"
 
 LAPI_SRV_ApMsgProcFn LAPI_SRV_apMsgProcTable[LAPI_SRV_AP_MSG_PROC_COUNT];
+/* The row of each table entry, filled with it by LAPI_SRV_InitApMsgProc. */
+static const LAPI_SRV_ApMsgRow *apMsgRows[LAPI_SRV_AP_MSG_PROC_COUNT];
 
 static_assert(LAPI_SRV_AP_MSG_PROC_COUNT == LAPI_CLI_MSG_COUNT);
 static_assert(LAPI_REMOVE_PROXIMITY_REQ - LAPI_CLI_MSG_BASE == LAPI_SRV_AP_MSG_PROC_COUNT - 1);
@@ -28,13 +31,18 @@ static_assert(LAPI_REGISTER_REQ_LEN == LAPI_GET_ASYNC_FD_REQ_LEN);
 
 MsgHeader ReadHeader(const uint8_t *pMsg) {
     MsgHeader h;
-    memcpy(&h, pMsg, sizeof(h));
+    memset(&h, 0, sizeof(h));
+    LAPI_Reader(pMsg, sizeof(h)).GetBytes(&h, sizeof(h));
     return h;
 }
 
-uint32_t ReadU32(const uint8_t *p) {
-    uint32_t v;
-    memcpy(&v, p, sizeof(v));
+/* The u32 field at offset off of a handshake message (whose whole size the
+ * caller has checked). */
+uint32_t ReadU32At(const uint8_t *pMsg, size_t off) {
+    LAPI_Reader r(pMsg, kHandshakeMsgSize);
+    uint32_t v = 0;
+    r.Skip(off);
+    r.GetHost32(&v);
     return v;
 }
 
@@ -59,21 +67,44 @@ int SendHeaderOnly(Fdops *pFdops, uint16_t msgId) {
 
 }  // namespace
 
+/* Puts rows into the table; a row out of range or for an entry already
+ * taken is a mistake in the rows and is left out with an error line. */
+static void InstallApRows(const LAPI_SRV_ApMsgRow *pRows, size_t count) {
+    for (size_t i = 0; i < count; ++i) {
+        int index = pRows[i].msgId - LAPI_CLI_MSG_BASE;
+        if (index < 0 || index >= LAPI_SRV_AP_MSG_PROC_COUNT || apMsgRows[index] != nullptr) {
+            LAPI_SRV_ERR("Invalid client msg row: %d!", pRows[i].msgId);
+            continue;
+        }
+        apMsgRows[index] = &pRows[i];
+        LAPI_SRV_apMsgProcTable[index] = pRows[i].proc;
+    }
+}
+
 void LAPI_SRV_InitApMsgProc(void) {
     memset(LAPI_SRV_apMsgProcTable, 0, sizeof(LAPI_SRV_apMsgProcTable));
-    LAPI_SRV_ApMsgProcFn *t = LAPI_SRV_apMsgProcTable;
-    t[LAPI_UNREGISTER_REQ - LAPI_CLI_MSG_BASE] = LAPI_SRV_ProcUnregisterMsg;
-    t[LAPI_GET_LOCATION_REQ - LAPI_CLI_MSG_BASE] = LAPI_SRV_ProcGetLocationMsg;
-    t[LAPI_ABORT_LOCATION_REQ - LAPI_CLI_MSG_BASE] = LAPI_SRV_ProcAbortLocationMsg;
-    t[LAPI_ABORT_ALL_LOCATION_REQ - LAPI_CLI_MSG_BASE] = LAPI_SRV_ProcAbortAllLocationMsg;
-    t[LAPI_LAST_KNOWN_LOCATION_REQ - LAPI_CLI_MSG_BASE] = LAPI_SRV_ProcLastKnownLocationMsg;
-    t[LAPI_GET_GPS_DB_DATA_REQ - LAPI_CLI_MSG_BASE] = LAPI_SRV_ProcGetGpsDbDataMsg;
-    t[LAPI_SET_GPS_DB_DATA_REQ - LAPI_CLI_MSG_BASE] = LAPI_SRV_ProcSetGpsDbDataMsg;
-    t[LAPI_GET_STATUS_REQ - LAPI_CLI_MSG_BASE] = LAPI_SRV_ProcGetStatusMsg;
-    t[LAPI_LOCATION_NOTIFICATION_CFM - LAPI_CLI_MSG_BASE] = LAPI_SRV_ProcLocationNotificationCfmMsg;
-    t[LAPI_DISTANCE_AZIMUTH_REQ - LAPI_CLI_MSG_BASE] = LAPI_SRV_ProcDistanceAzimuthMsg;
-    t[LAPI_ADD_PROXIMITY_REQ - LAPI_CLI_MSG_BASE] = LAPI_SRV_ProcAddProximityMsg;
-    t[LAPI_REMOVE_PROXIMITY_REQ - LAPI_CLI_MSG_BASE] = LAPI_SRV_ProcRemoveProximityMsg;
+    memset(apMsgRows, 0, sizeof(apMsgRows));
+    InstallApRows(&LAPI_SRV_unregisterRow, 1);
+    InstallApRows(LAPI_SRV_apRequestRows, LAPI_SRV_apRequestRowCount);
+}
+
+int LAPI_SRV_RunApMsgRow(const LAPI_SRV_ApMsgRow *pRow, uint8_t *pMsg, Fdops *pFdops) {
+    if (pRow == nullptr || pRow->proc == nullptr) {
+        return -1;
+    }
+    MsgHeader h = ReadHeader(pMsg);
+    int pid = static_cast<int>(h.pid);
+    if (h.msgId != pRow->msgId) {
+        LAPI_LogLine(1, 1, pRow->pFile, __LINE__, pRow->pProcName,
+                     "pMsgHeader->msgId : %d is not expected, pid : %d!", h.msgId, pid);
+        return -1;
+    }
+    if (!LAPI_SRV_LenFits(pRow->lenRule, pRow->len, h.msgLen)) {
+        LAPI_LogLine(1, 1, pRow->pFile, __LINE__, pRow->pProcName, pRow->pWrongLenFmt, h.msgLen,
+                     pid);
+        return -1;
+    }
+    return pRow->proc(pMsg, pFdops);
 }
 
 /* ------------------------------------------------------------------------ */
@@ -81,13 +112,7 @@ void LAPI_SRV_InitApMsgProc(void) {
 /* ------------------------------------------------------------------------ */
 
 void LAPI_SRV_SockReadProcAfterConnect(Fdops *pFdops) {
-    if (!HasReadBuffer(pFdops)) {
-        LAPI_SRV_ERR("Invalid pFdops!");
-        return;
-    }
-    if (LAPI_SRV_GeneralRead(pFdops) < 0) {
-        LAPI_SRV_ERR("Fail to general read for pFdops!");
-        CallCloseProc(pFdops);
+    if (!LAPI_SRV_READ_INTO_FDOPS(pFdops)) {
         return;
     }
     if (LAPI_SRV_SockMsgProcAfterConnect(pFdops) < 0) {
@@ -97,13 +122,7 @@ void LAPI_SRV_SockReadProcAfterConnect(Fdops *pFdops) {
 }
 
 void LAPI_SRV_SockReadProcAfterRegister(Fdops *pFdops) {
-    if (!HasReadBuffer(pFdops)) {
-        LAPI_SRV_ERR("Invalid pFdops!");
-        return;
-    }
-    if (LAPI_SRV_GeneralRead(pFdops) < 0) {
-        LAPI_SRV_ERR("Fail to general read for pFdops!");
-        CallCloseProc(pFdops);
+    if (!LAPI_SRV_READ_INTO_FDOPS(pFdops)) {
         return;
     }
     /* A successful unregisterReq has freed pFdops: touch it only on failure,
@@ -115,17 +134,11 @@ void LAPI_SRV_SockReadProcAfterRegister(Fdops *pFdops) {
 }
 
 void LAPI_SRV_SockReadProcNull(Fdops *pFdops) {
-    if (!HasReadBuffer(pFdops)) {
-        LAPI_SRV_ERR("Invalid pFdops!");
-        return;
-    }
-    if (LAPI_SRV_GeneralRead(pFdops) < 0) {
-        LAPI_SRV_ERR("Fail to general read for pFdops!");
-        CallCloseProc(pFdops);
+    if (!LAPI_SRV_READ_INTO_FDOPS(pFdops)) {
         return;
     }
     if (pFdops->rbuf.idx > 0) {
-        Client *pClient = static_cast<Client *>(pFdops->pFdInfo);
+        Client *pClient = LAPI_SRV_FdopsClient(pFdops);
         if (pClient != nullptr) {
             LAPI_SRV_ERR("Invalid write to async fd, pid is: %d!", static_cast<int>(pClient->pid));
         } else {
@@ -240,15 +253,17 @@ int LAPI_SRV_ProcRegisterMsg(uint8_t *pMsg, Fdops *pFdops) {
     }
     MsgHeader h = ReadHeader(pMsg);
     int pid = static_cast<int>(h.pid);
-    if (pFdops->pFdInfo != nullptr) {
+    if (LAPI_SRV_FdopsClient(pFdops) != nullptr) {
         LAPI_SRV_ERR("pFdops->pFdInfo != NULL, pid is : %d!", pid);
         return -1;
     }
     /* Only the three low bits mean something; the others are cleared in
      * the message itself. */
-    uint8_t *pService = pMsg + offsetof(RegisterReq, service);
-    uint32_t service = ReadU32(pService) & LAPI_SERVICE_MASK;
-    memcpy(pService, &service, sizeof(service));
+    uint32_t service = ReadU32At(pMsg, offsetof(RegisterReq, service)) & LAPI_SERVICE_MASK;
+    LAPI_Writer w(pMsg, kHandshakeMsgSize);
+    uint8_t *pBefore = nullptr;
+    w.Reserve(offsetof(RegisterReq, service), &pBefore);
+    w.PutHost32(service);
     if (service == 0) {
         LAPI_SRV_ERR("Invalid register service: %u!", service);
         return -1;
@@ -282,11 +297,11 @@ int LAPI_SRV_ProcGetAsyncFdMsg(uint8_t *pMsg, Fdops *pFdops) {
     }
     MsgHeader h = ReadHeader(pMsg);
     int pid = static_cast<int>(h.pid);
-    if (pFdops->pFdInfo != nullptr) {
+    if (LAPI_SRV_FdopsClient(pFdops) != nullptr) {
         LAPI_SRV_ERR("pFdops->pFdInfo != NULL, pid is : %d!", pid);
         return -1;
     }
-    uint32_t globalId = ReadU32(pMsg + offsetof(GetAsyncFdReq, globalId));
+    uint32_t globalId = ReadU32At(pMsg, offsetof(GetAsyncFdReq, globalId));
     Client *pClient = LAPI_SRV_GetClientByGlobalId(globalId);
     if (pClient == nullptr) {
         LAPI_SRV_ERR("Fail to find Client globalId: %d, pid is : %d!", static_cast<int>(globalId),
@@ -317,10 +332,10 @@ int LAPI_SRV_ProcGetAsyncFdMsg(uint8_t *pMsg, Fdops *pFdops) {
     }
     Fdops *pSyncFdops = pClient->pSyncFdops;
     if (pSyncFdops != nullptr) {
-        pSyncFdops->readProc = LAPI_SRV_SockReadProcAfterRegister;
-        pSyncFdops->closeProc = LAPI_SRV_ProcClientCrash;
+        LAPI_SRV_SetFdopsProcs(pSyncFdops, LAPI_SRV_SockReadProcAfterRegister,
+                               pSyncFdops->writeProc, LAPI_SRV_ProcClientCrash);
     }
-    pFdops->readProc = LAPI_SRV_SockReadProcNull;
+    LAPI_SRV_SetFdopsProcs(pFdops, LAPI_SRV_SockReadProcNull, pFdops->writeProc, pFdops->closeProc);
     return 0;
 }
 
@@ -335,7 +350,7 @@ int LAPI_SRV_ProcessApMsg(uint8_t *pMsg, Fdops *pFdops) {
     }
     MsgHeader h = ReadHeader(pMsg);
     int pid = static_cast<int>(h.pid);
-    Client *pClient = static_cast<Client *>(pFdops->pFdInfo);
+    Client *pClient = LAPI_SRV_FdopsClient(pFdops);
     if (pClient == nullptr) {
         LAPI_SRV_ERR("pFdops->pFdInfo == NULL, pid is : %d!", pid);
         return -1;
@@ -355,6 +370,9 @@ int LAPI_SRV_ProcessApMsg(uint8_t *pMsg, Fdops *pFdops) {
         LAPI_SRV_ERR("No procedure for msgId: %d, pid is: %d!", h.msgId, pid);
         return -1;
     }
+    if (apMsgRows[index] != nullptr && apMsgRows[index]->proc == proc) {
+        return LAPI_SRV_RunApMsgRow(apMsgRows[index], pMsg, pFdops);
+    }
     return proc(pMsg, pFdops);
 }
 
@@ -365,14 +383,6 @@ int LAPI_SRV_ProcUnregisterMsg(uint8_t *pMsg, Fdops *pFdops) {
     }
     MsgHeader h = ReadHeader(pMsg);
     int pid = static_cast<int>(h.pid);
-    if (h.msgId != LAPI_UNREGISTER_REQ) {
-        LAPI_SRV_ERR("pMsgHeader->msgId : %d is not expected, pid : %d!", h.msgId, pid);
-        return -1;
-    }
-    if (h.msgLen != LAPI_UNREGISTER_REQ_LEN) {
-        LAPI_SRV_ERR("Wrong unregister msg length: %d, pid is: %d!", h.msgLen, pid);
-        return -1;
-    }
     if (SendHeaderOnly(pFdops, LAPI_UNREGISTER_RSP) < 0) {
         LAPI_SRV_ERR("Fail to send unregister response to pid : %d!", pid);
         return -1;
@@ -383,7 +393,7 @@ int LAPI_SRV_ProcUnregisterMsg(uint8_t *pMsg, Fdops *pFdops) {
         LAPI_SRV_ERR("Send incomplete unregister response to pid : %d!", pid);
         return -1;
     }
-    LAPI_SRV_RemoveClient(static_cast<Client *>(pFdops->pFdInfo));
+    LAPI_SRV_RemoveClient(LAPI_SRV_FdopsClient(pFdops));
     return 0;
 }
 
@@ -392,7 +402,7 @@ void LAPI_SRV_ProcClientCrash(Fdops *pFdops) {
     if (pFdops == nullptr) {
         return;
     }
-    Client *pClient = static_cast<Client *>(pFdops->pFdInfo);
+    Client *pClient = LAPI_SRV_FdopsClient(pFdops);
     if (pClient != nullptr) {
         LAPI_SRV_RemoveClient(pClient);
     } else {
@@ -400,3 +410,7 @@ void LAPI_SRV_ProcClientCrash(Fdops *pFdops) {
         DestroyFdops(pFdops);
     }
 }
+
+const LAPI_SRV_ApMsgRow LAPI_SRV_unregisterRow =
+    LAPI_SRV_AP_ROW(LAPI_UNREGISTER_REQ, LAPI_SRV_ProcUnregisterMsg, LAPI_SRV_LEN_EXACT,
+                    LAPI_UNREGISTER_REQ_LEN, "Wrong unregister msg length: %d, pid is: %d!");

@@ -2,6 +2,7 @@
 #ifndef LAPI_SRV_APMSGPROC_H
 #define LAPI_SRV_APMSGPROC_H
 
+#include <stddef.h>
 #include <stdint.h>
 #include <sys/time.h>
 
@@ -34,6 +35,46 @@ typedef int (*LAPI_SRV_ApMsgProcFn)(uint8_t *pMsg, Fdops *pFdops);
 #define LAPI_SRV_AP_MSG_PROC_COUNT 17
 extern LAPI_SRV_ApMsgProcFn LAPI_SRV_apMsgProcTable[LAPI_SRV_AP_MSG_PROC_COUNT];
 
+/* ---- dispatch rows ----
+ *
+ * Every client message the dispatcher takes has one row: its handler, the
+ * name and source file the handler's diagnostics carry, and the length rule
+ * of its body with the wrong-length text. LAPI_SRV_ProcessApMsg checks the
+ * message against the row (identifier, then length, each error line in the
+ * handler's name) before the handler runs. A handler put into
+ * LAPI_SRV_apMsgProcTable in place of its row's (a stand-in) gets every
+ * message unchecked.
+ *
+ * To add a row: write the handler, list it with LAPI_SRV_AP_ROW in the row
+ * array of its source file, and install that array in
+ * LAPI_SRV_InitApMsgProc. */
+struct LAPI_SRV_ApMsgRow {
+    uint16_t msgId;
+    LAPI_SRV_ApMsgProcFn proc;
+    const char *pProcName; /* the function named on its error lines */
+    const char *pFile;     /* the source those lines name */
+    LAPI_SRV_LenRule lenRule;
+    uint16_t len;             /* of the body after the MsgHeader */
+    const char *pWrongLenFmt; /* takes msgLen, then the pid */
+};
+
+#define LAPI_SRV_AP_ROW(msgId, proc, lenRule, len, wrongLenFmt)           \
+    LAPI_SRV_ApMsgRow {                                                   \
+        (msgId), (proc), #proc, __FILE__, (lenRule), (len), (wrongLenFmt) \
+    }
+
+/* unregisterReq (LAPI_SRV_ApMsgProc.cpp) and the requests that go to the BP
+ * (LAPI_SRV_ApMsgProcReq.cpp). */
+extern const LAPI_SRV_ApMsgRow LAPI_SRV_unregisterRow;
+extern const LAPI_SRV_ApMsgRow LAPI_SRV_apRequestRows[];
+extern const size_t LAPI_SRV_apRequestRowCount;
+/* removeProximityReq with removeType 1, reached from the remove handler. */
+extern const LAPI_SRV_ApMsgRow LAPI_SRV_removeAllProximityRow;
+
+/* Checks the message against the row and runs its handler: the handler's
+ * result, or -1 after the row's error line. */
+int LAPI_SRV_RunApMsgRow(const LAPI_SRV_ApMsgRow *pRow, uint8_t *pMsg, Fdops *pFdops);
+
 /* Request handlers of the dispatch table (msg starts with its MsgHeader). */
 int LAPI_SRV_ProcGetLocationMsg(uint8_t *pMsg, Fdops *pFdops);
 int LAPI_SRV_ProcAbortLocationMsg(uint8_t *pMsg, Fdops *pFdops);
@@ -64,14 +105,6 @@ int LAPI_SRV_ProcRemoveAllProximityMsg(uint8_t *pMsg, Fdops *pFdops);
  * LAPI_SRV_SendMsgToClient (a failed write removes the client). */
 int LAPI_SRV_SendInvalidReqResponse(Fdops *pFdops, uint8_t sid, uint8_t tid);
 int LAPI_SRV_SendTimeOutReqResponse(Fdops *pFdops, uint8_t sid, uint8_t tid);
-
-/* Deadline of a running location request that the BP did not answer: the
- * transaction goes back into the list and is aborted. Returns 1 when the
- * caller must free it, 0 when it is kept. */
-int LAPI_SRV_GetLocationTimeOut(Transaction *pTran);
-/* Timeout procedure of any expired transaction (already out of the list);
- * 1 when the caller must free it. */
-int LAPI_SRV_TranTimeOut(Transaction *pTran);
 
 /* Deadline in ticks, `seconds` from now (seconds x 100 alone when the clock
  * cannot be read). Deadlines live modulo 2^32 ticks. */

@@ -5,10 +5,11 @@
  * proximity areas. Each request that waits for the BP is kept as a
  * Transaction with a deadline; the timer scan ends the expired ones.
  *
- * The handlers are entries of the client dispatch table: the message starts
- * with its MsgHeader, and the dispatcher has already made sure that
- * msgLen + 8 bytes are buffered. A message may sit at any byte position of
- * the read buffer, so fields are copied out, never read in place.
+ * The handlers are reached through their dispatch rows (at the end of this
+ * file): the message starts with its MsgHeader, msgLen + 8 bytes are
+ * buffered, and the row has checked the identifier and the length before
+ * the handler runs. A message may sit at any byte position of the read
+ * buffer, so it is copied out through a LAPI_Reader, never read in place.
  */
 #include "LAPI_SRV_ApMsgProc.h"
 
@@ -20,6 +21,7 @@
 #include "LAPI_Msg.h"
 #include "LAPI_SRV_BpMsgProc.h"
 #include "LAPI_SRV_LocationLog.h"
+#include "LAPI_Wire.h"
 
 /* ------------------------------------------------------------------------ */
 /* Deadlines                                                                 */
@@ -79,16 +81,27 @@ static Fdops *ReplyFdops(const Client *pClient, uint32_t isSync) {
     return isSync ? pClient->pSyncFdops : pClient->pAsyncFdops;
 }
 
+/* The first sizeof(T) bytes of the message as a T: the whole request, whose
+ * length its row has checked, or the MsgHeader alone. */
+template <typename T>
+static T ReadMsg(const uint8_t *pMsg) {
+    T msg;
+    memset(&msg, 0, sizeof(msg));
+    LAPI_Reader(pMsg, sizeof(msg)).GetBytes(&msg, sizeof(msg));
+    return msg;
+}
+
 static MsgHeader ReadHeader(const uint8_t *pMsg) {
-    MsgHeader hdr;
-    memcpy(&hdr, pMsg, sizeof(hdr));
-    return hdr;
+    return ReadMsg<MsgHeader>(pMsg);
 }
 
 /* The request prefix (mode, sessionId, transactionId) right after the header. */
 static ReqPrefix ReadPrefix(const uint8_t *pMsg) {
+    LAPI_Reader r(pMsg, sizeof(MsgHeader) + sizeof(ReqPrefix));
     ReqPrefix prefix;
-    memcpy(&prefix, pMsg + sizeof(MsgHeader), sizeof(prefix));
+    memset(&prefix, 0, sizeof(prefix));
+    r.Skip(sizeof(MsgHeader));
+    r.GetBytes(&prefix, sizeof(prefix));
     return prefix;
 }
 
@@ -102,73 +115,43 @@ struct LogSite {
 #define SITE_ERR(site, ...) LAPI_LogLine(1, 1, __FILE__, (site).line, (site).pFunc, __VA_ARGS__)
 
 static Client *RequestClient(Fdops *pFdops, const MsgHeader &hdr, LogSite site) {
-    Client *pClient = pFdops != nullptr ? static_cast<Client *>(pFdops->pFdInfo) : nullptr;
+    Client *pClient = LAPI_SRV_FdopsClient(pFdops);
     if (pClient == nullptr) {
         SITE_ERR(site, "pFdops->pFdInfo == NULL, pid is : %d!", static_cast<int>(hdr.pid));
     }
     return pClient;
 }
 
-/* A BP message being built at offset 3 of its frame buffer. */
-struct BpMsgWriter {
-    uint8_t *pFrame;
-    uint16_t len; /* message bytes written so far */
-};
-
-static uint8_t *BpMsgAt(BpMsgWriter *pW) {
-    return pW->pFrame + LAPI_BP_FRAME_HEAD_LEN + pW->len;
-}
-
-static void PutU8(BpMsgWriter *pW, uint8_t v) {
-    *BpMsgAt(pW) = v;
-    pW->len = static_cast<uint16_t>(pW->len + 1);
-}
-
-/* A host-order integer of width bytes, in network order. */
-static void PutNet(BpMsgWriter *pW, const void *pHost, int width) {
-    LAPI_SRV_ByteOrderHostToNet(BpMsgAt(pW), pHost, width);
-    pW->len = static_cast<uint16_t>(pW->len + width);
-}
-
-static void PutU16(BpMsgWriter *pW, uint16_t v) {
-    PutNet(pW, &v, sizeof(v));
-}
-static void PutU32(BpMsgWriter *pW, uint32_t v) {
-    PutNet(pW, &v, sizeof(v));
-}
-
-static void PutFixed(BpMsgWriter *pW, double x) {
-    LAPI_SRV_DoubleToBpFixed(x, BpMsgAt(pW));
-    pW->len = static_cast<uint16_t>(pW->len + LAPI_BP_FIXED_LEN);
-}
-
-static void PutBpHeader(BpMsgWriter *pW, uint8_t subCmdId, uint8_t sid, uint8_t tid) {
-    PutU8(pW, subCmdId);
-    PutU8(pW, sid);
-    PutU8(pW, tid);
-}
-
-/* Frames the message and hands it to the channel: 0, or -1 when it could
- * not be sent. */
-static int SendBpMsg(BpMsgWriter *pW) {
-    uint16_t frameLen = LAPI_SRV_SetUpBpMsgFrame(pW->pFrame, pW->len);
-    return LAPI_SRV_SendMsgToBp(pW->pFrame, frameLen);
-}
-
-/* Header check shared by every request: the identifier, then the exact body
- * length, with the handler's own wrong-length text. */
-static bool CheckHeader(const MsgHeader &hdr, uint16_t msgId, uint16_t msgLen,
-                        const char *pWrongLenFmt, LogSite site) {
-    if (hdr.msgId != msgId) {
-        SITE_ERR(site, "pMsgHeader->msgId : %d is not expected, pid : %d!", hdr.msgId,
-                 static_cast<int>(hdr.pid));
-        return false;
+/* A reader over buf from offset off on (empty when off lies beyond it). */
+template <size_t N>
+static LAPI_Reader ReaderAt(const uint8_t (&buf)[N], size_t off) {
+    LAPI_Reader r(buf, N);
+    if (r.Skip(off) != 0) {
+        return LAPI_Reader();
     }
-    if (hdr.msgLen != msgLen) {
-        SITE_ERR(site, pWrongLenFmt, hdr.msgLen, static_cast<int>(hdr.pid));
-        return false;
-    }
-    return true;
+    return r;
+}
+
+static_assert(offsetof(DbFile, fileId) == 0 && offsetof(DbFile, length) == sizeof(uint32_t),
+              "a client's file entry starts with fileId, then length");
+
+/* A writer over the message part of a frame buffer of frameSize bytes (the
+ * frame head and trailer are written around it when it is sent). */
+static LAPI_Writer MsgWriter(uint8_t *pFrame, size_t frameSize) {
+    return LAPI_Writer(pFrame + LAPI_BP_FRAME_HEAD_LEN, frameSize - LAPI_BP_FRAME_OVERHEAD);
+}
+
+static void PutBpHeader(LAPI_Writer *pW, uint8_t subCmdId, uint8_t sid, uint8_t tid) {
+    pW->PutU8(subCmdId);
+    pW->PutU8(sid);
+    pW->PutU8(tid);
+}
+
+/* Frames the message written into pFrame by w and hands it to the channel:
+ * 0, or -1 when it could not be sent. */
+static int SendBpMsg(uint8_t *pFrame, const LAPI_Writer &w) {
+    uint16_t frameLen = LAPI_SRV_SetUpBpMsgFrame(pFrame, static_cast<uint16_t>(w.Size()));
+    return LAPI_SRV_SendMsgToBp(pFrame, frameLen);
 }
 
 /*
@@ -200,6 +183,39 @@ static Transaction *StartTransaction(Client *pClient, const MsgHeader &hdr, cons
     LAPI_SRV_SetTranExpireTime(pTran, LAPI_SRV_TicksAhead(deadlineSec));
     return pTran;
 }
+
+/* The client's new transaction for a request that goes to the BP: null with
+ * *pResult holding what the handler returns, as StartTransaction. */
+static Transaction *StartBpRequest(uint8_t *pMsg, Fdops *pFdops, uint16_t subCmdId,
+                                   uint32_t deadlineSec, int *pResult, LogSite site) {
+    MsgHeader hdr = ReadHeader(pMsg);
+    Client *pClient = RequestClient(pFdops, hdr, site);
+    if (pClient == nullptr) {
+        *pResult = -1;
+        return nullptr;
+    }
+    return StartTransaction(pClient, hdr, ReadPrefix(pMsg), subCmdId, deadlineSec, pResult, site);
+}
+
+/* A BP message built in a frame buffer of its own, header first. */
+class BpRequest {
+  public:
+    BpRequest(uint8_t subCmdId, uint8_t sid, uint8_t tid) : w_(MsgWriter(frame_, sizeof(frame_))) {
+        PutBpHeader(&w_, subCmdId, sid, tid);
+    }
+    LAPI_Writer &W() { return w_; }
+    /* Frames and sends it. A failure is only logged, in the handler's name:
+     * the transaction stays and its deadline cleans up. */
+    void Send(const char *pName, uint32_t pid, LogSite site) {
+        if (SendBpMsg(frame_, w_) < 0) {
+            SITE_ERR(site, "Fail to send %s msg to BP, pid is : %d!", pName, static_cast<int>(pid));
+        }
+    }
+
+  private:
+    uint8_t frame_[LAPI_SRV_BP_FRAME_BUF_LEN];
+    LAPI_Writer w_;
+};
 
 /* ------------------------------------------------------------------------ */
 /* Short answers the server gives by itself                                  */
@@ -250,9 +266,9 @@ int LAPI_SRV_AbortLocationReq(Transaction *pTran, uint32_t isSync) {
     LAPI_SRV_SetTranExpireTime(pTran, LAPI_SRV_TicksAhead(LAPI_SRV_ABORT_DEADLINE_SEC));
 
     uint8_t frame[LAPI_BP_ABORT_LOCATION_REQ_LEN + LAPI_BP_FRAME_OVERHEAD];
-    BpMsgWriter w = {frame, 0};
+    LAPI_Writer w = MsgWriter(frame, sizeof(frame));
     PutBpHeader(&w, GEOLOCATION_ABORT_APBP_REQ, pTran->sid, pTran->tid);
-    int result = SendBpMsg(&w);
+    int result = SendBpMsg(frame, w);
     if (result < 0) {
         LAPI_SRV_ERR("Fail to send abortLocation msg to BP, pid is : %d!",
                      pTran->pClient != nullptr ? static_cast<int>(pTran->pClient->pid) : 0);
@@ -261,22 +277,10 @@ int LAPI_SRV_AbortLocationReq(Transaction *pTran, uint32_t isSync) {
 }
 
 int LAPI_SRV_ProcGetLocationMsg(uint8_t *pMsg, Fdops *pFdops) {
-    MsgHeader hdr = ReadHeader(pMsg);
-    if (!CheckHeader(hdr, LAPI_GET_LOCATION_REQ, LAPI_GET_LOCATION_REQ_LEN,
-                     "Wrong get location msg length: %d, pid is: %d!", LOG_SITE)) {
-        return -1;
-    }
-    Client *pClient = RequestClient(pFdops, hdr, LOG_SITE);
-    if (pClient == nullptr) {
-        return -1;
-    }
-    GetLocationReq req;
-    memcpy(&req, pMsg, sizeof(req));
-    ReqPrefix prefix = ReadPrefix(pMsg);
-
+    GetLocationReq req = ReadMsg<GetLocationReq>(pMsg);
     int result = 0;
-    Transaction *pTran = StartTransaction(
-        pClient, hdr, prefix, GEOLOCATION_APBP_REQ,
+    Transaction *pTran = StartBpRequest(
+        pMsg, pFdops, GEOLOCATION_APBP_REQ,
         LAPI_SRV_GetLocationDeadlineSec(req.responseTime, req.reportCriteria), &result, LOG_SITE);
     if (pTran == nullptr) {
         return result;
@@ -287,33 +291,25 @@ int LAPI_SRV_ProcGetLocationMsg(uint8_t *pMsg, Fdops *pFdops) {
 
     LAPI_SRV_LOG_LocationReq(&req, pTran->sid, pTran->tid);
 
-    uint8_t frame[LAPI_BP_GET_LOCATION_REQ_LEN + LAPI_BP_FRAME_OVERHEAD];
-    BpMsgWriter w = {frame, 0};
-    PutBpHeader(&w, GEOLOCATION_APBP_REQ, pTran->sid, pTran->tid);
-    PutU32(&w, req.responseTime);
-    PutU32(&w, req.horizontalAccuracy);
-    PutU32(&w, req.verticalAccuracy);
-    PutU32(&w, req.preferredPowerConsumption);
-    PutU32(&w, req.interval);
-    PutU32(&w, req.reportCriteria);
-    PutU8(&w, req.costAllowed);
-    PutU8(&w, req.addressInfoRequired);
-    PutU8(&w, req.speedAndCourseRequired);
-    PutU8(&w, req.altitudeRequired);
-    PutU8(&w, req.nmeaRequired);
-    if (SendBpMsg(&w) < 0) {
-        /* The transaction stays: its deadline cleans up. */
-        LAPI_SRV_ERR("Fail to send getLocation msg to BP, pid is : %d!", static_cast<int>(hdr.pid));
-    }
+    BpRequest bp(GEOLOCATION_APBP_REQ, pTran->sid, pTran->tid);
+    LAPI_Writer &w = bp.W();
+    w.PutBe32(req.responseTime);
+    w.PutBe32(req.horizontalAccuracy);
+    w.PutBe32(req.verticalAccuracy);
+    w.PutBe32(req.preferredPowerConsumption);
+    w.PutBe32(req.interval);
+    w.PutBe32(req.reportCriteria);
+    w.PutU8(req.costAllowed);
+    w.PutU8(req.addressInfoRequired);
+    w.PutU8(req.speedAndCourseRequired);
+    w.PutU8(req.altitudeRequired);
+    w.PutU8(req.nmeaRequired);
+    bp.Send("getLocation", req.header.pid, LOG_SITE);
     return 0;
 }
 
 int LAPI_SRV_ProcAbortLocationMsg(uint8_t *pMsg, Fdops *pFdops) {
     MsgHeader hdr = ReadHeader(pMsg);
-    if (!CheckHeader(hdr, LAPI_ABORT_LOCATION_REQ, LAPI_ABORT_LOCATION_REQ_LEN,
-                     "Wrong abort location msg length: %d, pid is: %d!", LOG_SITE)) {
-        return -1;
-    }
     Client *pClient = RequestClient(pFdops, hdr, LOG_SITE);
     if (pClient == nullptr) {
         return -1;
@@ -332,12 +328,7 @@ int LAPI_SRV_ProcAbortLocationMsg(uint8_t *pMsg, Fdops *pFdops) {
                                            prefix.transactionId);
 }
 
-int LAPI_SRV_ProcAbortAllLocationMsg(uint8_t *pMsg, Fdops * /*pFdops*/) {
-    MsgHeader hdr = ReadHeader(pMsg);
-    if (!CheckHeader(hdr, LAPI_ABORT_ALL_LOCATION_REQ, LAPI_ABORT_ALL_LOCATION_REQ_LEN,
-                     "Wrong abort all location msg length: %d, pid is: %d!", LOG_SITE)) {
-        return -1;
-    }
+int LAPI_SRV_ProcAbortAllLocationMsg(uint8_t * /*pMsg*/, Fdops * /*pFdops*/) {
     /* Every running location request of every client is aborted, whoever
      * asks: the request is a reset of the positioning engine's work. The
      * abort only sends to the BP, so the list does not change under us. */
@@ -352,29 +343,14 @@ int LAPI_SRV_ProcAbortAllLocationMsg(uint8_t *pMsg, Fdops * /*pFdops*/) {
 }
 
 int LAPI_SRV_ProcLastKnownLocationMsg(uint8_t *pMsg, Fdops *pFdops) {
-    MsgHeader hdr = ReadHeader(pMsg);
-    if (!CheckHeader(hdr, LAPI_LAST_KNOWN_LOCATION_REQ, LAPI_LAST_KNOWN_LOCATION_REQ_LEN,
-                     "Wrong get last known location msg length: %d, pid is: %d!", LOG_SITE)) {
-        return -1;
-    }
-    Client *pClient = RequestClient(pFdops, hdr, LOG_SITE);
-    if (pClient == nullptr) {
-        return -1;
-    }
     int result = 0;
-    Transaction *pTran =
-        StartTransaction(pClient, hdr, ReadPrefix(pMsg), LAST_KNOWN_GEOLOCATION_APBP_REQ,
-                         LAPI_SRV_LAST_KNOWN_DEADLINE_SEC, &result, LOG_SITE);
+    Transaction *pTran = StartBpRequest(pMsg, pFdops, LAST_KNOWN_GEOLOCATION_APBP_REQ,
+                                        LAPI_SRV_LAST_KNOWN_DEADLINE_SEC, &result, LOG_SITE);
     if (pTran == nullptr) {
         return result;
     }
-    uint8_t frame[LAPI_BP_LAST_KNOWN_LOCATION_REQ_LEN + LAPI_BP_FRAME_OVERHEAD];
-    BpMsgWriter w = {frame, 0};
-    PutBpHeader(&w, LAST_KNOWN_GEOLOCATION_APBP_REQ, pTran->sid, pTran->tid);
-    if (SendBpMsg(&w) < 0) {
-        LAPI_SRV_ERR("Fail to send getLastKnownLocation msg to BP, pid is : %d!",
-                     static_cast<int>(hdr.pid));
-    }
+    BpRequest bp(LAST_KNOWN_GEOLOCATION_APBP_REQ, pTran->sid, pTran->tid);
+    bp.Send("getLastKnownLocation", ReadHeader(pMsg).pid, LOG_SITE);
     return 0;
 }
 
@@ -383,31 +359,16 @@ int LAPI_SRV_ProcLastKnownLocationMsg(uint8_t *pMsg, Fdops *pFdops) {
 /* ------------------------------------------------------------------------ */
 
 int LAPI_SRV_ProcGetGpsDbDataMsg(uint8_t *pMsg, Fdops *pFdops) {
-    MsgHeader hdr = ReadHeader(pMsg);
-    if (!CheckHeader(hdr, LAPI_GET_GPS_DB_DATA_REQ, LAPI_GET_GPS_DB_DATA_REQ_LEN,
-                     "Wrong get location state msg length: %d, pid is: %d!", LOG_SITE)) {
-        return -1;
-    }
-    Client *pClient = RequestClient(pFdops, hdr, LOG_SITE);
-    if (pClient == nullptr) {
-        return -1;
-    }
-    GetGpsDbDataReq req;
-    memcpy(&req, pMsg, sizeof(req));
+    GetGpsDbDataReq req = ReadMsg<GetGpsDbDataReq>(pMsg);
     int result = 0;
-    Transaction *pTran = StartTransaction(pClient, hdr, ReadPrefix(pMsg), DB_READ_APBP_REQ,
-                                          LAPI_SRV_DB_DEADLINE_SEC, &result, LOG_SITE);
+    Transaction *pTran =
+        StartBpRequest(pMsg, pFdops, DB_READ_APBP_REQ, LAPI_SRV_DB_DEADLINE_SEC, &result, LOG_SITE);
     if (pTran == nullptr) {
         return result;
     }
-    uint8_t frame[LAPI_BP_GET_GPS_DB_DATA_REQ_LEN + LAPI_BP_FRAME_OVERHEAD];
-    BpMsgWriter w = {frame, 0};
-    PutBpHeader(&w, DB_READ_APBP_REQ, pTran->sid, pTran->tid);
-    PutU32(&w, req.fileId);
-    if (SendBpMsg(&w) < 0) {
-        LAPI_SRV_ERR("Fail to send getGpsDbData msg to BP, pid is : %d!",
-                     static_cast<int>(hdr.pid));
-    }
+    BpRequest bp(DB_READ_APBP_REQ, pTran->sid, pTran->tid);
+    bp.W().PutBe32(req.fileId);
+    bp.Send("getGpsDbData", req.header.pid, LOG_SITE);
     return 0;
 }
 
@@ -420,17 +381,9 @@ int LAPI_SRV_ProcGetGpsDbDataMsg(uint8_t *pMsg, Fdops *pFdops) {
  */
 int LAPI_SRV_ProcSetGpsDbDataMsg(uint8_t *pMsg, Fdops *pFdops) {
     MsgHeader hdr = ReadHeader(pMsg);
-    if (!CheckHeader(hdr, LAPI_SET_GPS_DB_DATA_REQ, LAPI_SET_GPS_DB_DATA_REQ_LEN,
-                     "Wrong set location state msg length: %d, pid is: %d!", LOG_SITE)) {
-        return -1;
-    }
-    Client *pClient = RequestClient(pFdops, hdr, LOG_SITE);
-    if (pClient == nullptr) {
-        return -1;
-    }
     int result = 0;
-    Transaction *pTran = StartTransaction(pClient, hdr, ReadPrefix(pMsg), DB_WRITE_APBP_REQ,
-                                          LAPI_SRV_DB_DEADLINE_SEC, &result, LOG_SITE);
+    Transaction *pTran = StartBpRequest(pMsg, pFdops, DB_WRITE_APBP_REQ, LAPI_SRV_DB_DEADLINE_SEC,
+                                        &result, LOG_SITE);
     if (pTran == nullptr) {
         return result;
     }
@@ -439,126 +392,85 @@ int LAPI_SRV_ProcSetGpsDbDataMsg(uint8_t *pMsg, Fdops *pFdops) {
     const size_t msgSize = sizeof(SetGpsDbDataReq);
     uint8_t padded[sizeof(SetGpsDbDataReq) + LAPI_BP_MSG_MAX_LEN];
     memset(padded, 0, sizeof(padded));
-    memcpy(padded, pMsg, msgSize);
+    LAPI_Reader(pMsg, msgSize).GetBytes(padded, msgSize);
 
-    uint16_t numFiles;
-    memcpy(&numFiles, padded + offsetof(SetGpsDbDataReq, numFiles), sizeof(numFiles));
+    uint16_t numFiles = 0;
+    ReaderAt(padded, offsetof(SetGpsDbDataReq, numFiles)).GetHost16(&numFiles);
 
-    uint8_t frame[LAPI_SRV_BP_FRAME_BUF_LEN];
-    BpMsgWriter w = {frame, 0};
-    PutBpHeader(&w, DB_WRITE_APBP_REQ, pTran->sid, pTran->tid);
-    PutU16(&w, numFiles);
+    BpRequest bp(DB_WRITE_APBP_REQ, pTran->sid, pTran->tid);
+    LAPI_Writer &w = bp.W();
+    w.PutBe16(numFiles);
     for (uint32_t i = 0; i < numFiles; ++i) {
         size_t entry = offsetof(SetGpsDbDataReq, dbFile) + sizeof(DbFile) * i;
         uint32_t fileId = 0;
         uint16_t length = 0;
         if (entry + offsetof(DbFile, data) <= msgSize) {
-            memcpy(&fileId, padded + entry + offsetof(DbFile, fileId), sizeof(fileId));
-            memcpy(&length, padded + entry + offsetof(DbFile, length), sizeof(length));
+            LAPI_Reader file = ReaderAt(padded, entry);
+            file.GetHost32(&fileId);
+            file.GetHost16(&length);
         }
         /* Checked before the entry is written: the payload may not grow
          * beyond what one frame carries. */
-        if (w.len + LAPI_BP_DB_FILE_HEAD_LEN + length > LAPI_BP_MSG_MAX_LEN) {
+        if (w.Size() + LAPI_BP_DB_FILE_HEAD_LEN + length > LAPI_BP_MSG_MAX_LEN) {
             LAPI_SRV_ERR("Buffer overflow when formating BP msg, pid is : %d!",
                          static_cast<int>(hdr.pid));
             return -1;
         }
-        PutU32(&w, fileId);
-        PutU16(&w, length);
+        w.PutBe32(fileId);
+        w.PutBe16(length);
         size_t data = entry + offsetof(DbFile, data);
-        if (length > 0) {
-            if (data < msgSize) {
-                PutNet(&w, padded + data, length);
+        uint8_t *pOut = nullptr;
+        if (length > 0 && w.Reserve(length, &pOut) == 0) {
+            const uint8_t *pIn = nullptr;
+            if (data < msgSize && ReaderAt(padded, data).GetSpan(&pIn, length) == 0) {
+                LAPI_SRV_ByteOrderHostToNet(pOut, pIn, length);
             } else {
-                memset(BpMsgAt(&w), 0, length);
-                w.len = static_cast<uint16_t>(w.len + length);
+                memset(pOut, 0, length);
             }
         }
     }
-    if (SendBpMsg(&w) < 0) {
-        LAPI_SRV_ERR("Fail to send setGpsDbData msg to BP, pid is : %d!",
-                     static_cast<int>(hdr.pid));
-    }
+    bp.Send("setGpsDbData", hdr.pid, LOG_SITE);
     return 0;
 }
 
 int LAPI_SRV_ProcGetStatusMsg(uint8_t *pMsg, Fdops *pFdops) {
-    MsgHeader hdr = ReadHeader(pMsg);
-    if (!CheckHeader(hdr, LAPI_GET_STATUS_REQ, LAPI_GET_STATUS_REQ_LEN,
-                     "Wrong get status msg length: %d, pid is: %d!", LOG_SITE)) {
-        return -1;
-    }
-    Client *pClient = RequestClient(pFdops, hdr, LOG_SITE);
-    if (pClient == nullptr) {
-        return -1;
-    }
     int result = 0;
-    Transaction *pTran = StartTransaction(pClient, hdr, ReadPrefix(pMsg), GET_STATUS_APBP_REQ,
-                                          LAPI_SRV_STATUS_DEADLINE_SEC, &result, LOG_SITE);
+    Transaction *pTran = StartBpRequest(pMsg, pFdops, GET_STATUS_APBP_REQ,
+                                        LAPI_SRV_STATUS_DEADLINE_SEC, &result, LOG_SITE);
     if (pTran == nullptr) {
         return result;
     }
-    uint8_t frame[LAPI_BP_GET_STATUS_REQ_LEN + LAPI_BP_FRAME_OVERHEAD];
-    BpMsgWriter w = {frame, 0};
-    PutBpHeader(&w, GET_STATUS_APBP_REQ, pTran->sid, pTran->tid);
-    if (SendBpMsg(&w) < 0) {
-        LAPI_SRV_ERR("Fail to send getStatus msg to BP, pid is : %d!", static_cast<int>(hdr.pid));
-    }
+    BpRequest bp(GET_STATUS_APBP_REQ, pTran->sid, pTran->tid);
+    bp.Send("getStatus", ReadHeader(pMsg).pid, LOG_SITE);
     return 0;
 }
 
 /* The pair in the answer is the BP's own, from the notification being
  * answered: it goes back unchanged and nothing is kept here. */
 int LAPI_SRV_ProcLocationNotificationCfmMsg(uint8_t *pMsg, Fdops * /*pFdops*/) {
-    MsgHeader hdr = ReadHeader(pMsg);
-    if (!CheckHeader(hdr, LAPI_LOCATION_NOTIFICATION_CFM, LAPI_LOCATION_NOTIFICATION_CFM_LEN,
-                     "Wrong location notification confirm msg length: %d, pid is: %d!", LOG_SITE)) {
-        return -1;
-    }
-    LocationNotificationCfm cfm;
-    memcpy(&cfm, pMsg, sizeof(cfm));
-    uint8_t frame[LAPI_BP_LOCATION_NOTIFICATION_RSP_LEN + LAPI_BP_FRAME_OVERHEAD];
-    BpMsgWriter w = {frame, 0};
-    PutBpHeader(&w, LOCATION_NOTIFICATION_APBP_RES, cfm.sessionId, cfm.transactionId);
-    PutU32(&w, cfm.responseType);
-    if (SendBpMsg(&w) < 0) {
-        LAPI_SRV_ERR("Fail to send locationNotificationCfm msg to BP, pid is : %d!",
-                     static_cast<int>(hdr.pid));
-    }
+    LocationNotificationCfm cfm = ReadMsg<LocationNotificationCfm>(pMsg);
+    BpRequest bp(LOCATION_NOTIFICATION_APBP_RES, cfm.sessionId, cfm.transactionId);
+    bp.W().PutBe32(cfm.responseType);
+    bp.Send("locationNotificationCfm", cfm.header.pid, LOG_SITE);
     return 0;
 }
 
 int LAPI_SRV_ProcDistanceAzimuthMsg(uint8_t *pMsg, Fdops *pFdops) {
-    MsgHeader hdr = ReadHeader(pMsg);
-    if (!CheckHeader(hdr, LAPI_DISTANCE_AZIMUTH_REQ, LAPI_DISTANCE_AZIMUTH_REQ_LEN,
-                     "Wrong distance and azimuth req msg length: %d, pid is: %d!", LOG_SITE)) {
-        return -1;
-    }
-    Client *pClient = RequestClient(pFdops, hdr, LOG_SITE);
-    if (pClient == nullptr) {
-        return -1;
-    }
-    DistanceAzimuthReq req;
-    memcpy(&req, pMsg, sizeof(req));
+    DistanceAzimuthReq req = ReadMsg<DistanceAzimuthReq>(pMsg);
     int result = 0;
-    Transaction *pTran =
-        StartTransaction(pClient, hdr, ReadPrefix(pMsg), DISTANCE_AND_AZIMUTH_APBP_REQ,
-                         LAPI_SRV_DISTANCE_DEADLINE_SEC, &result, LOG_SITE);
+    Transaction *pTran = StartBpRequest(pMsg, pFdops, DISTANCE_AND_AZIMUTH_APBP_REQ,
+                                        LAPI_SRV_DISTANCE_DEADLINE_SEC, &result, LOG_SITE);
     if (pTran == nullptr) {
         return result;
     }
-    uint8_t frame[LAPI_BP_DISTANCE_AZIMUTH_REQ_LEN + LAPI_BP_FRAME_OVERHEAD];
-    BpMsgWriter w = {frame, 0};
-    PutBpHeader(&w, DISTANCE_AND_AZIMUTH_APBP_REQ, pTran->sid, pTran->tid);
-    PutFixed(&w, req.latitude1);
-    PutFixed(&w, req.longitude1);
-    PutFixed(&w, req.latitude2);
-    PutFixed(&w, req.longitude2);
-    PutU8(&w, req.distanceOnly);
-    if (SendBpMsg(&w) < 0) {
-        LAPI_SRV_ERR("Fail to send distanceAzimuthReq msg to BP, pid is : %d!",
-                     static_cast<int>(hdr.pid));
-    }
+    BpRequest bp(DISTANCE_AND_AZIMUTH_APBP_REQ, pTran->sid, pTran->tid);
+    LAPI_Writer &w = bp.W();
+    w.PutBpFixed(req.latitude1);
+    w.PutBpFixed(req.longitude1);
+    w.PutBpFixed(req.latitude2);
+    w.PutBpFixed(req.longitude2);
+    w.PutU8(req.distanceOnly);
+    bp.Send("distanceAzimuthReq", req.header.pid, LOG_SITE);
     return 0;
 }
 
@@ -567,84 +479,49 @@ int LAPI_SRV_ProcDistanceAzimuthMsg(uint8_t *pMsg, Fdops *pFdops) {
 /* ------------------------------------------------------------------------ */
 
 int LAPI_SRV_ProcAddProximityMsg(uint8_t *pMsg, Fdops *pFdops) {
-    MsgHeader hdr = ReadHeader(pMsg);
-    if (!CheckHeader(hdr, LAPI_ADD_PROXIMITY_REQ, LAPI_ADD_PROXIMITY_REQ_LEN,
-                     "Wrong add proximity req msg length: %d, pid is: %d!", LOG_SITE)) {
-        return -1;
-    }
-    Client *pClient = RequestClient(pFdops, hdr, LOG_SITE);
-    if (pClient == nullptr) {
-        return -1;
-    }
-    AddProximityReq req;
-    memcpy(&req, pMsg, sizeof(req));
+    AddProximityReq req = ReadMsg<AddProximityReq>(pMsg);
     int result = 0;
     /* The transaction stays after the BP's answer as the record of the area. */
-    Transaction *pTran = StartTransaction(pClient, hdr, ReadPrefix(pMsg), PROXIMITY_ADD_APBP_REQ,
-                                          LAPI_SRV_ADD_PROXIMITY_DEADLINE_SEC, &result, LOG_SITE);
+    Transaction *pTran = StartBpRequest(pMsg, pFdops, PROXIMITY_ADD_APBP_REQ,
+                                        LAPI_SRV_ADD_PROXIMITY_DEADLINE_SEC, &result, LOG_SITE);
     if (pTran == nullptr) {
         return result;
     }
-    uint8_t frame[LAPI_BP_ADD_PROXIMITY_REQ_LEN + LAPI_BP_FRAME_OVERHEAD];
-    BpMsgWriter w = {frame, 0};
-    PutBpHeader(&w, PROXIMITY_ADD_APBP_REQ, pTran->sid, pTran->tid);
-    PutFixed(&w, req.latitude);
-    PutFixed(&w, req.longitude);
-    PutFixed(&w, req.altitude);
-    PutFixed(&w, req.radius);
-    if (SendBpMsg(&w) < 0) {
-        LAPI_SRV_ERR("Fail to send addProximityReq msg to BP, pid is : %d!",
-                     static_cast<int>(hdr.pid));
-    }
+    BpRequest bp(PROXIMITY_ADD_APBP_REQ, pTran->sid, pTran->tid);
+    LAPI_Writer &w = bp.W();
+    w.PutBpFixed(req.latitude);
+    w.PutBpFixed(req.longitude);
+    w.PutBpFixed(req.altitude);
+    w.PutBpFixed(req.radius);
+    bp.Send("addProximityReq", req.header.pid, LOG_SITE);
     return 0;
 }
 
-static void SendRemoveProximityReq(const Transaction *pTran, uint32_t removeType,
-                                   const MsgHeader &hdr, LogSite site) {
-    uint8_t frame[LAPI_BP_REMOVE_PROXIMITY_REQ_LEN + LAPI_BP_FRAME_OVERHEAD];
-    BpMsgWriter w = {frame, 0};
-    PutBpHeader(&w, PROXIMITY_REM_APBP_REQ, pTran->sid, pTran->tid);
-    PutU32(&w, removeType);
-    if (SendBpMsg(&w) < 0) {
-        SITE_ERR(site, "Fail to send removeProximityReq msg to BP, pid is : %d!",
-                 static_cast<int>(hdr.pid));
-    }
+static void SendRemoveProximityReq(const Transaction *pTran, uint32_t removeType, uint32_t pid,
+                                   LogSite site) {
+    BpRequest bp(PROXIMITY_REM_APBP_REQ, pTran->sid, pTran->tid);
+    bp.W().PutBe32(removeType);
+    bp.Send("removeProximityReq", pid, site);
 }
 
 int LAPI_SRV_ProcRemoveAllProximityMsg(uint8_t *pMsg, Fdops *pFdops) {
-    MsgHeader hdr = ReadHeader(pMsg);
-    if (!CheckHeader(hdr, LAPI_REMOVE_PROXIMITY_REQ, LAPI_REMOVE_PROXIMITY_REQ_LEN,
-                     "Wrong remove proximity req msg length: %d, pid is: %d!", LOG_SITE)) {
-        return -1;
-    }
-    Client *pClient = RequestClient(pFdops, hdr, LOG_SITE);
-    if (pClient == nullptr) {
-        return -1;
-    }
-    RemoveProximityReq req;
-    memcpy(&req, pMsg, sizeof(req));
+    RemoveProximityReq req = ReadMsg<RemoveProximityReq>(pMsg);
     int result = 0;
-    Transaction *pTran =
-        StartTransaction(pClient, hdr, ReadPrefix(pMsg), PROXIMITY_REM_APBP_REQ,
-                         LAPI_SRV_REMOVE_PROXIMITY_DEADLINE_SEC, &result, LOG_SITE);
+    Transaction *pTran = StartBpRequest(pMsg, pFdops, PROXIMITY_REM_APBP_REQ,
+                                        LAPI_SRV_REMOVE_PROXIMITY_DEADLINE_SEC, &result, LOG_SITE);
     if (pTran == nullptr) {
         return result;
     }
     pTran->reqParam = req.removeType;
-    SendRemoveProximityReq(pTran, req.removeType, hdr, LOG_SITE);
+    SendRemoveProximityReq(pTran, req.removeType, req.header.pid, LOG_SITE);
     return 0;
 }
 
 int LAPI_SRV_ProcRemoveProximityMsg(uint8_t *pMsg, Fdops *pFdops) {
     MsgHeader hdr = ReadHeader(pMsg);
-    if (!CheckHeader(hdr, LAPI_REMOVE_PROXIMITY_REQ, LAPI_REMOVE_PROXIMITY_REQ_LEN,
-                     "Wrong remove proximity req msg length: %d, pid is: %d!", LOG_SITE)) {
-        return -1;
-    }
-    RemoveProximityReq req;
-    memcpy(&req, pMsg, sizeof(req));
+    RemoveProximityReq req = ReadMsg<RemoveProximityReq>(pMsg);
     if (req.removeType == LAPI_REMOVE_ALL_PROXIMITY) {
-        return LAPI_SRV_ProcRemoveAllProximityMsg(pMsg, pFdops);
+        return LAPI_SRV_RunApMsgRow(&LAPI_SRV_removeAllProximityRow, pMsg, pFdops);
     }
     Client *pClient = RequestClient(pFdops, hdr, LOG_SITE);
     if (pClient == nullptr) {
@@ -670,15 +547,76 @@ int LAPI_SRV_ProcRemoveProximityMsg(uint8_t *pMsg, Fdops *pFdops) {
     LAPI_SRV_SetTranExpireTime(pTran, LAPI_SRV_TicksAhead(LAPI_SRV_REMOVE_PROXIMITY_DEADLINE_SEC));
     pTran->isSync = static_cast<uint8_t>(isSync);
     pTran->reqParam = req.removeType;
-    SendRemoveProximityReq(pTran, req.removeType, hdr, LOG_SITE);
+    SendRemoveProximityReq(pTran, req.removeType, hdr.pid, LOG_SITE);
     return 0;
 }
+
+/* ------------------------------------------------------------------------ */
+/* Dispatch rows                                                             */
+/* ------------------------------------------------------------------------ */
+
+/* Every request has a body of one exact length; the texts are the ones the
+ * handlers have always written. */
+constexpr LAPI_SRV_ApMsgRow LAPI_SRV_apRequestRows[] = {
+    LAPI_SRV_AP_ROW(LAPI_GET_LOCATION_REQ, LAPI_SRV_ProcGetLocationMsg, LAPI_SRV_LEN_EXACT,
+                    LAPI_GET_LOCATION_REQ_LEN, "Wrong get location msg length: %d, pid is: %d!"),
+    LAPI_SRV_AP_ROW(LAPI_ABORT_LOCATION_REQ, LAPI_SRV_ProcAbortLocationMsg, LAPI_SRV_LEN_EXACT,
+                    LAPI_ABORT_LOCATION_REQ_LEN,
+                    "Wrong abort location msg length: %d, pid is: %d!"),
+    LAPI_SRV_AP_ROW(LAPI_ABORT_ALL_LOCATION_REQ, LAPI_SRV_ProcAbortAllLocationMsg,
+                    LAPI_SRV_LEN_EXACT, LAPI_ABORT_ALL_LOCATION_REQ_LEN,
+                    "Wrong abort all location msg length: %d, pid is: %d!"),
+    LAPI_SRV_AP_ROW(LAPI_LAST_KNOWN_LOCATION_REQ, LAPI_SRV_ProcLastKnownLocationMsg,
+                    LAPI_SRV_LEN_EXACT, LAPI_LAST_KNOWN_LOCATION_REQ_LEN,
+                    "Wrong get last known location msg length: %d, pid is: %d!"),
+    LAPI_SRV_AP_ROW(LAPI_GET_GPS_DB_DATA_REQ, LAPI_SRV_ProcGetGpsDbDataMsg, LAPI_SRV_LEN_EXACT,
+                    LAPI_GET_GPS_DB_DATA_REQ_LEN,
+                    "Wrong get location state msg length: %d, pid is: %d!"),
+    LAPI_SRV_AP_ROW(LAPI_SET_GPS_DB_DATA_REQ, LAPI_SRV_ProcSetGpsDbDataMsg, LAPI_SRV_LEN_EXACT,
+                    LAPI_SET_GPS_DB_DATA_REQ_LEN,
+                    "Wrong set location state msg length: %d, pid is: %d!"),
+    LAPI_SRV_AP_ROW(LAPI_GET_STATUS_REQ, LAPI_SRV_ProcGetStatusMsg, LAPI_SRV_LEN_EXACT,
+                    LAPI_GET_STATUS_REQ_LEN, "Wrong get status msg length: %d, pid is: %d!"),
+    LAPI_SRV_AP_ROW(LAPI_LOCATION_NOTIFICATION_CFM, LAPI_SRV_ProcLocationNotificationCfmMsg,
+                    LAPI_SRV_LEN_EXACT, LAPI_LOCATION_NOTIFICATION_CFM_LEN,
+                    "Wrong location notification confirm msg length: %d, pid is: %d!"),
+    LAPI_SRV_AP_ROW(LAPI_DISTANCE_AZIMUTH_REQ, LAPI_SRV_ProcDistanceAzimuthMsg, LAPI_SRV_LEN_EXACT,
+                    LAPI_DISTANCE_AZIMUTH_REQ_LEN,
+                    "Wrong distance and azimuth req msg length: %d, pid is: %d!"),
+    LAPI_SRV_AP_ROW(LAPI_ADD_PROXIMITY_REQ, LAPI_SRV_ProcAddProximityMsg, LAPI_SRV_LEN_EXACT,
+                    LAPI_ADD_PROXIMITY_REQ_LEN,
+                    "Wrong add proximity req msg length: %d, pid is: %d!"),
+    LAPI_SRV_AP_ROW(LAPI_REMOVE_PROXIMITY_REQ, LAPI_SRV_ProcRemoveProximityMsg, LAPI_SRV_LEN_EXACT,
+                    LAPI_REMOVE_PROXIMITY_REQ_LEN,
+                    "Wrong remove proximity req msg length: %d, pid is: %d!"),
+};
+const size_t LAPI_SRV_apRequestRowCount =
+    sizeof(LAPI_SRV_apRequestRows) / sizeof(LAPI_SRV_apRequestRows[0]);
+
+static constexpr bool RowsValid() {
+    for (const LAPI_SRV_ApMsgRow &row : LAPI_SRV_apRequestRows) {
+        if (row.msgId < LAPI_CLI_MSG_BASE ||
+            row.msgId >= LAPI_CLI_MSG_BASE + LAPI_SRV_AP_MSG_PROC_COUNT || row.proc == nullptr) {
+            return false;
+        }
+    }
+    return true;
+}
+static_assert(RowsValid(), "every row names a client message identifier and a handler");
+
+/* Not in the table: removeProximityReq hands a remove-all over to it. */
+const LAPI_SRV_ApMsgRow LAPI_SRV_removeAllProximityRow = LAPI_SRV_AP_ROW(
+    LAPI_REMOVE_PROXIMITY_REQ, LAPI_SRV_ProcRemoveAllProximityMsg, LAPI_SRV_LEN_EXACT,
+    LAPI_REMOVE_PROXIMITY_REQ_LEN, "Wrong remove proximity req msg length: %d, pid is: %d!");
 
 /* ------------------------------------------------------------------------ */
 /* Deadlines                                                                 */
 /* ------------------------------------------------------------------------ */
 
-int LAPI_SRV_GetLocationTimeOut(Transaction *pTran) {
+/* Deadline of a running location request that the BP did not answer: the
+ * transaction goes back into the list and is aborted. Returns 1 when the
+ * caller must free it, 0 when it is kept. */
+static int GetLocationTimeOut(Transaction *pTran) {
     if (LAPI_SRV_AddTranList(pTran) != 0) {
         LAPI_SRV_ERR("Fail to add pTran into LAPI_SRV_tranList!");
         return 1;
@@ -691,9 +629,9 @@ int LAPI_SRV_GetLocationTimeOut(Transaction *pTran) {
 
 /* A transaction whose deadline passed, already out of the list. Returns 1
  * when the caller must free it. */
-int LAPI_SRV_TranTimeOut(Transaction *pTran) {
+static int TranTimeOut(Transaction *pTran) {
     if (pTran->subCmdId == GEOLOCATION_APBP_REQ) {
-        return LAPI_SRV_GetLocationTimeOut(pTran);
+        return GetLocationTimeOut(pTran);
     }
     LAPI_SRV_SendTimeOutReqResponse(ReplyFdops(pTran->pClient, pTran->isSync), pTran->clientSid,
                                     pTran->clientTid);
@@ -728,7 +666,7 @@ void LAPI_SRV_ScanTranList(struct timeval *pTimeout) {
             }
             LAPI_SRV_UnlinkTran(pTran);
             LAPI_SRV_tranListChanged = 0;
-            if (LAPI_SRV_TranTimeOut(pTran)) {
+            if (TranTimeOut(pTran)) {
                 free(pTran);
             }
             if (LAPI_SRV_tranListChanged) {

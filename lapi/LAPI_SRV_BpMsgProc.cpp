@@ -18,17 +18,17 @@
 #include "LAPI_Log.h"
 #include "LAPI_SRV_Paths.h"
 #include "LAPI_SrvCli.h"
+#include "LAPI_Wire.h"
 
 /* ------------------------------------------------------------------------ */
 /* Tables and reassembly state                                               */
 /* ------------------------------------------------------------------------ */
 
-struct BpMsgProcEntry {
-    BpMsgProc proc;
-};
-
-/* Indexed by subCmdId; filled by LAPI_SRV_InitBpMsgProc. */
-static BpMsgProcEntry bpMsgProc[LAPI_BP_MSG_ID_COUNT];
+/* Indexed by subCmdId; filled by LAPI_SRV_InitBpMsgProc. A row without a
+ * procedure is an identifier the server does not take. */
+static LAPI_SRV_BpMsgRow bpMsgProc[LAPI_BP_MSG_ID_COUNT];
+static_assert(sizeof(bpMsgProc) / sizeof(bpMsgProc[0]) == TLS_SESSION_APBP_RES + 1,
+              "one row per BP message identifier");
 /* Indexed by subCmdId; filled by LAPI_SRV_InitBpMsgLogProc. */
 static BpMsgLogProc bpMsgLogProc[LAPI_BP_MSG_ID_COUNT];
 
@@ -49,7 +49,9 @@ BpMsgProc LAPI_SRV_SetBpMsgProc(uint8_t subCmdId, BpMsgProc proc) {
         return nullptr;
     }
     BpMsgProc old = bpMsgProc[subCmdId].proc;
-    bpMsgProc[subCmdId].proc = proc;
+    /* A stand-in procedure takes every length. */
+    bpMsgProc[subCmdId] =
+        LAPI_SRV_BpMsgRow{subCmdId, proc, "", __FILE__, LAPI_SRV_LEN_AT_LEAST, 0, nullptr};
     return old;
 }
 
@@ -82,17 +84,14 @@ int LAPI_SRV_ConnectMuxChannel(void) {
         LAPI_SRV_ERR("Fail to open %s, errno is: %d, %s", LAPI_SRV_muxDevice, err, strerror(err));
         return -1;
     }
-    Fdops *pFdops = CreateFdops(fd, LAPI_SRV_MUX_RBUF_SIZE, LAPI_SRV_MUX_WBUF_SIZE);
+    Fdops *pFdops =
+        LAPI_SRV_NewFdops(fd, LAPI_SRV_MUX_RBUF_SIZE, LAPI_SRV_MUX_WBUF_SIZE,
+                          LAPI_SRV_MuxFdReadProc, LAPI_SRV_GeneralWriteProc, LAPI_SRV_CloseFdops);
     if (pFdops == nullptr) {
         CloseFd(fd);
         return -1;
     }
-    pFdops->readProc = LAPI_SRV_MuxFdReadProc;
-    pFdops->writeProc = LAPI_SRV_GeneralWriteProc;
-    pFdops->closeProc = LAPI_SRV_CloseFdops;
-    pFdops->pFdInfo = nullptr;
     LAPI_SRV_pMuxFdops = pFdops;
-    LAPI_SRV_AddFdopsReadList(pFdops);
     LAPI_SRV_muxConnected = 1;
     ClearMuxSendQueue();
     LAPI_SRV_TRACE("Success to connect mux channel.");
@@ -112,10 +111,13 @@ uint16_t LAPI_SRV_SetUpBpMsgFrame(uint8_t *pFrame, uint16_t msgLen) {
     }
     LAPI_LogBpMsg(pFrame + LAPI_BP_FRAME_HEAD_LEN, msgLen);
     uint16_t frameLen = static_cast<uint16_t>(msgLen + LAPI_BP_FRAME_OVERHEAD);
-    pFrame[0] = LAPI_BP_FRAME_SYNC;
-    LAPI_SRV_ByteOrderHostToNet(pFrame + 1, &frameLen, 2);
-    pFrame[frameLen - 2] = LAPI_BP_FRAME_TRAILER0;
-    pFrame[frameLen - 1] = LAPI_BP_FRAME_TRAILER1;
+    LAPI_Writer w(pFrame, frameLen);
+    uint8_t *pBody = nullptr;
+    w.PutU8(LAPI_BP_FRAME_SYNC);
+    w.PutBe16(frameLen);
+    w.Reserve(msgLen, &pBody); /* the message is already in place */
+    w.PutU8(LAPI_BP_FRAME_TRAILER0);
+    w.PutU8(LAPI_BP_FRAME_TRAILER1);
     LAPI_SRV_TRACE("Send following message to BP: ");
     LAPI_DebugHex(pFrame, frameLen, 1);
     return frameLen;
@@ -140,15 +142,7 @@ int LAPI_SRV_SendMsgToBp(uint8_t *pFrame, uint16_t frameLen) {
 
 void LAPI_SRV_MuxFdReadProc(Fdops *pFdops) {
     LAPI_SRV_TRACE("Enter LAPI_SRV_MuxFdReadProc");
-    if (pFdops == nullptr || pFdops->rbuf.buf == nullptr || pFdops->rbuf.len == 0) {
-        LAPI_SRV_ERR("Invalid pFdops!");
-        return;
-    }
-    if (LAPI_SRV_GeneralRead(pFdops) < 0) {
-        LAPI_SRV_ERR("Fail to general read for pFdops!");
-        if (pFdops->closeProc != nullptr) {
-            pFdops->closeProc(pFdops);
-        }
+    if (!LAPI_SRV_READ_INTO_FDOPS(pFdops)) {
         return;
     }
     LAPI_SRV_BpMsgParse(pFdops);
@@ -157,6 +151,16 @@ void LAPI_SRV_MuxFdReadProc(Fdops *pFdops) {
 /* ------------------------------------------------------------------------ */
 /* Reassembly and resynchronisation                                          */
 /* ------------------------------------------------------------------------ */
+
+/* Whether the frame of frameLen bytes at pFrame ends with 0xCF 0xB0. */
+static bool HasTrailer(const uint8_t *pFrame, int frameLen) {
+    LAPI_Reader r(pFrame, static_cast<size_t>(frameLen));
+    uint8_t t0 = 0;
+    uint8_t t1 = 0;
+    return r.Skip(static_cast<size_t>(frameLen) - LAPI_BP_FRAME_TRAILER_LEN) == 0 &&
+           r.GetU8(&t0) == 0 && r.GetU8(&t1) == 0 && t0 == LAPI_BP_FRAME_TRAILER0 &&
+           t1 == LAPI_BP_FRAME_TRAILER1;
+}
 
 int LAPI_SRV_BpMsgParse(Fdops *pFdops) {
     LAPI_SRV_TRACE("Enter LAPI_SRV_BpMsgParse");
@@ -187,7 +191,10 @@ int LAPI_SRV_BpMsgParse(Fdops *pFdops) {
         if (bpFrameStart >= 0) {
             int avail = len - bpFrameStart;
             if (bpFrameLen == -1 && avail >= LAPI_BP_FRAME_OVERHEAD) {
-                int frameLen = buf[bpFrameStart + 1] * 256 + buf[bpFrameStart + 2];
+                LAPI_Reader head(buf + bpFrameStart, static_cast<size_t>(avail));
+                uint16_t frameLen = 0;
+                head.Skip(1);
+                head.GetBe16(&frameLen);
                 if (frameLen > LAPI_BP_FRAME_MAX_LEN) {
                     LAPI_SRV_ERR("frameLen : %d is too big!", frameLen);
                     scan = bpFrameStart + 1;
@@ -212,9 +219,7 @@ int LAPI_SRV_BpMsgParse(Fdops *pFdops) {
             LAPI_DebugHex(buf + start, frameLen, 1);
             /* Below the overhead the "trailer" would be the sync or length
              * bytes, or bytes in front of the frame: never a real frame. */
-            if (frameLen >= LAPI_BP_FRAME_OVERHEAD &&
-                buf[start + frameLen - 2] == LAPI_BP_FRAME_TRAILER0 &&
-                buf[start + frameLen - 1] == LAPI_BP_FRAME_TRAILER1) {
+            if (frameLen >= LAPI_BP_FRAME_OVERHEAD && HasTrailer(buf + start, frameLen)) {
                 LAPI_SRV_ResetBpMsgParse();
                 scan = start + frameLen;
                 LAPI_SRV_ProcessBpMsg(buf + start + LAPI_BP_FRAME_HEAD_LEN,
@@ -254,7 +259,9 @@ void LAPI_SRV_ProcessBpMsg(uint8_t *pMsg, uint16_t msgLen) {
     /* A frame of exactly the overhead holds no message: its "identifier" is
      * then the first trailer byte 0xCF, still inside the frame, and the
      * message is refused as unknown. */
-    uint8_t subCmdId = pMsg[0];
+    LAPI_Reader r(pMsg, msgLen > 0 ? msgLen : 1);
+    uint8_t subCmdId = 0;
+    r.PeekU8(&subCmdId);
     if (subCmdId >= LAPI_BP_MSG_ID_COUNT) {
         LAPI_SRV_ERR("Received unknown BP Msg ID: 0x%02x, dataLen: %d!", subCmdId, msgLen);
         return;
@@ -263,60 +270,49 @@ void LAPI_SRV_ProcessBpMsg(uint8_t *pMsg, uint16_t msgLen) {
         LAPI_SRV_ERR("No procedure for BP Msg ID: 0x%02x, dataLen: %d!", subCmdId, msgLen);
         return;
     }
-    bpMsgProc[subCmdId].proc(pMsg, msgLen);
+    LAPI_SRV_RunBpMsgRow(&bpMsgProc[subCmdId], pMsg, msgLen);
     LAPI_SRV_TRACE("AFTER BPMSGPROC[IDX].PROC()");
+}
+
+void LAPI_SRV_RunBpMsgRow(const LAPI_SRV_BpMsgRow *pRow, uint8_t *pMsg, uint16_t msgLen) {
+    if (pRow == nullptr || pRow->proc == nullptr) {
+        return;
+    }
+    if (pRow->pWrongLenFmt != nullptr) {
+        LAPI_Reader r(pMsg, msgLen);
+        uint8_t subCmdId = 0;
+        if (r.PeekU8(&subCmdId) != 0 || subCmdId != pRow->subCmdId) {
+            LAPI_LogLine(1, 1, pRow->pFile, __LINE__, pRow->pProcName,
+                         "pBpMsgHeader->subCmdId : 0x%02x is not expected, msgLen : %d!",
+                         r.Left() > 0 ? subCmdId : 0xFF, msgLen);
+            return;
+        }
+        if (!LAPI_SRV_LenFits(pRow->lenRule, pRow->len, msgLen)) {
+            LAPI_LogLine(1, 1, pRow->pFile, __LINE__, pRow->pProcName, pRow->pWrongLenFmt, msgLen,
+                         pRow->len);
+            return;
+        }
+    }
+    pRow->proc(pMsg, msgLen);
+}
+
+/* Puts rows into the table; a row out of range or for an identifier already
+ * taken is a mistake in the rows and is left out with an error line. */
+static void InstallBpRows(const LAPI_SRV_BpMsgRow *pRows, size_t count) {
+    for (size_t i = 0; i < count; ++i) {
+        const LAPI_SRV_BpMsgRow &row = pRows[i];
+        if (row.subCmdId >= LAPI_BP_MSG_ID_COUNT || bpMsgProc[row.subCmdId].proc != nullptr) {
+            LAPI_SRV_ERR("Invalid BP Msg row: 0x%02x!", row.subCmdId);
+            continue;
+        }
+        bpMsgProc[row.subCmdId] = row;
+    }
 }
 
 void LAPI_SRV_InitBpMsgProc(void) {
     memset(bpMsgProc, 0, sizeof(bpMsgProc));
-    bpMsgProc[GEOLOCATION_APBP_RES].proc = LAPI_SRV_ProcBpGetLocationRspMsg;
-    bpMsgProc[GEOLOCATION_ABORT_APBP_RES].proc = LAPI_SRV_ProcBpAbortLocationRspMsg;
-    bpMsgProc[DB_WRITE_APBP_RES].proc = LAPI_SRV_ProcBpSetGpsDbDataRspMsg;
-    bpMsgProc[DB_READ_APBP_RES].proc = LAPI_SRV_ProcBpGetGpsDbDataRspMsg;
-    bpMsgProc[STATUS_CHANGE_BPAP_IND].proc = LAPI_SRV_ProcBpStatusChangeIndMsg;
-    bpMsgProc[GET_STATUS_APBP_RES].proc = LAPI_SRV_ProcBpGetStatusRspMsg;
-    bpMsgProc[LOCATION_NOTIFICATION_BPAP_IND].proc = LAPI_SRV_ProcBpLocationNotificationIndMsg;
-    bpMsgProc[NOTIFICATION_STATUS_BPAP_IND].proc = LAPI_SRV_ProcBpNotificationStatusIndMsg;
-    bpMsgProc[DISTANCE_AND_AZIMUTH_APBP_RES].proc = LAPI_SRV_ProcBpDistanceAzimuthRspMsg;
-    bpMsgProc[PROXIMITY_ADD_APBP_RES].proc = LAPI_SRV_ProcBpAddProximityRspMsg;
-    bpMsgProc[PROXIMITY_REM_APBP_RES].proc = LAPI_SRV_ProcBpRemoveProximityRspMsg;
-    bpMsgProc[PROXIMITY_HIT_APBP_IND].proc = LAPI_SRV_ProcBpProximityHitIndMsg;
-    bpMsgProc[OPEN_SOCKET_BPAP_REQ].proc = LAPI_SRV_ProcBpOpenSocketReqMsg;
-    bpMsgProc[SEND_DATA_BPAP_REQ].proc = LAPI_SRV_ProcBpSendDataReqMsg;
-    bpMsgProc[CLOSE_SOCKET_BPAP_REQ].proc = LAPI_SRV_ProcBpCloseSocketReqMsg;
-    bpMsgProc[TLS_SESSION_BPAP_REQ].proc = LAPI_SRV_ProcBpTlsSessionReqMsg;
-}
-
-/* ------------------------------------------------------------------------ */
-/* Fixed point                                                               */
-/* ------------------------------------------------------------------------ */
-
-void LAPI_SRV_DoubleToBpFixed(double x, uint8_t *pOut) {
-    if (pOut == nullptr) {
-        return;
-    }
-    double scaled = x * LAPI_BP_FIXED_SCALE;
-    int64_t n;
-    /* 2^63 is exact in a double; anything at or beyond it, or NaN, has no
-     * 64-bit value and would make the conversion undefined. */
-    if (isnan(scaled)) {
-        n = 0;
-    } else if (scaled >= 9223372036854775808.0) {
-        n = INT64_MAX;
-    } else if (scaled < -9223372036854775808.0) {
-        n = INT64_MIN;
-    } else {
-        n = static_cast<int64_t>(scaled); /* truncation toward zero */
-    }
-    LAPI_BpPutU64(pOut, static_cast<uint64_t>(n));
-}
-
-double LAPI_SRV_BpFixedToDouble(const uint8_t *pIn) {
-    if (pIn == nullptr) {
-        return 0.0;
-    }
-    int64_t n = static_cast<int64_t>(LAPI_BpGetU64(pIn));
-    return (static_cast<double>(n) + 0.5) / LAPI_BP_FIXED_SCALE;
+    InstallBpRows(LAPI_SRV_bpLocationRows, LAPI_SRV_bpLocationRowCount);
+    InstallBpRows(LAPI_SRV_bpSocketRows, LAPI_SRV_bpSocketRowCount);
 }
 
 /* ------------------------------------------------------------------------ */
@@ -355,6 +351,11 @@ struct BpLogCursor {
 
 void AppendText(BpLogLine *pLine, const char *fmt, ...) __attribute__((format(printf, 2, 3)));
 
+/* The bytes of the message not traced yet. */
+LAPI_Reader Rest(const BpLogCursor *pCur) {
+    return LAPI_Reader(pCur->pMsg + pCur->pos, pCur->pMsg + pCur->length);
+}
+
 void AppendText(BpLogLine *pLine, const char *fmt, ...) {
     int room = LAPI_BP_LOG_LINE_SIZE - pLine->len;
     if (room <= 1) {
@@ -392,11 +393,12 @@ void AppendHex(BpLogLine *pLine, const uint8_t *pData, int width) {
 /* Appends label and value of the next field; false when the message ends
  * before the field does. */
 bool LogField(BpLogLine *pLine, BpLogCursor *pCur, const char *label, int width) {
-    if (width < 0 || width > pCur->length - pCur->pos) {
+    const uint8_t *pField = nullptr;
+    if (width < 0 || Rest(pCur).GetSpan(&pField, static_cast<size_t>(width)) != 0) {
         return false;
     }
     AppendText(pLine, "%s", label);
-    AppendHex(pLine, pCur->pMsg + pCur->pos, width);
+    AppendHex(pLine, pField, width);
     pCur->pos += width;
     return true;
 }
@@ -423,8 +425,10 @@ bool BeginLine(BpLogLine *pLine, BpLogCursor *pCur, const uint8_t *pMsg, int len
         BP_LOG_ERR(func, "(pBuf == NULL) || (length <= 0) !");
         return false;
     }
-    if (pMsg[0] != subCmdId) {
-        BP_LOG_ERR(func, "pMsgHeader->subCmdId : 0x%02x is not expected!", pMsg[0]);
+    uint8_t id = 0;
+    LAPI_Reader(pMsg, static_cast<size_t>(length)).PeekU8(&id);
+    if (id != subCmdId) {
+        BP_LOG_ERR(func, "pMsgHeader->subCmdId : 0x%02x is not expected!", id);
         return false;
     }
     AppendText(pLine, "%s", title);
@@ -459,11 +463,15 @@ void LogDbFilesMsg(const uint8_t *pMsg, int length, uint8_t subCmdId, const char
         return;
     }
     if (cur.length - cur.pos >= 2) {
-        int numFiles = LAPI_BpGetU16(pMsg + cur.pos);
+        uint16_t numFiles = 0;
+        Rest(&cur).GetBe16(&numFiles);
         cur.pos += 2;
         AppendText(&line, "numFiles: %d, ", numFiles);
         for (int i = 0; i < numFiles && cur.length - cur.pos >= LAPI_BP_DB_FILE_HEAD_LEN; ++i) {
-            int fileLen = LAPI_BpGetU16(pMsg + cur.pos + 4);
+            LAPI_Reader head = Rest(&cur);
+            uint16_t fileLen = 0;
+            head.Skip(4);
+            head.GetBe16(&fileLen);
             AppendText(&line, "dbFile[%d]: ", i);
             LogField(&line, &cur, "fileId: ", 4);
             LogField(&line, &cur, "length: ", 2);
@@ -564,15 +572,15 @@ void LAPI_LogBpMsg(const void *pMsg, int length) {
         LAPI_SRV_ERR("(pBuf == NULL) || (length <= 0) !");
         return;
     }
-    const uint8_t *pBytes = static_cast<const uint8_t *>(pMsg);
+    uint8_t subCmdId = 0;
+    LAPI_Reader(pMsg, static_cast<size_t>(length)).PeekU8(&subCmdId);
     if (length > LAPI_BP_LOG_MSG_MAX_LEN) {
         LAPI_SRV_ERR("length: %d > sizeof(buf): %d, subCmdId: 0x%02x!", length,
-                     LAPI_BP_LOG_MSG_MAX_LEN, pBytes[0]);
+                     LAPI_BP_LOG_MSG_MAX_LEN, subCmdId);
         return;
     }
     uint8_t copy[LAPI_BP_LOG_MSG_MAX_LEN];
-    memcpy(copy, pBytes, static_cast<size_t>(length));
-    uint8_t subCmdId = copy[0];
+    memcpy(copy, pMsg, static_cast<size_t>(length));
     if (subCmdId >= LAPI_BP_MSG_ID_COUNT) {
         LAPI_SRV_ERR("Unknown BP Msg ID: 0x%02x!", subCmdId);
         return;
@@ -583,6 +591,9 @@ void LAPI_LogBpMsg(const void *pMsg, int length) {
     }
     bpMsgLogProc[subCmdId](copy, length);
 }
+
+/* The loggers of the trace table, reached only through it. */
+namespace {
 
 void LAPI_LogBpGetLocationReq(const uint8_t *pMsg, int length) {
     LogFixedMsg(pMsg, length, GEOLOCATION_APBP_REQ,
@@ -600,7 +611,7 @@ void LAPI_LogBpGetLocationRsp(const uint8_t *pMsg, int length) {
     if (LogFields(&line, &cur, BP_FIELDS(kPositionFields)) &&
         LogFields(&line, &cur, BP_FIELDS(kGetLocationRspTailFields)) && cur.length - cur.pos >= 2) {
         uint16_t nmeaLen = 0;
-        LAPI_SRV_ByteOrderNetToHost(&nmeaLen, pMsg + cur.pos, 2);
+        Rest(&cur).GetBe16(&nmeaLen);
         LogField(&line, &cur, "nmeaDataLength: ", 2);
         /* Only the NMEA bytes that the message really holds. */
         int shown = nmeaLen < cur.length - cur.pos ? nmeaLen : cur.length - cur.pos;
@@ -670,10 +681,12 @@ void LAPI_LogBpLocationNotificationInd(const uint8_t *pMsg, int length) {
     if (LogField(&line, &cur, "notificationType: ", 4) &&
         LogField(&line, &cur, "locationType: ", 4) &&
         LogField(&line, &cur, "dataCodingSchema: ", 1) && cur.pos < cur.length) {
-        int nameLen = pMsg[cur.pos];
+        uint8_t nameLen = 0;
+        Rest(&cur).PeekU8(&nameLen);
         if (LogField(&line, &cur, "nameLength: ", 1) &&
             LogField(&line, &cur, "clientName: ", nameLen) && cur.pos < cur.length) {
-            int addrLen = pMsg[cur.pos];
+            uint8_t addrLen = 0;
+            Rest(&cur).PeekU8(&addrLen);
             if (LogField(&line, &cur, "addrLength: ", 1)) {
                 LogField(&line, &cur, "clientExternalAddr: ", addrLen);
             }
@@ -747,6 +760,12 @@ void LAPI_LogBpProximityHitInd(const uint8_t *pMsg, int length) {
         LogFields(&line, &cur, BP_FIELDS(kProximityHitTailFields));
     }
     BP_LOG_TRACE(__func__, "%s", line.text);
+}
+
+}  // namespace
+
+BpMsgLogProc LAPI_SRV_GetBpMsgLogProc(uint8_t subCmdId) {
+    return subCmdId < LAPI_BP_MSG_ID_COUNT ? bpMsgLogProc[subCmdId] : nullptr;
 }
 
 void LAPI_SRV_InitBpMsgLogProc(void) {

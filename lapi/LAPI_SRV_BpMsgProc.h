@@ -2,6 +2,7 @@
 #ifndef LAPI_SRV_BPMSGPROC_H
 #define LAPI_SRV_BPMSGPROC_H
 
+#include <stddef.h>
 #include <stdint.h>
 
 #include "LAPI_BpMsg.h"
@@ -16,7 +17,9 @@ int LAPI_SRV_BpMsgParse(Fdops *pFdops);
 void LAPI_SRV_ProcessBpMsg(uint8_t *pMsg, uint16_t msgLen);
 
 /* Procedures for the messages the BP sends (msg starts with its BpMsgHeader,
- * msgLen counts the message without the frame bytes). */
+ * msgLen counts the message without the frame bytes). Each is reached through
+ * its dispatch row, which has checked the identifier and the length before
+ * the procedure runs. */
 void LAPI_SRV_ProcBpGetLocationRspMsg(uint8_t *pMsg, uint16_t msgLen);
 void LAPI_SRV_ProcBpAbortLocationRspMsg(uint8_t *pMsg, uint16_t msgLen);
 void LAPI_SRV_ProcBpSetGpsDbDataRspMsg(uint8_t *pMsg, uint16_t msgLen);
@@ -29,9 +32,6 @@ void LAPI_SRV_ProcBpDistanceAzimuthRspMsg(uint8_t *pMsg, uint16_t msgLen);
 void LAPI_SRV_ProcBpAddProximityRspMsg(uint8_t *pMsg, uint16_t msgLen);
 void LAPI_SRV_ProcBpRemoveProximityRspMsg(uint8_t *pMsg, uint16_t msgLen);
 void LAPI_SRV_ProcBpProximityHitIndMsg(uint8_t *pMsg, uint16_t msgLen);
-/* Answers every proximity area of every client after a successful remove-all
- * (called by LAPI_SRV_ProcBpRemoveProximityRspMsg; no table entry). */
-void LAPI_SRV_ProcBpRemoveAllProximityRspMsg(uint8_t *pMsg);
 
 /* ---- BP socket service ---- */
 
@@ -54,23 +54,54 @@ void LAPI_SRV_SendSocketDataInd(uint8_t sessionId, uint8_t transactionId, uint32
 int LAPI_SRV_SendData(uint8_t sessionId, uint8_t transactionId, uint32_t linkId, uint32_t length,
                       const uint8_t *pData);
 
-/* How a BP message's length is checked. */
-enum LenRule { LEN_EXACT, LEN_AT_LEAST };
-/* Identifier and length of a BP message, with the procedure's own length
- * text (which takes the length received and the length wanted); errors are
- * reported in the name of func. */
-bool CheckBpMsg(const uint8_t *pMsg, uint16_t msgLen, uint8_t subCmdId, LenRule rule,
-                uint16_t wantLen, const char *pLenFmt, const char *func);
-/* Moves *ppPos on by n bytes; -1 (and *ppPos left alone) when that would pass
- * pEnd, the first byte after the message. Reaching pEnd exactly is allowed. */
-int LAPI_SRV_IncreasePtrAndCheck(const uint8_t **ppPos, const uint8_t *pEnd, int n);
-
 /* Fill the 32-entry BP procedure table and the BP trace table. */
 void LAPI_SRV_InitBpMsgProc(void);
 void LAPI_SRV_InitBpMsgLogProc(void);
 
 /* One entry of the BP procedure table. */
 typedef void (*BpMsgProc)(uint8_t *pMsg, uint16_t msgLen);
+
+/* ---- dispatch rows ----
+ *
+ * Every BP message identifier the server takes has one row: its procedure,
+ * the name and source file its diagnostics carry, and its length rule with
+ * the wrong-length text. LAPI_SRV_ProcessBpMsg checks the length from the
+ * row before the procedure runs, so a procedure reads its fields knowing
+ * that the message holds them (an at-least row still leaves the parts
+ * behind the minimum to the procedure's own reader).
+ *
+ * To add a row (the socket requests 9, 11, 14 and 30, say): write the
+ * procedure in its own source, list it there in a row array with
+ * LAPI_SRV_BP_ROW (which records that source's name), export the array and
+ * its size next to LAPI_SRV_bpLocationRows below, and install it in
+ * LAPI_SRV_InitBpMsgProc with one more InstallBpRows call. Identifiers out
+ * of range or taken twice are refused when the rows are installed. */
+struct LAPI_SRV_BpMsgRow {
+    uint8_t subCmdId;
+    BpMsgProc proc;
+    const char *pProcName; /* the function named on its error lines */
+    const char *pFile;     /* the source those lines name */
+    LAPI_SRV_LenRule lenRule;
+    uint16_t len;
+    const char *pWrongLenFmt; /* takes the length received, then len */
+};
+
+#define LAPI_SRV_BP_ROW(subCmdId, proc, lenRule, len, wrongLenFmt)           \
+    LAPI_SRV_BpMsgRow {                                                      \
+        (subCmdId), (proc), #proc, __FILE__, (lenRule), (len), (wrongLenFmt) \
+    }
+
+/* The answers and indications of the location service
+ * (LAPI_SRV_BpMsgProcRsp.cpp) and the requests of the BP socket service
+ * (LAPI_SRV_BpMsgProcSock.cpp). */
+extern const LAPI_SRV_BpMsgRow LAPI_SRV_bpLocationRows[];
+extern const size_t LAPI_SRV_bpLocationRowCount;
+extern const LAPI_SRV_BpMsgRow LAPI_SRV_bpSocketRows[];
+extern const size_t LAPI_SRV_bpSocketRowCount;
+
+/* Checks the identifier and the length of pMsg against the row, in the name
+ * of the row's procedure, and runs the procedure when both hold. */
+void LAPI_SRV_RunBpMsgRow(const LAPI_SRV_BpMsgRow *pRow, uint8_t *pMsg, uint16_t msgLen);
 
 /* ---- BP message tracing ---- */
 
@@ -79,34 +110,13 @@ typedef void (*BpMsgProc)(uint8_t *pMsg, uint16_t msgLen);
  * hold are left out of the line. */
 typedef void (*BpMsgLogProc)(const uint8_t *pMsg, int length);
 
+/* The logger of subCmdId in the trace table, or null. */
+BpMsgLogProc LAPI_SRV_GetBpMsgLogProc(uint8_t subCmdId);
 /* Traces one BP message as one readable line (copied first, never changed). */
 void LAPI_LogBpMsg(const void *pMsg, int length);
 /* Appends "subCmdId: 0x%02x, sessionId: %d, transactionId: %d, " to pBuf;
  * returns the number of characters written. */
 int LAPI_LogBpMsgHeader(const void *pMsgHeader, char *pBuf);
-
-void LAPI_LogBpGetLocationReq(const uint8_t *pMsg, int length);
-void LAPI_LogBpGetLocationRsp(const uint8_t *pMsg, int length);
-void LAPI_LogBpAbortLocationReq(const uint8_t *pMsg, int length);
-void LAPI_LogBpAbortLocationRsp(const uint8_t *pMsg, int length);
-void LAPI_LogBpSetGpsDbDataReq(const uint8_t *pMsg, int length);
-void LAPI_LogBpSetGpsDbDataRsp(const uint8_t *pMsg, int length);
-void LAPI_LogBpGetGpsDbDataReq(const uint8_t *pMsg, int length);
-void LAPI_LogBpGetGpsDbDataRsp(const uint8_t *pMsg, int length);
-void LAPI_LogBpStatusChangeInd(const uint8_t *pMsg, int length);
-void LAPI_LogBpGetStatusReq(const uint8_t *pMsg, int length);
-void LAPI_LogBpGetStatusRsp(const uint8_t *pMsg, int length);
-void LAPI_LogBpLocationNotificationInd(const uint8_t *pMsg, int length);
-void LAPI_LogBpLocationNotificationRsp(const uint8_t *pMsg, int length);
-void LAPI_LogBpNotificationStatusInd(const uint8_t *pMsg, int length);
-void LAPI_LogBpLastKnownLocationReq(const uint8_t *pMsg, int length);
-void LAPI_LogBpDistanceAzimuthReq(const uint8_t *pMsg, int length);
-void LAPI_LogBpDistanceAzimuthRsp(const uint8_t *pMsg, int length);
-void LAPI_LogBpAddProximityReq(const uint8_t *pMsg, int length);
-void LAPI_LogBpAddProximityRsp(const uint8_t *pMsg, int length);
-void LAPI_LogBpRemoveProximityReq(const uint8_t *pMsg, int length);
-void LAPI_LogBpRemoveProximityRsp(const uint8_t *pMsg, int length);
-void LAPI_LogBpProximityHitInd(const uint8_t *pMsg, int length);
 
 /* ---- hooks for tests and tools ---- */
 

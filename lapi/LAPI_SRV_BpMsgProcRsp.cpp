@@ -6,9 +6,10 @@
  * notification status, proximity hits).
  *
  * Each procedure gets one whole message (BpMsgHeader first) as it lies in
- * the channel's read buffer, with its length. The length is checked before
- * any field is read, and no field is read beyond the message: the message
- * is followed by whatever else the buffer holds.
+ * the channel's read buffer, with its length. Its dispatch row (at the end
+ * of this file) has checked the identifier and the length before it runs;
+ * fields are read through a LAPI_Reader over the message alone, never
+ * beyond it: the message is followed by whatever else the buffer holds.
  *
  * An answer is matched to its Transaction by the BP pair, which takes the
  * transaction off LAPI_SRV_tranList while the answer is handled; sending to
@@ -26,6 +27,7 @@
 #include "LAPI_Msg.h"
 #include "LAPI_SRV_ApMsgProc.h"
 #include "LAPI_SRV_LocationLog.h"
+#include "LAPI_Wire.h"
 
 /* An active proximity area, and the seconds it is kept waiting for its hit. */
 #define LAPI_SRV_PROXIMITY_ACTIVE PROXIMITY_ADD_APBP_RES
@@ -35,23 +37,30 @@
 /* Helpers                                                                   */
 /* ------------------------------------------------------------------------ */
 
-int LAPI_SRV_IncreasePtrAndCheck(const uint8_t **ppPos, const uint8_t *pEnd, int n) {
-    if (ppPos == nullptr || *ppPos == nullptr || pEnd == nullptr || n < 0 || *ppPos > pEnd ||
-        n > pEnd - *ppPos) {
-        return -1;
+/* A reader over the message, already past its BpMsgHeader; *pSid and *pTid
+ * get the BP pair. The row has made sure the header is there. */
+static LAPI_Reader BodyReader(const uint8_t *pMsg, uint16_t msgLen, uint8_t *pSid = nullptr,
+                              uint8_t *pTid = nullptr) {
+    LAPI_Reader r(pMsg, msgLen);
+    uint8_t subCmdId = 0;
+    uint8_t sid = 0;
+    uint8_t tid = 0;
+    r.GetU8(&subCmdId);
+    r.GetU8(&sid);
+    r.GetU8(&tid);
+    if (pSid != nullptr) {
+        *pSid = sid;
     }
-    *ppPos += n;
-    return 0;
+    if (pTid != nullptr) {
+        *pTid = tid;
+    }
+    return r;
 }
 
-/* A big-endian field of width bytes into a host-order variable. */
-static void GetNet(void *pHost, const uint8_t *pField, int width) {
-    LAPI_SRV_ByteOrderNetToHost(pHost, pField, width);
-}
-
-static int32_t GetI32(const uint8_t *pField) {
-    int32_t v;
-    GetNet(&v, pField, sizeof(v));
+/* The next big-endian i32 of a message whose row guarantees it is there. */
+static int32_t NextI32(LAPI_Reader *pR) {
+    int32_t v = 0;
+    pR->GetBeI32(&v);
     return v;
 }
 
@@ -89,31 +98,18 @@ static void RelinkTran(Transaction *pTran, const char *pFailText, const char *fu
 static const char kRelinkFail[] = "Fail to add pTran into LAPI_SRV_tranList!";
 static const char kRelinkFail2[] = "Fail to add pTran into LAPI_SRV_tranList 2!";
 
-bool CheckBpMsg(const uint8_t *pMsg, uint16_t msgLen, uint8_t subCmdId, LenRule rule,
-                uint16_t wantLen, const char *pLenFmt, const char *func) {
-    if (pMsg == nullptr || msgLen < 1 || pMsg[0] != subCmdId) {
-        BP_RSP_ERR(func, "pBpMsgHeader->subCmdId : 0x%02x is not expected, msgLen : %d!",
-                   (pMsg != nullptr && msgLen >= 1) ? pMsg[0] : 0xFF, msgLen);
-        return false;
-    }
-    bool bOk = rule == LEN_EXACT ? msgLen == wantLen : msgLen >= wantLen;
-    if (!bOk) {
-        BP_RSP_ERR(func, pLenFmt, msgLen, wantLen);
-        return false;
-    }
-    return true;
-}
-
 /*
  * Takes the answered transaction off the list by the message's BP pair.
  * Returns null when there is none, or when it waits for another kind of
  * answer (it then goes back into the list, so that its own answer can still
  * arrive). wantSubCmd2 is a second accepted kind, or -1.
  */
-static Transaction *TakeAnsweredTran(const uint8_t *pMsg, int wantSubCmd, int wantSubCmd2,
-                                     const char *pNotExpectedFmt, const char *func) {
-    uint8_t sid = pMsg[1];
-    uint8_t tid = pMsg[2];
+static Transaction *TakeAnsweredTran(const uint8_t *pMsg, uint16_t msgLen, int wantSubCmd,
+                                     int wantSubCmd2, const char *pNotExpectedFmt,
+                                     const char *func) {
+    uint8_t sid = 0;
+    uint8_t tid = 0;
+    BodyReader(pMsg, msgLen, &sid, &tid);
     Transaction *pTran = LAPI_SRV_GetTranByBpId(sid, tid, 1);
     if (pTran == nullptr) {
         BP_RSP_ERR(func, "Transaction timeout or not exist, sid: %d, tid: %d!", sid, tid);
@@ -133,6 +129,28 @@ static void SetHeader(MsgHeader *pHdr, uint16_t msgId, uint16_t msgLen) {
     pHdr->msgLen = msgLen;
 }
 
+/* A client answer of type T to the transaction: zeroed, with its header and
+ * the client's own pair. */
+template <typename T>
+static T NewAnswer(uint16_t msgId, uint16_t msgLen, const Transaction *pTran) {
+    T answer;
+    memset(&answer, 0, sizeof(answer));
+    SetHeader(&answer.header, msgId, msgLen);
+    answer.sessionId = pTran->clientSid;
+    answer.transactionId = pTran->clientTid;
+    return answer;
+}
+
+/* Sends the answer where the request asked for it (a failure is logged in
+ * the procedure's name) and frees the transaction, which is done. */
+static void AnswerAndFree(Transaction *pTran, const void *pAnswer, int len, const char *pFailText,
+                          const char *func) {
+    if (LAPI_SRV_SendMsgToClient(TranFdops(pTran), pAnswer, len) != 0) {
+        BP_RSP_ERR(func, "%s", pFailText);
+    }
+    free(pTran);
+}
+
 /* ------------------------------------------------------------------------ */
 /* Location responses                                                        */
 /* ------------------------------------------------------------------------ */
@@ -144,25 +162,23 @@ struct Position {
         pointingDirection, horizontalAccuracy, verticalAccuracy, course;
 };
 
-static Position ReadPosition(const uint8_t *pMsg) {
+/* Reads the position fields; r stands right after the BpMsgHeader. */
+static Position ReadPosition(LAPI_Reader *pR) {
     Position pos;
-    pos.longitude = LAPI_SRV_BpFixedToDouble(pMsg + offsetof(BpGetLocationRsp, longitude));
-    pos.latitude = LAPI_SRV_BpFixedToDouble(pMsg + offsetof(BpGetLocationRsp, latitude));
-    pos.latLonAccuracy =
-        LAPI_SRV_BpFixedToDouble(pMsg + offsetof(BpGetLocationRsp, latLonAccuracy));
+    pR->GetBpFixed(&pos.longitude);
+    pR->GetBpFixed(&pos.latitude);
+    pR->GetBpFixed(&pos.latLonAccuracy);
     /* The time stamp is an integer that only changes byte order. */
-    GetNet(&pos.timeStamp, pMsg + offsetof(BpGetLocationRsp, timeStamp), 8);
-    pos.altitude = LAPI_SRV_BpFixedToDouble(pMsg + offsetof(BpGetLocationRsp, altitude));
-    pos.speed = LAPI_SRV_BpFixedToDouble(pMsg + offsetof(BpGetLocationRsp, speed));
-    pos.travelDirection =
-        LAPI_SRV_BpFixedToDouble(pMsg + offsetof(BpGetLocationRsp, travelDirection));
-    pos.pointingDirection =
-        LAPI_SRV_BpFixedToDouble(pMsg + offsetof(BpGetLocationRsp, pointingDirection));
-    pos.horizontalAccuracy =
-        LAPI_SRV_BpFixedToDouble(pMsg + offsetof(BpGetLocationRsp, horizontalAccuracy));
-    pos.verticalAccuracy =
-        LAPI_SRV_BpFixedToDouble(pMsg + offsetof(BpGetLocationRsp, verticalAccuracy));
-    pos.course = LAPI_SRV_BpFixedToDouble(pMsg + offsetof(BpGetLocationRsp, course));
+    uint64_t timeStamp = 0;
+    pR->GetBe64(&timeStamp);
+    memcpy(&pos.timeStamp, &timeStamp, sizeof(pos.timeStamp));
+    pR->GetBpFixed(&pos.altitude);
+    pR->GetBpFixed(&pos.speed);
+    pR->GetBpFixed(&pos.travelDirection);
+    pR->GetBpFixed(&pos.pointingDirection);
+    pR->GetBpFixed(&pos.horizontalAccuracy);
+    pR->GetBpFixed(&pos.verticalAccuracy);
+    pR->GetBpFixed(&pos.course);
     return pos;
 }
 
@@ -182,33 +198,29 @@ static void StorePosition(T *pRsp, const Position &pos) {
 }
 
 void LAPI_SRV_ProcBpGetLocationRspMsg(uint8_t *pMsg, uint16_t msgLen) {
-    if (!CheckBpMsg(pMsg, msgLen, GEOLOCATION_APBP_RES, LEN_AT_LEAST,
-                    LAPI_BP_GET_LOCATION_RSP_MIN_LEN,
-                    "Received getLocationRsp BP Msg length: %d is not expected: %d!", __func__)) {
-        return;
-    }
     LAPI_LogBpMsg(pMsg, msgLen);
     /* Last-known requests are answered with an ordinary location response. */
     Transaction *pTran = TakeAnsweredTran(
-        pMsg, GEOLOCATION_APBP_REQ, LAST_KNOWN_GEOLOCATION_APBP_REQ,
+        pMsg, msgLen, GEOLOCATION_APBP_REQ, LAST_KNOWN_GEOLOCATION_APBP_REQ,
         "Received getLocationRsp BP Msg not expected, sid: %d, tid: %d!", __func__);
     if (pTran == nullptr) {
         return;
     }
 
-    GetLocationRsp rsp;
-    memset(&rsp, 0, sizeof(rsp)); /* the NMEA area behind the data stays clear */
-    SetHeader(&rsp.header, LAPI_GET_LOCATION_RSP, LAPI_GET_LOCATION_RSP_LEN);
-    rsp.sessionId = pTran->clientSid;
-    rsp.transactionId = pTran->clientTid;
-    StorePosition(&rsp, ReadPosition(pMsg));
-    rsp.locationMethod = GetI32(pMsg + offsetof(BpGetLocationRsp, locationMethod));
-    rsp.cause = GetI32(pMsg + offsetof(BpGetLocationRsp, cause));
-    uint64_t ageOfFix;
-    GetNet(&ageOfFix, pMsg + offsetof(BpGetLocationRsp, ageOfFix), sizeof(ageOfFix));
+    /* Zeroed: the NMEA area behind the data stays clear. */
+    GetLocationRsp rsp =
+        NewAnswer<GetLocationRsp>(LAPI_GET_LOCATION_RSP, LAPI_GET_LOCATION_RSP_LEN, pTran);
+    uint8_t sid = 0;
+    uint8_t tid = 0;
+    LAPI_Reader r = BodyReader(pMsg, msgLen, &sid, &tid);
+    StorePosition(&rsp, ReadPosition(&r));
+    rsp.locationMethod = NextI32(&r);
+    rsp.cause = NextI32(&r);
+    uint64_t ageOfFix = 0;
+    r.GetBe64(&ageOfFix);
     rsp.ageOfFix = ageOfFix;
-    uint16_t nmeaLen;
-    GetNet(&nmeaLen, pMsg + offsetof(BpGetLocationRsp, nmeaDataLength), sizeof(nmeaLen));
+    uint16_t nmeaLen = 0;
+    r.GetBe16(&nmeaLen);
     rsp.nmeaDataLength = nmeaLen;
 
     if (nmeaLen > LAPI_MAX_NMEA_LEN) {
@@ -219,13 +231,10 @@ void LAPI_SRV_ProcBpGetLocationRspMsg(uint8_t *pMsg, uint16_t msgLen) {
     }
     /* A length beyond the message is cut to what the message holds; the
      * rest of the area stays zero. */
-    size_t nmeaHave = msgLen - LAPI_BP_GET_LOCATION_RSP_MIN_LEN;
-    size_t nmeaCopy = nmeaLen < nmeaHave ? nmeaLen : nmeaHave;
-    if (nmeaCopy > 0) {
-        memcpy(rsp.nmeaData, pMsg + LAPI_BP_GET_LOCATION_RSP_MIN_LEN, nmeaCopy);
-    }
+    size_t nmeaCopy = nmeaLen < r.Left() ? nmeaLen : r.Left();
+    r.GetBytes(rsp.nmeaData, nmeaCopy);
 
-    LAPI_SRV_LOG_LocationRsp(&rsp, pMsg[1], pMsg[2]);
+    LAPI_SRV_LOG_LocationRsp(&rsp, sid, tid);
 
     Client *pClient = pTran->pClient;
     errno = 0;
@@ -264,28 +273,19 @@ void LAPI_SRV_ProcBpGetLocationRspMsg(uint8_t *pMsg, uint16_t msgLen) {
 }
 
 void LAPI_SRV_ProcBpAbortLocationRspMsg(uint8_t *pMsg, uint16_t msgLen) {
-    if (!CheckBpMsg(pMsg, msgLen, GEOLOCATION_ABORT_APBP_RES, LEN_EXACT,
-                    LAPI_BP_ABORT_LOCATION_RSP_LEN,
-                    "Received abortLocationRsp BP Msg length: %d is not expected: %d!", __func__)) {
-        return;
-    }
     LAPI_LogBpMsg(pMsg, msgLen);
     Transaction *pTran = TakeAnsweredTran(
-        pMsg, GEOLOCATION_ABORT_APBP_REQ, -1,
+        pMsg, msgLen, GEOLOCATION_ABORT_APBP_REQ, -1,
         "Received abortLocationRsp BP Msg not expected, sid: %d, tid: %d!", __func__);
     if (pTran == nullptr) {
         return;
     }
-    AbortLocationRsp rsp;
-    memset(&rsp, 0, sizeof(rsp));
-    SetHeader(&rsp.header, LAPI_ABORT_LOCATION_RSP, LAPI_ABORT_LOCATION_RSP_LEN);
-    rsp.sessionId = pTran->clientSid;
-    rsp.transactionId = pTran->clientTid;
-    rsp.result = GetI32(pMsg + offsetof(BpAbortLocationRsp, result));
-    if (LAPI_SRV_SendMsgToClient(TranFdops(pTran), &rsp, sizeof(rsp)) != 0) {
-        LAPI_SRV_ERR("Fail to send abort location response to client!");
-    }
-    free(pTran);
+    AbortLocationRsp rsp =
+        NewAnswer<AbortLocationRsp>(LAPI_ABORT_LOCATION_RSP, LAPI_ABORT_LOCATION_RSP_LEN, pTran);
+    LAPI_Reader r = BodyReader(pMsg, msgLen);
+    rsp.result = NextI32(&r);
+    AnswerAndFree(pTran, &rsp, sizeof(rsp), "Fail to send abort location response to client!",
+                  __func__);
 }
 
 /* ------------------------------------------------------------------------ */
@@ -293,120 +293,99 @@ void LAPI_SRV_ProcBpAbortLocationRspMsg(uint8_t *pMsg, uint16_t msgLen) {
 /* ------------------------------------------------------------------------ */
 
 void LAPI_SRV_ProcBpSetGpsDbDataRspMsg(uint8_t *pMsg, uint16_t msgLen) {
-    if (!CheckBpMsg(pMsg, msgLen, DB_WRITE_APBP_RES, LEN_EXACT, LAPI_BP_SET_GPS_DB_DATA_RSP_LEN,
-                    "Received setGpsDbDataRsp BP Msg length: %d is not expected: %d!", __func__)) {
-        return;
-    }
     LAPI_LogBpMsg(pMsg, msgLen);
     Transaction *pTran = TakeAnsweredTran(
-        pMsg, DB_WRITE_APBP_REQ, -1,
+        pMsg, msgLen, DB_WRITE_APBP_REQ, -1,
         "Received setGpsDbDataRsp BP Msg not expected, sid: %d, tid: %d!", __func__);
     if (pTran == nullptr) {
         return;
     }
-    SetGpsDbDataRsp rsp;
-    memset(&rsp, 0, sizeof(rsp));
-    SetHeader(&rsp.header, LAPI_SET_GPS_DB_DATA_RSP, LAPI_SET_GPS_DB_DATA_RSP_LEN);
-    rsp.sessionId = pTran->clientSid;
-    rsp.transactionId = pTran->clientTid;
-    rsp.result = GetI32(pMsg + offsetof(BpSetGpsDbDataRsp, result));
-    if (LAPI_SRV_SendMsgToClient(TranFdops(pTran), &rsp, sizeof(rsp)) != 0) {
-        LAPI_SRV_ERR("Fail to send set location state response to client!");
-    }
-    free(pTran);
+    SetGpsDbDataRsp rsp =
+        NewAnswer<SetGpsDbDataRsp>(LAPI_SET_GPS_DB_DATA_RSP, LAPI_SET_GPS_DB_DATA_RSP_LEN, pTran);
+    LAPI_Reader r = BodyReader(pMsg, msgLen);
+    rsp.result = NextI32(&r);
+    AnswerAndFree(pTran, &rsp, sizeof(rsp), "Fail to send set location state response to client!",
+                  __func__);
 }
 
 /* The eight status fields of GET_STATUS_APBP_RES and STATUS_CHANGE_BPAP_IND. */
-static void ReadStatus(GetStatusRsp *pRsp, const uint8_t *pMsg) {
-    pRsp->userStatus = GetI32(pMsg + offsetof(BpStatusInd, userStatus));
-    pRsp->hwStatus = GetI32(pMsg + offsetof(BpStatusInd, hwStatus));
-    pRsp->fixStatus = GetI32(pMsg + offsetof(BpStatusInd, fixStatus));
-    pRsp->emergencyStatus = GetI32(pMsg + offsetof(BpStatusInd, emergencyStatus));
-    pRsp->fixResultStatus.status = GetI32(pMsg + offsetof(BpStatusInd, fixResultStatusStatus));
-    pRsp->fixResultStatus.cause = GetI32(pMsg + offsetof(BpStatusInd, fixResultStatusCause));
-    pRsp->signalStatus = GetI32(pMsg + offsetof(BpStatusInd, signalStatus));
-    pRsp->iconStatus = GetI32(pMsg + offsetof(BpStatusInd, iconStatus));
+static void ReadStatus(GetStatusRsp *pRsp, LAPI_Reader *pR) {
+    pRsp->userStatus = NextI32(pR);
+    pRsp->hwStatus = NextI32(pR);
+    pRsp->fixStatus = NextI32(pR);
+    pRsp->emergencyStatus = NextI32(pR);
+    pRsp->fixResultStatus.status = NextI32(pR);
+    pRsp->fixResultStatus.cause = NextI32(pR);
+    pRsp->signalStatus = NextI32(pR);
+    pRsp->iconStatus = NextI32(pR);
 }
 
 void LAPI_SRV_ProcBpGetStatusRspMsg(uint8_t *pMsg, uint16_t msgLen) {
-    if (!CheckBpMsg(pMsg, msgLen, GET_STATUS_APBP_RES, LEN_EXACT, LAPI_BP_STATUS_IND_LEN,
-                    "Received getStatusRsp BP Msg length: %d is not expected: %d!", __func__)) {
-        return;
-    }
     LAPI_LogBpMsg(pMsg, msgLen);
     Transaction *pTran =
-        TakeAnsweredTran(pMsg, GET_STATUS_APBP_REQ, -1,
+        TakeAnsweredTran(pMsg, msgLen, GET_STATUS_APBP_REQ, -1,
                          "Received getStatusRsp BP Msg not expected, sid: %d, tid: %d!", __func__);
     if (pTran == nullptr) {
         return;
     }
-    GetStatusRsp rsp;
-    memset(&rsp, 0, sizeof(rsp));
-    SetHeader(&rsp.header, LAPI_GET_STATUS_RSP, LAPI_GET_STATUS_RSP_LEN);
-    rsp.sessionId = pTran->clientSid;
-    rsp.transactionId = pTran->clientTid;
-    ReadStatus(&rsp, pMsg);
-    if (LAPI_SRV_SendMsgToClient(TranFdops(pTran), &rsp, sizeof(rsp)) != 0) {
-        LAPI_SRV_ERR("Fail to send get status response to client!");
-    }
-    free(pTran);
+    GetStatusRsp rsp = NewAnswer<GetStatusRsp>(LAPI_GET_STATUS_RSP, LAPI_GET_STATUS_RSP_LEN, pTran);
+    LAPI_Reader r = BodyReader(pMsg, msgLen);
+    ReadStatus(&rsp, &r);
+    AnswerAndFree(pTran, &rsp, sizeof(rsp), "Fail to send get status response to client!",
+                  __func__);
 }
 
 void LAPI_SRV_ProcBpDistanceAzimuthRspMsg(uint8_t *pMsg, uint16_t msgLen) {
-    if (!CheckBpMsg(pMsg, msgLen, DISTANCE_AND_AZIMUTH_APBP_RES, LEN_EXACT,
-                    LAPI_BP_DISTANCE_AZIMUTH_RSP_LEN,
-                    "Received distanceAzimuthRsp BP Msg length: %d is not expected: %d!",
-                    __func__)) {
-        return;
-    }
     LAPI_LogBpMsg(pMsg, msgLen);
     Transaction *pTran = TakeAnsweredTran(
-        pMsg, DISTANCE_AND_AZIMUTH_APBP_REQ, -1,
+        pMsg, msgLen, DISTANCE_AND_AZIMUTH_APBP_REQ, -1,
         "Received distanceAzimuthRsp BP Msg not expected, sid: %d, tid: %d!", __func__);
     if (pTran == nullptr) {
         return;
     }
-    DistanceAzimuthRsp rsp;
-    memset(&rsp, 0, sizeof(rsp));
-    SetHeader(&rsp.header, LAPI_DISTANCE_AZIMUTH_RSP, LAPI_DISTANCE_AZIMUTH_RSP_LEN);
-    rsp.sessionId = pTran->clientSid;
-    rsp.transactionId = pTran->clientTid;
-    rsp.distance = LAPI_SRV_BpFixedToDouble(pMsg + offsetof(BpDistanceAzimuthRsp, distance));
-    rsp.azimuth = LAPI_SRV_BpFixedToDouble(pMsg + offsetof(BpDistanceAzimuthRsp, azimuth));
-    if (LAPI_SRV_SendMsgToClient(TranFdops(pTran), &rsp, sizeof(rsp)) != 0) {
-        LAPI_SRV_ERR("Fail to send distance azimuth response to client!");
-    }
-    free(pTran);
+    DistanceAzimuthRsp rsp = NewAnswer<DistanceAzimuthRsp>(LAPI_DISTANCE_AZIMUTH_RSP,
+                                                           LAPI_DISTANCE_AZIMUTH_RSP_LEN, pTran);
+    LAPI_Reader r = BodyReader(pMsg, msgLen);
+    /* Read into aligned doubles: the client message is packed. */
+    double distance = 0.0;
+    double azimuth = 0.0;
+    r.GetBpFixed(&distance);
+    r.GetBpFixed(&azimuth);
+    rsp.distance = distance;
+    rsp.azimuth = azimuth;
+    AnswerAndFree(pTran, &rsp, sizeof(rsp), "Fail to send distance azimuth response to client!",
+                  __func__);
 }
 
 /* ------------------------------------------------------------------------ */
 /* Assistance data read                                                      */
 /* ------------------------------------------------------------------------ */
 
-/* Parses DB_READ_APBP_RES into the client message: 0, or -1 after logging. */
+/* Parses DB_READ_APBP_RES into the client message: 0, or -1 after logging.
+ * The texts of the three cut-off checks are the ones this parser has always
+ * written. */
 static int ParseGpsDbDataRsp(const uint8_t *pMsg, uint16_t msgLen, GetGpsDbDataRsp *pRsp,
                              const char *func) {
-    const uint8_t *pEnd = pMsg + msgLen;
-    uint16_t numFiles;
-    GetNet(&numFiles, pMsg + offsetof(BpGetGpsDbDataRsp, numFiles), sizeof(numFiles));
+    LAPI_Reader r = BodyReader(pMsg, msgLen);
+    uint16_t numFiles = 0;
+    r.GetBe16(&numFiles);
     pRsp->numFiles = numFiles;
     if (numFiles > LAPI_BP_MAX_DB_FILES) {
         BP_RSP_ERR(func, "Invalid numFiles: %d!", numFiles);
         return -1;
     }
-    const uint8_t *pPos = pMsg + sizeof(BpGetGpsDbDataRsp);
     for (int i = 0; i < numFiles; ++i) {
-        const uint8_t *pEntry = pPos;
-        if (LAPI_SRV_IncreasePtrAndCheck(&pPos, pEnd, LAPI_BP_DB_FILE_HEAD_LEN) != 0) {
+        LAPI_Reader head;
+        if (r.Sub(LAPI_BP_DB_FILE_HEAD_LEN, &head) != 0) {
             BP_RSP_ERR(func, "LAPI_SRV_IncreasePtrAndCheck() Error 1!");
             return -1;
         }
         DbFile file;
         memset(&file, 0, sizeof(file));
-        uint32_t fileId;
-        uint16_t length;
-        GetNet(&fileId, pEntry + offsetof(BpDbFileHead, fileId), sizeof(fileId));
-        GetNet(&length, pEntry + offsetof(BpDbFileHead, length), sizeof(length));
+        uint32_t fileId = 0;
+        uint16_t length = 0;
+        head.GetBe32(&fileId);
+        head.GetBe16(&length);
         file.fileId = fileId;
         file.length = length;
         memcpy(&pRsp->dbFile[i], &file, sizeof(file));
@@ -414,41 +393,33 @@ static int ParseGpsDbDataRsp(const uint8_t *pMsg, uint16_t msgLen, GetGpsDbDataR
             BP_RSP_ERR(func, "pRsp->dbFile[%d].length: %d is invalid!", i, length);
             return -1;
         }
-        const uint8_t *pData = pPos;
-        if (LAPI_SRV_IncreasePtrAndCheck(&pPos, pEnd, length) != 0) {
+        const uint8_t *pData = nullptr;
+        if (r.GetSpan(&pData, length) != 0) {
             BP_RSP_ERR(func, "LAPI_SRV_IncreasePtrAndCheck() Error 2!");
             return -1;
         }
         /* The data is one big-endian number of `length` bytes. */
-        GetNet(file.data, pData, length);
+        LAPI_SRV_ByteOrderNetToHost(file.data, pData, length);
         memcpy(&pRsp->dbFile[i], &file, sizeof(file));
     }
-    const uint8_t *pResult = pPos;
-    if (LAPI_SRV_IncreasePtrAndCheck(&pPos, pEnd, 4) != 0) {
+    int32_t result = 0;
+    if (r.GetBeI32(&result) != 0) {
         BP_RSP_ERR(func, "LAPI_SRV_IncreasePtrAndCheck() Error 3!");
         return -1;
     }
-    pRsp->result = GetI32(pResult);
+    pRsp->result = result;
     return 0;
 }
 
 void LAPI_SRV_ProcBpGetGpsDbDataRspMsg(uint8_t *pMsg, uint16_t msgLen) {
-    if (!CheckBpMsg(pMsg, msgLen, DB_READ_APBP_RES, LEN_AT_LEAST,
-                    LAPI_BP_GET_GPS_DB_DATA_RSP_MIN_LEN,
-                    "Received getGpsDbDataRsp BP Msg length: %d is less than: %d!", __func__)) {
-        return;
-    }
     Transaction *pTran = TakeAnsweredTran(
-        pMsg, DB_READ_APBP_REQ, -1,
+        pMsg, msgLen, DB_READ_APBP_REQ, -1,
         "Received getGpsDbDataRsp BP Msg not expected, sid: %d, tid: %d!", __func__);
     if (pTran == nullptr) {
         return;
     }
-    GetGpsDbDataRsp rsp;
-    memset(&rsp, 0, sizeof(rsp));
-    SetHeader(&rsp.header, LAPI_GET_GPS_DB_DATA_RSP, LAPI_GET_GPS_DB_DATA_RSP_LEN);
-    rsp.sessionId = pTran->clientSid;
-    rsp.transactionId = pTran->clientTid;
+    GetGpsDbDataRsp rsp =
+        NewAnswer<GetGpsDbDataRsp>(LAPI_GET_GPS_DB_DATA_RSP, LAPI_GET_GPS_DB_DATA_RSP_LEN, pTran);
     if (ParseGpsDbDataRsp(pMsg, msgLen, &rsp, __func__) != 0) {
         /* Nothing is sent: the client gets the timeout answer instead. */
         RelinkTran(pTran, kRelinkFail, __func__);
@@ -456,10 +427,8 @@ void LAPI_SRV_ProcBpGetGpsDbDataRspMsg(uint8_t *pMsg, uint16_t msgLen) {
     }
     /* Traced only once it has been parsed. */
     LAPI_LogBpMsg(pMsg, msgLen);
-    if (LAPI_SRV_SendMsgToClient(TranFdops(pTran), &rsp, sizeof(rsp)) != 0) {
-        LAPI_SRV_ERR("Fail to send get location state response to client!");
-    }
-    free(pTran);
+    AnswerAndFree(pTran, &rsp, sizeof(rsp), "Fail to send get location state response to client!",
+                  __func__);
 }
 
 /* ------------------------------------------------------------------------ */
@@ -492,13 +461,9 @@ static void SendProximityRsp(Fdops *pFdops, uint16_t msgId, uint8_t sid, uint8_t
 }
 
 void LAPI_SRV_ProcBpAddProximityRspMsg(uint8_t *pMsg, uint16_t msgLen) {
-    if (!CheckBpMsg(pMsg, msgLen, PROXIMITY_ADD_APBP_RES, LEN_EXACT, LAPI_BP_ADD_PROXIMITY_RSP_LEN,
-                    "Received addProximityRsp BP Msg length: %d is not expected: %d!", __func__)) {
-        return;
-    }
     LAPI_LogBpMsg(pMsg, msgLen);
     Transaction *pTran = TakeAnsweredTran(
-        pMsg, PROXIMITY_ADD_APBP_REQ, -1,
+        pMsg, msgLen, PROXIMITY_ADD_APBP_REQ, -1,
         "Received addProximityRsp BP Msg not expected, sid: %d, tid: %d!", __func__);
     if (pTran == nullptr) {
         return;
@@ -507,7 +472,8 @@ void LAPI_SRV_ProcBpAddProximityRspMsg(uint8_t *pMsg, uint16_t msgLen) {
     Fdops *pFdops = TranFdops(pTran);
     uint8_t clientSid = pTran->clientSid;
     uint8_t clientTid = pTran->clientTid;
-    int32_t status = GetI32(pMsg + offsetof(BpAddProximityRsp, status));
+    LAPI_Reader r = BodyReader(pMsg, msgLen);
+    int32_t status = NextI32(&r);
     if (status == 0) {
         MakeAreaActive(pTran, __func__);
     } else {
@@ -517,11 +483,15 @@ void LAPI_SRV_ProcBpAddProximityRspMsg(uint8_t *pMsg, uint16_t msgLen) {
                      "Fail to send add proximity response to client!", __func__);
 }
 
-void LAPI_SRV_ProcBpRemoveAllProximityRspMsg(uint8_t *pMsg) {
+/* Answers every proximity area of every client after a successful remove-all
+ * (no table entry: reached from the remove answer). */
+static void RemoveAllProximityAnswered(uint8_t *pMsg) {
     if (pMsg == nullptr) {
         return;
     }
-    int32_t status = GetI32(pMsg + offsetof(BpRemoveProximityRsp, status));
+    /* Called with a removeProximityRsp whose row has checked its length. */
+    LAPI_Reader r = BodyReader(pMsg, LAPI_BP_REMOVE_PROXIMITY_RSP_LEN);
+    int32_t status = NextI32(&r);
     ListNode *pPos = List_GetHeadPos(&LAPI_SRV_tranList);
     while (pPos != nullptr) {
         Transaction *pTran = static_cast<Transaction *>(List_GetNext(&LAPI_SRV_tranList, &pPos));
@@ -546,14 +516,9 @@ void LAPI_SRV_ProcBpRemoveAllProximityRspMsg(uint8_t *pMsg) {
 }
 
 void LAPI_SRV_ProcBpRemoveProximityRspMsg(uint8_t *pMsg, uint16_t msgLen) {
-    if (!CheckBpMsg(
-            pMsg, msgLen, PROXIMITY_REM_APBP_RES, LEN_EXACT, LAPI_BP_REMOVE_PROXIMITY_RSP_LEN,
-            "Received removeProximityRsp BP Msg length: %d is not expected: %d!", __func__)) {
-        return;
-    }
     LAPI_LogBpMsg(pMsg, msgLen);
     Transaction *pTran = TakeAnsweredTran(
-        pMsg, PROXIMITY_REM_APBP_REQ, -1,
+        pMsg, msgLen, PROXIMITY_REM_APBP_REQ, -1,
         "Received removeProximityRsp BP Msg not expected, sid: %d, tid: %d!", __func__);
     if (pTran == nullptr) {
         return;
@@ -564,11 +529,12 @@ void LAPI_SRV_ProcBpRemoveProximityRspMsg(uint8_t *pMsg, uint16_t msgLen) {
     uint8_t clientSid = pTran->clientSid;
     uint8_t clientTid = pTran->clientTid;
     bool bRemoveAll = pTran->reqParam == LAPI_BP_REMOVE_ALL_PROXIMITY;
-    int32_t status = GetI32(pMsg + offsetof(BpRemoveProximityRsp, status));
+    LAPI_Reader r = BodyReader(pMsg, msgLen);
+    int32_t status = NextI32(&r);
     if (status == 0) {
         free(pTran);
         if (bRemoveAll) {
-            LAPI_SRV_ProcBpRemoveAllProximityRspMsg(pMsg);
+            RemoveAllProximityAnswered(pMsg);
             /* Answering the areas may have removed the remover itself. */
             if (!ClientAlive(pClient)) {
                 pFdops = nullptr;
@@ -587,32 +553,24 @@ void LAPI_SRV_ProcBpRemoveProximityRspMsg(uint8_t *pMsg, uint16_t msgLen) {
 }
 
 void LAPI_SRV_ProcBpProximityHitIndMsg(uint8_t *pMsg, uint16_t msgLen) {
-    if (!CheckBpMsg(pMsg, msgLen, PROXIMITY_HIT_APBP_IND, LEN_EXACT, LAPI_BP_PROXIMITY_HIT_IND_LEN,
-                    "Received proximityHitInd BP Msg length: %d is not expected: %d!", __func__)) {
-        return;
-    }
     LAPI_LogBpMsg(pMsg, msgLen);
     Transaction *pTran = TakeAnsweredTran(
-        pMsg, LAPI_SRV_PROXIMITY_ACTIVE, PROXIMITY_REM_APBP_REQ,
+        pMsg, msgLen, LAPI_SRV_PROXIMITY_ACTIVE, PROXIMITY_REM_APBP_REQ,
         "Received proximityHitInd BP Msg not expected, sid: %d, tid: %d!", __func__);
     if (pTran == nullptr) {
         return;
     }
-    ProximityHitInd ind;
-    memset(&ind, 0, sizeof(ind));
-    SetHeader(&ind.header, LAPI_PROXIMITY_HIT_IND, LAPI_PROXIMITY_HIT_IND_LEN);
-    ind.sessionId = pTran->clientSid;
-    ind.transactionId = pTran->clientTid;
-    StorePosition(&ind, ReadPosition(pMsg));
-    ind.locationMethod = GetI32(pMsg + offsetof(BpProximityHitInd, locationMethod));
-    uint64_t ageOfFix;
-    GetNet(&ageOfFix, pMsg + offsetof(BpProximityHitInd, ageOfFix), sizeof(ageOfFix));
+    ProximityHitInd ind =
+        NewAnswer<ProximityHitInd>(LAPI_PROXIMITY_HIT_IND, LAPI_PROXIMITY_HIT_IND_LEN, pTran);
+    LAPI_Reader r = BodyReader(pMsg, msgLen);
+    StorePosition(&ind, ReadPosition(&r));
+    ind.locationMethod = NextI32(&r);
+    uint64_t ageOfFix = 0;
+    r.GetBe64(&ageOfFix);
     ind.ageOfFix = static_cast<uint32_t>(ageOfFix);
-    if (LAPI_SRV_SendMsgToClient(TranFdops(pTran), &ind, sizeof(ind)) != 0) {
-        LAPI_SRV_ERR("Fail to send proximity hit indicator to client!");
-    }
     /* An area reports one hit and is gone. */
-    free(pTran);
+    AnswerAndFree(pTran, &ind, sizeof(ind), "Fail to send proximity hit indicator to client!",
+                  __func__);
 }
 
 /* ------------------------------------------------------------------------ */
@@ -620,36 +578,24 @@ void LAPI_SRV_ProcBpProximityHitIndMsg(uint8_t *pMsg, uint16_t msgLen) {
 /* ------------------------------------------------------------------------ */
 
 void LAPI_SRV_ProcBpStatusChangeIndMsg(uint8_t *pMsg, uint16_t msgLen) {
-    if (!CheckBpMsg(pMsg, msgLen, STATUS_CHANGE_BPAP_IND, LEN_EXACT, LAPI_BP_STATUS_IND_LEN,
-                    "Received statusChangeInd BP Msg length: %d is not expected: %d!", __func__)) {
-        return;
-    }
     LAPI_LogBpMsg(pMsg, msgLen);
     StatusChangeInd ind;
     memset(&ind, 0, sizeof(ind));
     SetHeader(&ind.header, LAPI_STATUS_CHANGE_IND, LAPI_STATUS_CHANGE_IND_LEN);
-    ind.sessionId = pMsg[1];
-    ind.transactionId = pMsg[2];
-    ReadStatus(&ind, pMsg);
+    LAPI_Reader r = BodyReader(pMsg, msgLen, &ind.sessionId, &ind.transactionId);
+    ReadStatus(&ind, &r);
     if (LAPI_SRV_BroadcastMsgToStatusClient(&ind, sizeof(ind)) != 0) {
         LAPI_SRV_ERR("Fail to broadcast status change indicator to all status client!");
     }
 }
 
 void LAPI_SRV_ProcBpNotificationStatusIndMsg(uint8_t *pMsg, uint16_t msgLen) {
-    if (!CheckBpMsg(pMsg, msgLen, NOTIFICATION_STATUS_BPAP_IND, LEN_EXACT,
-                    LAPI_BP_NOTIFICATION_STATUS_IND_LEN,
-                    "Received mtlrNotificationStatusInd BP Msg length: %d is not expected: %d!",
-                    __func__)) {
-        return;
-    }
     LAPI_LogBpMsg(pMsg, msgLen);
     NotificationStatusInd ind;
     memset(&ind, 0, sizeof(ind));
     SetHeader(&ind.header, LAPI_NOTIFICATION_STATUS_IND, LAPI_NOTIFICATION_STATUS_IND_LEN);
-    ind.sessionId = pMsg[1];
-    ind.transactionId = pMsg[2];
-    ind.cause = GetI32(pMsg + offsetof(BpNotificationStatusInd, cause));
+    LAPI_Reader r = BodyReader(pMsg, msgLen, &ind.sessionId, &ind.transactionId);
+    ind.cause = NextI32(&r);
     if (LAPI_SRV_BroadcastMsgToMtlrClient(&ind, sizeof(ind)) != 0) {
         LAPI_SRV_ERR("Fail to broadcast MT-LR notification status indicator to all MT-LR client!");
     }
@@ -659,11 +605,12 @@ void LAPI_SRV_ProcBpNotificationStatusIndMsg(uint8_t *pMsg, uint16_t msgLen) {
  * after logging. */
 static int ParseLocationNotificationInd(const uint8_t *pMsg, uint16_t msgLen,
                                         LocationNotificationInd *pInd, const char *func) {
-    const uint8_t *pEnd = pMsg + msgLen;
-    pInd->notificationType = GetI32(pMsg + offsetof(BpLocationNotificationInd, notificationType));
-    pInd->locationType = GetI32(pMsg + offsetof(BpLocationNotificationInd, locationType));
-    pInd->dataCodingSchema = pMsg[offsetof(BpLocationNotificationInd, dataCodingSchema)];
-    uint8_t nameLength = pMsg[offsetof(BpLocationNotificationInd, nameLength)];
+    LAPI_Reader r = BodyReader(pMsg, msgLen);
+    pInd->notificationType = NextI32(&r);
+    pInd->locationType = NextI32(&r);
+    uint8_t nameLength = 0;
+    r.GetU8(&pInd->dataCodingSchema);
+    r.GetU8(&nameLength);
     pInd->nameLength = nameLength;
     if (nameLength > LAPI_BP_MAX_CLIENT_NAME_LEN) {
         BP_RSP_ERR(func, "pRsp->nameLength: %d > (sizeof(pRsp->clientName) - 2): %d!", nameLength,
@@ -674,58 +621,47 @@ static int ParseLocationNotificationInd(const uint8_t *pMsg, uint16_t msgLen,
         BP_RSP_ERR(func, "pRsp->nameLength: %d module 2 != 0!", nameLength);
         return -1;
     }
-    const uint8_t *pPos = pMsg + sizeof(BpLocationNotificationInd);
     if (nameLength != 0) {
-        const uint8_t *pName = pPos;
-        if (LAPI_SRV_IncreasePtrAndCheck(&pPos, pEnd, nameLength) != 0) {
+        LAPI_Reader name;
+        if (r.Sub(nameLength, &name) != 0) {
             BP_RSP_ERR(func, "LAPI_SRV_IncreasePtrAndCheck() Error 1!");
             return -1;
         }
         /* UCS-2 characters, each from big-endian to host order. */
         for (int i = 0; i < nameLength; i += 2) {
-            GetNet(&pInd->clientName[i], pName + i, 2);
+            uint16_t c = 0;
+            name.GetBe16(&c);
+            memcpy(&pInd->clientName[i], &c, sizeof(c));
         }
     }
     pInd->clientName[nameLength] = 0;
     pInd->clientName[nameLength + 1] = 0;
 
-    const uint8_t *pAddrLen = pPos;
-    if (LAPI_SRV_IncreasePtrAndCheck(&pPos, pEnd, 1) != 0) {
+    uint8_t addrLength = 0;
+    if (r.GetU8(&addrLength) != 0) {
         BP_RSP_ERR(func, "LAPI_SRV_IncreasePtrAndCheck() Error 2!");
         return -1;
     }
-    uint8_t addrLength = *pAddrLen;
     pInd->addrLength = addrLength;
     if (addrLength > LAPI_BP_MAX_CLIENT_ADDR_LEN) {
         BP_RSP_ERR(func, "pRsp->addrLength: %d > (sizeof(pRsp->clientExternalAddr) - 1): %d!",
                    addrLength, LAPI_BP_MAX_CLIENT_ADDR_LEN);
         return -1;
     }
-    if (addrLength != 0) {
-        const uint8_t *pAddr = pPos;
-        if (LAPI_SRV_IncreasePtrAndCheck(&pPos, pEnd, addrLength) != 0) {
-            BP_RSP_ERR(func, "LAPI_SRV_IncreasePtrAndCheck() Error 3!");
-            return -1;
-        }
-        memcpy(pInd->clientExternalAddr, pAddr, addrLength);
+    if (addrLength != 0 && r.GetBytes(pInd->clientExternalAddr, addrLength) != 0) {
+        BP_RSP_ERR(func, "LAPI_SRV_IncreasePtrAndCheck() Error 3!");
+        return -1;
     }
     pInd->clientExternalAddr[addrLength] = 0;
     return 0;
 }
 
 void LAPI_SRV_ProcBpLocationNotificationIndMsg(uint8_t *pMsg, uint16_t msgLen) {
-    if (!CheckBpMsg(pMsg, msgLen, LOCATION_NOTIFICATION_BPAP_IND, LEN_AT_LEAST,
-                    LAPI_BP_LOCATION_NOTIFICATION_IND_MIN_LEN,
-                    "Received mtlrLocationNotificationInd BP Msg length: %d is less than: %d!",
-                    __func__)) {
-        return;
-    }
     LocationNotificationInd ind;
     memset(&ind, 0, sizeof(ind));
     SetHeader(&ind.header, LAPI_LOCATION_NOTIFICATION_IND, LAPI_LOCATION_NOTIFICATION_IND_LEN);
     /* The BP's own pair: the MT-LR client answers with it. */
-    ind.sessionId = pMsg[1];
-    ind.transactionId = pMsg[2];
+    BodyReader(pMsg, msgLen, &ind.sessionId, &ind.transactionId);
     if (ParseLocationNotificationInd(pMsg, msgLen, &ind, __func__) != 0) {
         return;
     }
@@ -735,3 +671,59 @@ void LAPI_SRV_ProcBpLocationNotificationIndMsg(uint8_t *pMsg, uint16_t msgLen) {
             "Fail to broadcast MT-LR location notification indicator to all MT-LR client!");
     }
 }
+
+/* ------------------------------------------------------------------------ */
+/* Dispatch rows                                                             */
+/* ------------------------------------------------------------------------ */
+
+/* The length texts name the message as the BP documentation does. */
+constexpr LAPI_SRV_BpMsgRow LAPI_SRV_bpLocationRows[] = {
+    LAPI_SRV_BP_ROW(GEOLOCATION_APBP_RES, LAPI_SRV_ProcBpGetLocationRspMsg, LAPI_SRV_LEN_AT_LEAST,
+                    LAPI_BP_GET_LOCATION_RSP_MIN_LEN,
+                    "Received getLocationRsp BP Msg length: %d is not expected: %d!"),
+    LAPI_SRV_BP_ROW(GEOLOCATION_ABORT_APBP_RES, LAPI_SRV_ProcBpAbortLocationRspMsg,
+                    LAPI_SRV_LEN_EXACT, LAPI_BP_ABORT_LOCATION_RSP_LEN,
+                    "Received abortLocationRsp BP Msg length: %d is not expected: %d!"),
+    LAPI_SRV_BP_ROW(DB_WRITE_APBP_RES, LAPI_SRV_ProcBpSetGpsDbDataRspMsg, LAPI_SRV_LEN_EXACT,
+                    LAPI_BP_SET_GPS_DB_DATA_RSP_LEN,
+                    "Received setGpsDbDataRsp BP Msg length: %d is not expected: %d!"),
+    LAPI_SRV_BP_ROW(DB_READ_APBP_RES, LAPI_SRV_ProcBpGetGpsDbDataRspMsg, LAPI_SRV_LEN_AT_LEAST,
+                    LAPI_BP_GET_GPS_DB_DATA_RSP_MIN_LEN,
+                    "Received getGpsDbDataRsp BP Msg length: %d is less than: %d!"),
+    LAPI_SRV_BP_ROW(STATUS_CHANGE_BPAP_IND, LAPI_SRV_ProcBpStatusChangeIndMsg, LAPI_SRV_LEN_EXACT,
+                    LAPI_BP_STATUS_IND_LEN,
+                    "Received statusChangeInd BP Msg length: %d is not expected: %d!"),
+    LAPI_SRV_BP_ROW(GET_STATUS_APBP_RES, LAPI_SRV_ProcBpGetStatusRspMsg, LAPI_SRV_LEN_EXACT,
+                    LAPI_BP_STATUS_IND_LEN,
+                    "Received getStatusRsp BP Msg length: %d is not expected: %d!"),
+    LAPI_SRV_BP_ROW(LOCATION_NOTIFICATION_BPAP_IND, LAPI_SRV_ProcBpLocationNotificationIndMsg,
+                    LAPI_SRV_LEN_AT_LEAST, LAPI_BP_LOCATION_NOTIFICATION_IND_MIN_LEN,
+                    "Received mtlrLocationNotificationInd BP Msg length: %d is less than: %d!"),
+    LAPI_SRV_BP_ROW(NOTIFICATION_STATUS_BPAP_IND, LAPI_SRV_ProcBpNotificationStatusIndMsg,
+                    LAPI_SRV_LEN_EXACT, LAPI_BP_NOTIFICATION_STATUS_IND_LEN,
+                    "Received mtlrNotificationStatusInd BP Msg length: %d is not expected: %d!"),
+    LAPI_SRV_BP_ROW(DISTANCE_AND_AZIMUTH_APBP_RES, LAPI_SRV_ProcBpDistanceAzimuthRspMsg,
+                    LAPI_SRV_LEN_EXACT, LAPI_BP_DISTANCE_AZIMUTH_RSP_LEN,
+                    "Received distanceAzimuthRsp BP Msg length: %d is not expected: %d!"),
+    LAPI_SRV_BP_ROW(PROXIMITY_ADD_APBP_RES, LAPI_SRV_ProcBpAddProximityRspMsg, LAPI_SRV_LEN_EXACT,
+                    LAPI_BP_ADD_PROXIMITY_RSP_LEN,
+                    "Received addProximityRsp BP Msg length: %d is not expected: %d!"),
+    LAPI_SRV_BP_ROW(PROXIMITY_REM_APBP_RES, LAPI_SRV_ProcBpRemoveProximityRspMsg,
+                    LAPI_SRV_LEN_EXACT, LAPI_BP_REMOVE_PROXIMITY_RSP_LEN,
+                    "Received removeProximityRsp BP Msg length: %d is not expected: %d!"),
+    LAPI_SRV_BP_ROW(PROXIMITY_HIT_APBP_IND, LAPI_SRV_ProcBpProximityHitIndMsg, LAPI_SRV_LEN_EXACT,
+                    LAPI_BP_PROXIMITY_HIT_IND_LEN,
+                    "Received proximityHitInd BP Msg length: %d is not expected: %d!"),
+};
+const size_t LAPI_SRV_bpLocationRowCount =
+    sizeof(LAPI_SRV_bpLocationRows) / sizeof(LAPI_SRV_bpLocationRows[0]);
+
+static constexpr bool RowsValid() {
+    for (const LAPI_SRV_BpMsgRow &row : LAPI_SRV_bpLocationRows) {
+        if (row.subCmdId >= LAPI_BP_MSG_ID_COUNT || row.proc == nullptr) {
+            return false;
+        }
+    }
+    return true;
+}
+static_assert(RowsValid(), "every row names a BP message identifier and a procedure");

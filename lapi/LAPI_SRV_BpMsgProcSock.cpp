@@ -150,10 +150,6 @@ int LAPI_SRV_SendData(uint8_t sessionId, uint8_t transactionId, uint32_t linkId,
 /* ------------------------------------------------------------------------ */
 
 void LAPI_SRV_ProcBpOpenSocketReqMsg(uint8_t *pMsg, uint16_t msgLen) {
-    if (!CheckBpMsg(pMsg, msgLen, OPEN_SOCKET_BPAP_REQ, LEN_AT_LEAST,
-                    LAPI_BP_OPEN_SOCKET_REQ_MIN_LEN, kOpenSocketLenFmt, __func__)) {
-        return;
-    }
     LAPI_LogBpMsg(pMsg, msgLen);
     LAPI_Reader r(pMsg, msgLen);
     uint8_t sessionId = 0;
@@ -218,10 +214,6 @@ void LAPI_SRV_ProcBpOpenSocketReqMsg(uint8_t *pMsg, uint16_t msgLen) {
 }
 
 void LAPI_SRV_ProcBpSendDataReqMsg(uint8_t *pMsg, uint16_t msgLen) {
-    if (!CheckBpMsg(pMsg, msgLen, SEND_DATA_BPAP_REQ, LEN_AT_LEAST, LAPI_BP_SEND_DATA_REQ_MIN_LEN,
-                    kOpenSocketLenFmt, __func__)) {
-        return;
-    }
     LAPI_Reader r(pMsg, msgLen);
     uint8_t sessionId = 0;
     uint8_t transactionId = 0;
@@ -245,10 +237,6 @@ void LAPI_SRV_ProcBpSendDataReqMsg(uint8_t *pMsg, uint16_t msgLen) {
 }
 
 void LAPI_SRV_ProcBpCloseSocketReqMsg(uint8_t *pMsg, uint16_t msgLen) {
-    if (!CheckBpMsg(pMsg, msgLen, CLOSE_SOCKET_BPAP_REQ, LEN_EXACT, LAPI_BP_CLOSE_SOCKET_REQ_LEN,
-                    kOpenSocketLenFmt, __func__)) {
-        return;
-    }
     LAPI_Reader r(pMsg, msgLen);
     uint8_t sessionId = 0;
     uint8_t transactionId = 0;
@@ -273,10 +261,6 @@ void LAPI_SRV_ProcBpCloseSocketReqMsg(uint8_t *pMsg, uint16_t msgLen) {
 }
 
 void LAPI_SRV_ProcBpTlsSessionReqMsg(uint8_t *pMsg, uint16_t msgLen) {
-    if (!CheckBpMsg(pMsg, msgLen, TLS_SESSION_BPAP_REQ, LEN_AT_LEAST,
-                    LAPI_BP_TLS_SESSION_REQ_MIN_LEN, kTlsSessionLenFmt, __func__)) {
-        return;
-    }
     LAPI_Reader r(pMsg, msgLen);
     uint8_t sessionId = 0;
     uint8_t transactionId = 0;
@@ -303,3 +287,22 @@ void LAPI_SRV_ProcBpTlsSessionReqMsg(uint8_t *pMsg, uint16_t msgLen) {
         LAPI_SRV_SendTLSRes(sessionId, transactionId, linkId, static_cast<uint8_t>(result));
     }
 }
+
+/* ------------------------------------------------------------------------ */
+/* Dispatch rows                                                             */
+/* ------------------------------------------------------------------------ */
+
+/* The length texts are the socket service's own (one text for open, send
+ * and close, as the BP's documentation words them). */
+constexpr LAPI_SRV_BpMsgRow LAPI_SRV_bpSocketRows[] = {
+    LAPI_SRV_BP_ROW(OPEN_SOCKET_BPAP_REQ, LAPI_SRV_ProcBpOpenSocketReqMsg, LAPI_SRV_LEN_AT_LEAST,
+                    LAPI_BP_OPEN_SOCKET_REQ_MIN_LEN, kOpenSocketLenFmt),
+    LAPI_SRV_BP_ROW(SEND_DATA_BPAP_REQ, LAPI_SRV_ProcBpSendDataReqMsg, LAPI_SRV_LEN_AT_LEAST,
+                    LAPI_BP_SEND_DATA_REQ_MIN_LEN, kOpenSocketLenFmt),
+    LAPI_SRV_BP_ROW(CLOSE_SOCKET_BPAP_REQ, LAPI_SRV_ProcBpCloseSocketReqMsg, LAPI_SRV_LEN_EXACT,
+                    LAPI_BP_CLOSE_SOCKET_REQ_LEN, kOpenSocketLenFmt),
+    LAPI_SRV_BP_ROW(TLS_SESSION_BPAP_REQ, LAPI_SRV_ProcBpTlsSessionReqMsg, LAPI_SRV_LEN_AT_LEAST,
+                    LAPI_BP_TLS_SESSION_REQ_MIN_LEN, kTlsSessionLenFmt),
+};
+const size_t LAPI_SRV_bpSocketRowCount =
+    sizeof(LAPI_SRV_bpSocketRows) / sizeof(LAPI_SRV_bpSocketRows[0]);

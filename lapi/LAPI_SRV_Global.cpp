@@ -287,73 +287,92 @@ static bool FdInSetRange(int fd) {
     return fd >= 0 && fd < FD_SETSIZE;
 }
 
-void LAPI_SRV_AddFdopsReadList(Fdops *pFdops) {
+/* The read side and the write side of the loop: a list, its descriptor
+ * set, its highest descriptor and its changed flag. */
+struct FdopsSide {
+    List *pList;
+    fd_set *pSet;
+    int *pMaxFd;
+    uint8_t *pChanged;
+};
+
+static FdopsSide ReadSide() {
+    return FdopsSide{&LAPI_SRV_readFdopsList, &readFdSet, &maxReadFd, &readListChanged};
+}
+
+static FdopsSide WriteSide() {
+    return FdopsSide{&LAPI_SRV_writeFdopsList, &writeFdSet, &maxWriteFd, &writeListChanged};
+}
+
+/* The failure line names the caller (LAPI_SRV_AddFdopsReadList or ...Write). */
+static void AddFdopsTo(const FdopsSide &side, Fdops *pFdops, const char *pFailText,
+                       const char *func, int line) {
     if (pFdops == nullptr) {
         return;
     }
     if (!FdInSetRange(pFdops->fd)) {
-        LAPI_SRV_ERR("Fail to AddFdopsReadList!");
+        LAPI_LogLine(1, 1, __FILE__, line, func, "%s", pFailText);
         return;
     }
-    if (FD_ISSET(pFdops->fd, &readFdSet)) {
+    if (FD_ISSET(pFdops->fd, side.pSet)) {
         return;
     }
-    if (List_AddTail(&LAPI_SRV_readFdopsList, pFdops) == nullptr) {
-        LAPI_SRV_ERR("Fail to AddFdopsReadList!");
+    if (List_AddTail(side.pList, pFdops) == nullptr) {
+        LAPI_LogLine(1, 1, __FILE__, line, func, "%s", pFailText);
         return;
     }
-    FD_SET(pFdops->fd, &readFdSet);
-    readListChanged = 1;
-    if (pFdops->fd > maxReadFd) {
-        maxReadFd = pFdops->fd;
+    FD_SET(pFdops->fd, side.pSet);
+    *side.pChanged = 1;
+    if (pFdops->fd > *side.pMaxFd) {
+        *side.pMaxFd = pFdops->fd;
     }
+}
+
+static void RemoveFdopsFrom(const FdopsSide &side, Fdops *pFdops) {
+    if (pFdops == nullptr || !FdInSetRange(pFdops->fd) || !FD_ISSET(pFdops->fd, side.pSet)) {
+        return;
+    }
+    FD_CLR(pFdops->fd, side.pSet);
+    /* One step down only: select() tolerates a maximum above the truth. */
+    if (pFdops->fd == *side.pMaxFd) {
+        (*side.pMaxFd)--;
+    }
+    List_Remove(side.pList, pFdops);
+    *side.pChanged = 1;
+}
+
+void LAPI_SRV_AddFdopsReadList(Fdops *pFdops) {
+    AddFdopsTo(ReadSide(), pFdops, "Fail to AddFdopsReadList!", __func__, __LINE__);
 }
 
 void LAPI_SRV_RemoveFdopsReadList(Fdops *pFdops) {
-    if (pFdops == nullptr || !FdInSetRange(pFdops->fd) || !FD_ISSET(pFdops->fd, &readFdSet)) {
-        return;
-    }
-    FD_CLR(pFdops->fd, &readFdSet);
-    /* One step down only: select() tolerates a maximum above the truth. */
-    if (pFdops->fd == maxReadFd) {
-        maxReadFd--;
-    }
-    List_Remove(&LAPI_SRV_readFdopsList, pFdops);
-    readListChanged = 1;
+    RemoveFdopsFrom(ReadSide(), pFdops);
 }
 
 void LAPI_SRV_AddFdopsWriteList(Fdops *pFdops) {
-    if (pFdops == nullptr) {
-        return;
-    }
-    if (!FdInSetRange(pFdops->fd)) {
-        LAPI_SRV_ERR("Fail to AddFdopsWriteList!");
-        return;
-    }
-    if (FD_ISSET(pFdops->fd, &writeFdSet)) {
-        return;
-    }
-    if (List_AddTail(&LAPI_SRV_writeFdopsList, pFdops) == nullptr) {
-        LAPI_SRV_ERR("Fail to AddFdopsWriteList!");
-        return;
-    }
-    FD_SET(pFdops->fd, &writeFdSet);
-    writeListChanged = 1;
-    if (pFdops->fd > maxWriteFd) {
-        maxWriteFd = pFdops->fd;
-    }
+    AddFdopsTo(WriteSide(), pFdops, "Fail to AddFdopsWriteList!", __func__, __LINE__);
 }
 
 void LAPI_SRV_RemoveFdopsWriteList(Fdops *pFdops) {
-    if (pFdops == nullptr || !FdInSetRange(pFdops->fd) || !FD_ISSET(pFdops->fd, &writeFdSet)) {
-        return;
+    RemoveFdopsFrom(WriteSide(), pFdops);
+}
+
+/* Every read procedure starts here: the buffer is checked, the descriptor
+ * read, and on failure the line names the read procedure (file, line and
+ * func are its own) and the connection is closed. */
+bool LAPI_SRV_ReadIntoFdops(Fdops *pFdops, const char *file, int line, const char *func) {
+    if (pFdops == nullptr || pFdops->rbuf.buf == nullptr || pFdops->rbuf.len == 0) {
+        LAPI_LogLine(1, 1, file, line, func, "Invalid pFdops!");
+        return false;
     }
-    FD_CLR(pFdops->fd, &writeFdSet);
-    if (pFdops->fd == maxWriteFd) {
-        maxWriteFd--;
+    if (LAPI_SRV_GeneralRead(pFdops) < 0) {
+        LAPI_LogLine(1, 1, file, line, func, "Fail to general read for pFdops!");
+        if (pFdops->closeProc != nullptr) {
+            pFdops->closeProc(pFdops);
+        }
+        return false;
     }
-    List_Remove(&LAPI_SRV_writeFdopsList, pFdops);
-    writeListChanged = 1;
+    return true;
 }
 
 int LAPI_SRV_GetMaxFd(void) {
@@ -394,9 +413,10 @@ void LAPI_SRV_CloseFdops(Fdops *pFdops) {
         LAPI_SRV_pMuxFdops = nullptr;
         LAPI_SRV_ERR("Close LAPI_SRV_pMuxFdops, disconnection with BP!");
     }
-    if (pFdops->pFdInfo != nullptr) {
+    Client *pClient = LAPI_SRV_FdopsClient(pFdops);
+    if (pClient != nullptr) {
         /* A registered connection: the client owns and destroys it. */
-        LAPI_SRV_RemoveClient(static_cast<Client *>(pFdops->pFdInfo));
+        LAPI_SRV_RemoveClient(pClient);
     } else {
         DestroyFdops(pFdops);
     }
@@ -466,10 +486,6 @@ void LAPI_SRV_InitGlobals(void) {
 /* Buffered I/O                                                              */
 /* ------------------------------------------------------------------------ */
 
-static Client *FdopsClient(const Fdops *pFdops) {
-    return static_cast<Client *>(pFdops->pFdInfo);
-}
-
 /*
  * Writes as much of pBuf as the descriptor takes now. Returns the number of
  * bytes written (stopping at EAGAIN or a zero write), or -1 with errno kept
@@ -511,7 +527,7 @@ int LAPI_SRV_GeneralRead(Fdops *pFdops) {
             room -= static_cast<int>(n);
         } else if (n == 0) {
             LAPI_SRV_ERR("Read 0 byte!");
-            Client *pClient = FdopsClient(pFdops);
+            Client *pClient = LAPI_SRV_FdopsClient(pFdops);
             if (pClient != nullptr) {
                 LAPI_SRV_ERR("Socket disconnection, globalId: %d, pid: %d!",
                              static_cast<int>(pClient->globalId), static_cast<int>(pClient->pid));
@@ -526,7 +542,7 @@ int LAPI_SRV_GeneralRead(Fdops *pFdops) {
         } else {
             int err = errno;
             LAPI_SRV_ERR("Fail to read, errno is: %d, %s", err, strerror(err));
-            Client *pClient = FdopsClient(pFdops);
+            Client *pClient = LAPI_SRV_FdopsClient(pFdops);
             if (pClient != nullptr) {
                 LAPI_SRV_ERR("Socket disconnection, globalId: %d, pid: %d!",
                              static_cast<int>(pClient->globalId), static_cast<int>(pClient->pid));
@@ -545,7 +561,7 @@ int LAPI_SRV_GeneralWrite(Fdops *pFdops, const void *pBuf, int count) {
         LAPI_SRV_ERR("(buf == NULL) || (count <= 0)!");
         return -1;
     }
-    Client *pClient = FdopsClient(pFdops);
+    Client *pClient = LAPI_SRV_FdopsClient(pFdops);
     if (pClient != nullptr) {
         LAPI_LogApMsg(pBuf, count, 1);
     }
@@ -618,7 +634,7 @@ void LAPI_SRV_GeneralWriteProc(Fdops *pFdops) {
     if (written < 0) {
         int err = errno;
         LAPI_SRV_ERR("Fail to write, errno is: %d, %s", err, strerror(err));
-        Client *pClient = FdopsClient(pFdops);
+        Client *pClient = LAPI_SRV_FdopsClient(pFdops);
         if (pClient != nullptr) {
             LAPI_SRV_ERR("Socket disconnection, globalId: %d, pid: %d!",
                          static_cast<int>(pClient->globalId), static_cast<int>(pClient->pid));
@@ -1176,14 +1192,14 @@ Transaction *LAPI_SRV_GetTranByClientId(Client *pClient, uint32_t clientSid, uin
 /* ------------------------------------------------------------------------ */
 
 int LAPI_SRV_SendMsgToClient(Fdops *pFdops, const void *pBuf, int len) {
-    if (pFdops == nullptr || pFdops->pFdInfo == nullptr) {
+    if (LAPI_SRV_FdopsClient(pFdops) == nullptr) {
         return -1;
     }
     if (LAPI_SRV_GeneralWrite(pFdops, pBuf, len) == 0) {
         return 0;
     }
     LAPI_SRV_ERR("Fail to send msg to client, pid is :%d!",
-                 static_cast<int>(FdopsClient(pFdops)->pid));
+                 static_cast<int>(LAPI_SRV_FdopsClient(pFdops)->pid));
     if (pFdops->closeProc != nullptr) {
         pFdops->closeProc(pFdops);
     }

@@ -150,6 +150,11 @@ struct SendDataNode {
 extern List LAPI_SRV_muxSendDataList;
 
 int LAPI_SRV_GeneralRead(Fdops *pFdops);
+/* The start of a read procedure: false (after the procedure's error line,
+ * and its close procedure on a failed read) when it has nothing to process. */
+bool LAPI_SRV_ReadIntoFdops(Fdops *pFdops, const char *file, int line, const char *func);
+#define LAPI_SRV_READ_INTO_FDOPS(pFdops) \
+    LAPI_SRV_ReadIntoFdops((pFdops), __FILE__, __LINE__, __func__)
 int LAPI_SRV_GeneralWrite(Fdops *pFdops, const void *pBuf, int count);
 void LAPI_SRV_GeneralWriteProc(Fdops *pFdops);
 int LAPI_SRV_AddSendDataList(List *pList, const void *pData, int size, uint8_t sessionId,
@@ -160,6 +165,21 @@ int LAPI_SRV_GetSendDataList(List *pList, uint8_t *pBuf, uint16_t *pLen, uint8_t
 void LAPI_SRV_ByteOrderNetToHost(void *pTo, const void *pFrom, int length);
 void LAPI_SRV_ByteOrderHostToNet(void *pTo, const void *pFrom, int length);
 int LAPI_BytesInSocket(int fd);
+
+/* ------------------------------------------------------------------------ */
+/* Dispatch rows                                                             */
+/* ------------------------------------------------------------------------ */
+
+/* How a dispatch row checks the length of a message (client messages: the
+ * body after the MsgHeader; BP messages: the whole message). */
+enum LAPI_SRV_LenRule : uint8_t {
+    LAPI_SRV_LEN_EXACT = 0,    /* length == len */
+    LAPI_SRV_LEN_AT_LEAST = 1, /* length >= len */
+};
+
+inline bool LAPI_SRV_LenFits(LAPI_SRV_LenRule rule, uint16_t len, unsigned length) {
+    return rule == LAPI_SRV_LEN_EXACT ? length == len : length >= len;
+}
 
 /* ------------------------------------------------------------------------ */
 /* Clients and transactions                                                  */

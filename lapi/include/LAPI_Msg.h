@@ -401,6 +401,17 @@ typedef struct LocationNotificationInd {
 #endif
 
 LAPI_MSG_SIZE_CHECK(MsgHeader, 0);
+/* The parts that several messages share. */
+#ifdef __cplusplus
+#define LAPI_MSG_PART_SIZE_CHECK(type, size) \
+    static_assert(sizeof(type) == (size), #type " has the wrong size")
+#else
+#define LAPI_MSG_PART_SIZE_CHECK(type, size) \
+    _Static_assert(sizeof(type) == (size), #type " has the wrong size")
+#endif
+LAPI_MSG_PART_SIZE_CHECK(ReqPrefix, 4);
+LAPI_MSG_PART_SIZE_CHECK(DbFile, 10);
+LAPI_MSG_PART_SIZE_CHECK(FixResultStatus, 8);
 LAPI_MSG_SIZE_CHECK(RegisterReq, LAPI_REGISTER_REQ_LEN);
 LAPI_MSG_SIZE_CHECK(GetAsyncFdReq, LAPI_GET_ASYNC_FD_REQ_LEN);
 LAPI_MSG_SIZE_CHECK(UnregisterReq, LAPI_UNREGISTER_REQ_LEN);

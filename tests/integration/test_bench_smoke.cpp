@@ -17,6 +17,8 @@
 
 #include <gtest/gtest.h>
 
+#include "ToolCommon.h"
+
 namespace {
 
 const std::string kBench = std::string(LAPI_BIN_DIR) + "/lapi_bench";
@@ -31,28 +33,17 @@ struct RunResult {
  * when it has not ended within timeoutMs. */
 RunResult RunBench(const std::vector<std::string> &args, int timeoutMs) {
     RunResult r;
-    int outPipe[2], errPipe[2];
-    if (pipe2(outPipe, O_CLOEXEC) != 0 || pipe2(errPipe, O_CLOEXEC) != 0) {
+    std::vector<std::string> argv{kBench};
+    argv.insert(argv.end(), args.begin(), args.end());
+    toolcommon::ChildProcess child;
+    if (!child.Start(argv)) {
         return r;
     }
-    std::vector<char *> argv;
-    argv.push_back(const_cast<char *>(kBench.c_str()));
-    for (const std::string &a : args) {
-        argv.push_back(const_cast<char *>(a.c_str()));
-    }
-    argv.push_back(nullptr);
-    pid_t pid = fork();
-    if (pid == 0) {
-        dup2(outPipe[1], 1);
-        dup2(errPipe[1], 2);
-        execv(argv[0], argv.data());
-        _exit(127);
-    }
-    close(outPipe[1]);
-    close(errPipe[1]);
+    int outFd = child.TakeOutFd();
+    int errFd = child.TakeErrFd();
     struct timespec start;
     clock_gettime(CLOCK_MONOTONIC, &start);
-    struct pollfd fds[2] = {{outPipe[0], POLLIN, 0}, {errPipe[0], POLLIN, 0}};
+    struct pollfd fds[2] = {{outFd, POLLIN, 0}, {errFd, POLLIN, 0}};
     int live = 2;
     bool timedOut = false;
     while (live > 0) {
@@ -88,12 +79,11 @@ RunResult RunBench(const std::vector<std::string> &args, int timeoutMs) {
         }
     }
     if (timedOut) {
-        kill(pid, SIGTERM); /* it stops what it started on SIGTERM */
+        child.Signal(SIGTERM); /* it stops what it started on SIGTERM */
     }
-    int status = 0;
-    waitpid(pid, &status, 0);
-    if (!timedOut && WIFEXITED(status)) {
-        r.status = WEXITSTATUS(status);
+    int status = child.Wait(60000);
+    if (!timedOut && status >= 0 && status < 128) {
+        r.status = status;
     }
     return r;
 }

@@ -20,6 +20,7 @@
 #include "LAPI_Msg.h"
 #include "ServerFixture.h"
 #include "TestClient.h"
+#include "ToolCommon.h"
 
 namespace {
 
@@ -37,21 +38,7 @@ std::string Num(long v) {
 }
 
 /* Open descriptors of a process (its /proc/PID/fd entries). */
-int OpenFdCount(pid_t pid) {
-    std::string path = "/proc/" + Num(pid) + "/fd";
-    DIR *d = opendir(path.c_str());
-    if (d == nullptr) {
-        return -1;
-    }
-    int n = 0;
-    while (struct dirent *e = readdir(d)) {
-        if (e->d_name[0] != '.') {
-            n++;
-        }
-    }
-    closedir(d);
-    return n;
-}
+constexpr auto &OpenFdCount = toolcommon::CountOpenFds;
 
 class ClientServiceTest : public ::testing::Test {
   protected:
@@ -75,17 +62,8 @@ class ClientServiceTest : public ::testing::Test {
 
     /* The descriptors of an idle server settle at this count. */
     bool WaitFdCount(int expected, int timeoutMs = kWaitMs) {
-        auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-        for (;;) {
-            if (OpenFdCount(srv_.Pid()) == expected) {
-                return true;
-            }
-            if (std::chrono::steady_clock::now() >= deadline) {
-                return false;
-            }
-            struct timespec ts = {0, 10 * 1000 * 1000};
-            nanosleep(&ts, nullptr);
-        }
+        return toolcommon::PollUntil([&]() { return OpenFdCount(srv_.Pid()) == expected; },
+                                     timeoutMs, 10);
     }
 
     /* The descriptor count of the server once every earlier connection

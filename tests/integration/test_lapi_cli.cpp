@@ -24,6 +24,7 @@
 #include "LAPI_BpMsg.h"
 #include "ServerFixture.h"
 #include "SimServerTest.h"
+#include "ToolCommon.h"
 
 namespace {
 
@@ -38,46 +39,22 @@ const std::string kTool = std::string(LAPI_BIN_DIR) + "/lapi";
 class Tool {
   public:
     explicit Tool(const Args &args) {
-        int out[2];
-        int err[2];
-        if (pipe2(out, O_CLOEXEC) != 0 || pipe2(err, O_CLOEXEC) != 0) {
+        Args argv{kTool};
+        argv.insert(argv.end(), args.begin(), args.end());
+        if (!child_.Start(argv)) {
             return;
         }
-        /* Everything the child needs is prepared before the fork: other
-         * threads may hold the allocator's lock at that moment. */
-        std::vector<char *> argv;
-        argv.push_back(const_cast<char *>(kTool.c_str()));
-        for (const std::string &a : args) {
-            argv.push_back(const_cast<char *>(a.c_str()));
-        }
-        argv.push_back(nullptr);
-        pid_ = fork();
-        if (pid_ == 0) {
-            dup2(out[1], 1);
-            dup2(err[1], 2);
-            int devnull = open("/dev/null", O_RDONLY);
-            dup2(devnull, 0);
-            execv(kTool.c_str(), argv.data());
-            _exit(127);
-        }
-        close(out[1]);
-        close(err[1]);
-        fds_[0] = out[0];
-        fds_[1] = err[0];
+        fds_[0] = child_.OutFd();
+        fds_[1] = child_.ErrFd();
         pump_ = std::thread([this]() { Pump(); });
     }
     ~Tool() {
-        if (pid_ > 0 && status_ == kRunning) {
-            kill(pid_, SIGKILL);
-            Wait(5000);
+        if (child_.Running()) {
+            child_.Signal(SIGKILL);
+            child_.Wait(5000);
         }
         if (pump_.joinable()) {
             pump_.join();
-        }
-        for (int fd : fds_) {
-            if (fd >= 0) {
-                close(fd);
-            }
         }
     }
     Tool(const Tool &) = delete;
@@ -85,38 +62,17 @@ class Tool {
 
     /* The exit status, or -1 when it did not end in time (it is killed). */
     int Wait(int timeoutMs = 30000) {
-        int64_t deadline = NowMs() + timeoutMs;
-        while (status_ == kRunning) {
-            int st;
-            pid_t r = waitpid(pid_, &st, WNOHANG);
-            if (r == pid_) {
-                status_ = WIFEXITED(st) ? WEXITSTATUS(st) : 128 + WTERMSIG(st);
-                break;
-            }
-            if (NowMs() >= deadline) {
-                kill(pid_, SIGKILL);
-                waitpid(pid_, &st, 0);
-                status_ = -1;
-                break;
-            }
-            usleep(5000);
-        }
+        int status = child_.Wait(timeoutMs);
         if (pump_.joinable()) {
             pump_.join();
         }
-        return status_;
+        return status;
     }
-    void Signal(int sig) { kill(pid_, sig); }
+    void Signal(int sig) { child_.Signal(sig); }
     /* Waits until the standard error holds text. */
     bool WaitErr(const std::string &text, int timeoutMs = 10000) {
-        int64_t deadline = NowMs() + timeoutMs;
-        while (NowMs() < deadline) {
-            if (Err().find(text) != std::string::npos) {
-                return true;
-            }
-            usleep(5000);
-        }
-        return false;
+        return toolcommon::PollUntil([&]() { return Err().find(text) != std::string::npos; },
+                                     timeoutMs);
     }
     std::string Out() const {
         std::lock_guard<std::mutex> lock(mu_);
@@ -128,7 +84,6 @@ class Tool {
     }
 
   private:
-    static constexpr int kRunning = -1000;
     void Pump() {
         bool open[2] = {true, true};
         while (open[0] || open[1]) {
@@ -151,8 +106,7 @@ class Tool {
             }
         }
     }
-    pid_t pid_ = -1;
-    int status_ = kRunning;
+    toolcommon::ChildProcess child_;
     int fds_[2] = {-1, -1};
     std::thread pump_;
     mutable std::mutex mu_;

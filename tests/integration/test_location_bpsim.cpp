@@ -12,6 +12,7 @@
 
 #include "BpSimProgram.h"
 #include "LocSvcEnv.h"
+#include "ToolCommon.h"
 
 using namespace locsvc;
 

@@ -15,6 +15,8 @@
 #include <string>
 #include <vector>
 
+#include "ToolCommon.h"
+
 namespace lapitest {
 
 /* The bpsim program with a pipe on its standard input and output. */
@@ -23,45 +25,23 @@ class BpSimProgram {
     /* Standard error goes to the same pipe as standard output. */
     explicit BpSimProgram(const std::string &root, const std::vector<std::string> &args = {
                                                        "--lat", "48.8566", "--lon", "2.3522"}) {
-        int in[2];
-        int out[2];
-        if (pipe2(in, O_CLOEXEC) != 0 || pipe2(out, O_CLOEXEC) != 0) {
+        toolcommon::ChildProcess::Options options;
+        options.captureErr = false;
+        options.errToOut = true;
+        options.pipeIn = true;
+        std::vector<std::string> all = {std::string(LAPI_BIN_DIR) + "/bpsim", "--root", root};
+        all.insert(all.end(), args.begin(), args.end());
+        if (!child_.Start(all, options)) {
             return;
         }
-        std::string bin = std::string(LAPI_BIN_DIR) + "/bpsim";
-        std::vector<std::string> all = {bin, "--root", root};
-        all.insert(all.end(), args.begin(), args.end());
-        std::vector<char *> argv;
-        for (std::string &a : all) {
-            argv.push_back(a.data());
-        }
-        argv.push_back(nullptr);
-        pid_ = fork();
-        if (pid_ == 0) {
-            dup2(in[0], 0);
-            dup2(out[1], 1);
-            dup2(out[1], 2);
-            execv(bin.c_str(), argv.data());
-            _exit(127);
-        }
-        close(in[0]);
-        close(out[1]);
-        in_ = in[1];
-        out_ = out[0];
+        in_ = child_.InFd();
+        out_ = child_.OutFd();
         fcntl(out_, F_SETFL, O_NONBLOCK);
     }
     ~BpSimProgram() {
-        if (in_ >= 0) {
-            close(in_);
-        }
-        if (pid_ > 0) {
-            kill(pid_, SIGTERM);
-            int status = 0;
-            waitpid(pid_, &status, 0);
-        }
-        if (out_ >= 0) {
-            close(out_);
-        }
+        child_.CloseIn();
+        child_.Signal(SIGTERM);
+        child_.Wait(30000);
     }
     BpSimProgram(const BpSimProgram &) = delete;
     BpSimProgram &operator=(const BpSimProgram &) = delete;
@@ -101,30 +81,21 @@ class BpSimProgram {
     /* Returns once every command written before has run (the program reads
      * its commands and the channel in one loop). */
     bool Sync() { return Command("areas") && !WaitLine("bpsim: areas").empty(); }
-    pid_t Pid() const { return pid_; }
-    /* Waits for it to end on its own; its exit status, or -1 on timeout. */
+    pid_t Pid() const { return child_.Running() ? child_.Pid() : -1; }
+    /* Waits for it to end on its own; its exit status, or -1 on timeout (it
+     * then runs on) or when a signal ended it. */
     int WaitExit(int timeoutMs) {
-        auto start = std::chrono::steady_clock::now();
-        while (pid_ > 0 && MsSince(start) < timeoutMs) {
-            int status = 0;
-            if (waitpid(pid_, &status, WNOHANG) == pid_) {
-                pid_ = -1;
-                return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-            }
-            usleep(5000);
-        }
-        return -1;
+        int status = child_.Wait(timeoutMs, false);
+        return status >= 0 && status < 128 ? status : -1;
     }
     /* Terminates it; its exit status. */
     int Stop() {
-        if (pid_ <= 0) {
+        if (!child_.Running()) {
             return -1;
         }
-        kill(pid_, SIGTERM);
-        int status = 0;
-        waitpid(pid_, &status, 0);
-        pid_ = -1;
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+        child_.Signal(SIGTERM);
+        int status = child_.Wait(30000);
+        return status >= 0 && status < 128 ? status : -1; /* -1: ended by a signal */
     }
 
   private:
@@ -134,8 +105,8 @@ class BpSimProgram {
                                      .count());
     }
 
-    pid_t pid_ = -1;
-    int in_ = -1;
+    toolcommon::ChildProcess child_;
+    int in_ = -1; /* the child's descriptors, owned by child_ */
     int out_ = -1;
     std::string buf_;
 };

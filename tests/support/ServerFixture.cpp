@@ -21,6 +21,8 @@
 
 #include <chrono>
 
+#include "ToolCommon.h"
+
 namespace lapitest {
 
 namespace {
@@ -75,27 +77,6 @@ int ExitCodeOf(int status) {
     return kNotExited;
 }
 
-bool WriteAll(int fd, const void *data, size_t len) {
-    const char *p = static_cast<const char *>(data);
-    while (len > 0) {
-        ssize_t n = write(fd, p, len);
-        if (n < 0) {
-            if (errno == EINTR) {
-                continue;
-            }
-            if (errno == EAGAIN) {
-                struct pollfd pfd = {fd, POLLOUT, 0};
-                poll(&pfd, 1, 100);
-                continue;
-            }
-            return false;
-        }
-        p += n;
-        len -= static_cast<size_t>(n);
-    }
-    return true;
-}
-
 }  // namespace
 
 /* ------------------------------------------------------------------------ */
@@ -136,7 +117,7 @@ bool TempRoot::WriteFile(const std::string &rel, const std::string &content) con
     if (fd < 0) {
         return false;
     }
-    bool ok = WriteAll(fd, content.data(), content.size());
+    bool ok = toolcommon::WriteAll(fd, content.data(), content.size());
     return close(fd) == 0 && ok;
 }
 
@@ -239,7 +220,7 @@ MuxPty::~MuxPty() {
 }
 
 bool MuxPty::Write(const void *data, size_t len) {
-    return master_ >= 0 && WriteAll(master_, data, len);
+    return master_ >= 0 && toolcommon::WriteAll(master_, data, len);
 }
 
 std::vector<uint8_t> MuxPty::ReadAvailable(int timeoutMs) {
@@ -561,70 +542,24 @@ bool ServerProcess::Start() {
         }
         args.insert(args.end(), options_.extraArgs.begin(), options_.extraArgs.end());
     }
-    /* Everything the child needs is prepared before fork: after it only
-     * async-signal-safe calls are made. */
-    std::vector<char *> argv;
-    for (auto &a : args) {
-        argv.push_back(a.data());
-    }
-    argv.push_back(nullptr);
-
-    int outPipe[2];
-    int errPipe[2];
-    if (pipe2(outPipe, O_CLOEXEC) != 0) {
-        return false;
-    }
-    if (pipe2(errPipe, O_CLOEXEC) != 0) {
-        close(outPipe[0]);
-        close(outPipe[1]);
-        return false;
-    }
     if (options_.asGroupLeader) {
         /* The server is the launcher's grandchild: adopt it when its parent
          * exits so that its exit status can be collected here. */
         prctl(PR_SET_CHILD_SUBREAPER, 1, 0, 0, 0);
     }
-    int devNull = open("/dev/null", O_RDWR | O_CLOEXEC);
-    pid_t parent = getpid();
-    pid_t pid = fork();
-    if (pid < 0) {
-        close(outPipe[0]);
-        close(outPipe[1]);
-        close(errPipe[0]);
-        close(errPipe[1]);
-        if (devNull >= 0) {
-            close(devNull);
-        }
+    toolcommon::ChildProcess::Options childOptions;
+    childOptions.groupLeader = options_.asGroupLeader;
+    /* Otherwise killed with the test process: never outlives a crashed test. */
+    childOptions.dieWithParent = !options_.asGroupLeader;
+    childOptions.discardErr = options_.discardStderr;
+    childOptions.childSetup = options_.childSetup;
+    toolcommon::ChildProcess child;
+    if (!child.Start(args, childOptions)) {
         return false;
     }
-    if (pid == 0) {
-        if (options_.asGroupLeader) {
-            setpgid(0, 0);
-        } else {
-            /* Killed with the test process; never outlives a crashed test. */
-            prctl(PR_SET_PDEATHSIG, SIGKILL, 0, 0, 0);
-            if (getppid() != parent) {
-                _exit(127);
-            }
-        }
-        if (devNull >= 0) {
-            dup2(devNull, 0);
-        }
-        dup2(outPipe[1], 1);
-        dup2(options_.discardStderr && devNull >= 0 ? devNull : errPipe[1], 2);
-        if (options_.childSetup) {
-            options_.childSetup();
-        }
-        execv(argv[0], argv.data());
-        _exit(127);
-    }
-    if (devNull >= 0) {
-        close(devNull);
-    }
-    close(outPipe[1]);
-    close(errPipe[1]);
-    outFd_ = outPipe[0];
-    errFd_ = errPipe[0];
+    outFd_ = child.TakeOutFd();
+    errFd_ = child.TakeErrFd();
+    pid_t pid = child.Release(); /* reaped here, by Reap */
     childPid_ = pid;
     serverPid_ = pid;
     pump_ = std::thread(&ServerProcess::Pump, this);
@@ -962,36 +897,11 @@ bool ServerProcess::WaitForTraceContaining(const std::string &substr, int timeou
 /* ------------------------------------------------------------------------ */
 
 int BindUdpPort(int port) {
-    int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    if (fd < 0) {
-        return -1;
-    }
-    struct sockaddr_in addr;
-    memset(&addr, 0, sizeof(addr));
-    addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_ANY);
-    addr.sin_port = htons(static_cast<uint16_t>(port));
-    if (bind(fd, reinterpret_cast<struct sockaddr *>(&addr), sizeof(addr)) != 0) {
-        close(fd);
-        return -1;
-    }
-    return fd;
+    return toolcommon::BindUdpPort(port);
 }
 
 int PickFreeUdpPort() {
-    int fd = BindUdpPort(0);
-    if (fd < 0) {
-        return 0;
-    }
-    struct sockaddr_in addr;
-    memset(&addr, 0, sizeof(addr));
-    int port = 0;
-    socklen_t len = sizeof(addr);
-    if (getsockname(fd, reinterpret_cast<struct sockaddr *>(&addr), &len) == 0) {
-        port = ntohs(addr.sin_port);
-    }
-    close(fd);
-    return port;
+    return toolcommon::FreeUdpPort();
 }
 
 int ConnectUnix(const std::string &path) {
@@ -1058,9 +968,7 @@ pid_t DeadPid() {
 }
 
 int64_t NowMs() {
-    struct timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return static_cast<int64_t>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
+    return toolcommon::NowMs();
 }
 
 }  // namespace lapitest

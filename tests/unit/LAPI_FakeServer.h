@@ -23,6 +23,7 @@
 
 #include "LAPI_Msg.h"
 #include "TestClient.h"
+#include "ToolCommon.h"
 
 namespace lapifake {
 
@@ -69,21 +70,7 @@ inline bool ReadExact(int fd, void *buf, size_t n, int timeoutMs = 5000) {
     return true;
 }
 
-inline bool WriteAll(int fd, const void *buf, size_t n) {
-    const uint8_t *p = static_cast<const uint8_t *>(buf);
-    while (n > 0) {
-        ssize_t w = send(fd, p, n, MSG_NOSIGNAL);
-        if (w < 0 && errno == EINTR) {
-            continue;
-        }
-        if (w <= 0) {
-            return false;
-        }
-        p += w;
-        n -= static_cast<size_t>(w);
-    }
-    return true;
-}
+using toolcommon::WriteAll;
 
 inline bool WriteBytes(int fd, const Bytes &b) {
     return WriteAll(fd, b.data(), b.size());

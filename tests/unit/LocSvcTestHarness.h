@@ -152,7 +152,7 @@ class Harness {
         c.pClient = LAPI_SRV_CreateClient(pid, service, pSync);
         pSync->closeProc = LAPI_SRV_ProcClientCrash;
         pAsync->closeProc = LAPI_SRV_CloseFdops;
-        pAsync->pFdInfo = c.pClient;
+        LAPI_SRV_SetFdopsClient(pAsync, c.pClient);
         c.pClient->pAsyncFdops = pAsync;
         c.syncPeer = s[1];
         c.asyncPeer = a[1];
@@ -197,20 +197,56 @@ inline MsgHeader MakeHeader(uint16_t msgId, uint16_t msgLen, uint32_t pid = 4321
 
 /* Calls a handler with an exact-size heap copy, so that any read beyond the
  * message is caught by the address sanitizer. */
+/* The row of a client-message handler (null for a stand-in). */
+inline const LAPI_SRV_ApMsgRow *ApRowOf(int (*handler)(uint8_t *, Fdops *)) {
+    if (LAPI_SRV_unregisterRow.proc == handler) {
+        return &LAPI_SRV_unregisterRow;
+    }
+    if (LAPI_SRV_removeAllProximityRow.proc == handler) {
+        return &LAPI_SRV_removeAllProximityRow;
+    }
+    for (size_t i = 0; i < LAPI_SRV_apRequestRowCount; ++i) {
+        if (LAPI_SRV_apRequestRows[i].proc == handler) {
+            return &LAPI_SRV_apRequestRows[i];
+        }
+    }
+    return nullptr;
+}
+
+/* Runs a handler as the dispatcher does: through its row, which checks the
+ * identifier and the length first. */
 inline int CallHandler(int (*handler)(uint8_t *, Fdops *), const Bytes &msg, Fdops *pFdops) {
     uint8_t *p = static_cast<uint8_t *>(malloc(msg.size()));
     memcpy(p, msg.data(), msg.size());
-    int r = handler(p, pFdops);
+    const LAPI_SRV_ApMsgRow *pRow = ApRowOf(handler);
+    int r = pRow != nullptr ? LAPI_SRV_RunApMsgRow(pRow, p, pFdops) : handler(p, pFdops);
     free(p);
     return r;
 }
 
+/* Runs a BP procedure as the dispatcher does: through its row, which checks
+ * the identifier and the length first. */
 inline void CallBp(void (*proc)(uint8_t *, uint16_t), const Bytes &msg) {
     uint8_t *p = static_cast<uint8_t *>(malloc(msg.empty() ? 1 : msg.size()));
     if (!msg.empty()) {
         memcpy(p, msg.data(), msg.size());
     }
-    proc(p, static_cast<uint16_t>(msg.size()));
+    const LAPI_SRV_BpMsgRow *pRow = nullptr;
+    for (size_t i = 0; i < LAPI_SRV_bpLocationRowCount; ++i) {
+        if (LAPI_SRV_bpLocationRows[i].proc == proc) {
+            pRow = &LAPI_SRV_bpLocationRows[i];
+        }
+    }
+    for (size_t i = 0; i < LAPI_SRV_bpSocketRowCount; ++i) {
+        if (LAPI_SRV_bpSocketRows[i].proc == proc) {
+            pRow = &LAPI_SRV_bpSocketRows[i];
+        }
+    }
+    if (pRow != nullptr) {
+        LAPI_SRV_RunBpMsgRow(pRow, p, static_cast<uint16_t>(msg.size()));
+    } else {
+        proc(p, static_cast<uint16_t>(msg.size()));
+    }
     free(p);
 }
 

@@ -27,6 +27,7 @@
 #include "LAPI_SrvCli.h"
 #include "ServerFixture.h"
 #include "TestClient.h"
+#include "ToolCommon.h"
 
 namespace {
 
@@ -39,13 +40,8 @@ using lapitest::U32Body;
 constexpr uint32_t kPid = 4242;
 
 /* An error line of the server with exactly this message. */
-bool HasError(const std::string &text, const std::string &func, const std::string &msg) {
-    return text.find("\tLAPI Error SRV " + func + ": " + msg + "\n") != std::string::npos;
-}
-
-bool HasTrace(const std::string &text, const std::string &func, const std::string &msg) {
-    return text.find(", " + func + "()\tLAPI SRV : " + msg + "\n") != std::string::npos;
-}
+constexpr auto &HasError = toolcommon::HasErrorLine;
+constexpr auto &HasTrace = toolcommon::HasTraceLine;
 
 /* ------------------------------------------------------------------------ */
 /* A recording request handler                                               */
@@ -703,7 +699,9 @@ TEST_F(ApMsgProcTest, ProcUnregisterMsgRefusesAnotherMsgId) {
     Handshake(&sync, &async);
     Bytes msg = MakeMsg(LAPI_GET_STATUS_REQ, {}, kPid);
     StderrCapture cap;
-    EXPECT_EQ(-1, LAPI_SRV_ProcUnregisterMsg(msg.data(), OnlyClient()->pSyncFdops));
+    /* Reached through its row, as the dispatcher reaches it. */
+    EXPECT_EQ(-1,
+              LAPI_SRV_RunApMsgRow(&LAPI_SRV_unregisterRow, msg.data(), OnlyClient()->pSyncFdops));
     std::string err = cap.Stop();
     EXPECT_TRUE(
         HasError(err, "LAPI_SRV_ProcUnregisterMsg",

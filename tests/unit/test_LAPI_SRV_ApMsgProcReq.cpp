@@ -8,6 +8,7 @@
 
 #include "LAPI_SRV_LocationLog.h"
 #include "LocSvcTestHarness.h"
+#include "ToolCommon.h"
 
 using namespace locsvc;
 
@@ -961,9 +962,7 @@ TEST_F(ApMsgProcReq, ClientRemovedWithRunningRequestsAbortsEachOnce) {
 namespace {
 
 /* True when `text` holds the error line `msg` written by `func`. */
-bool HasErrorFrom(const std::string &text, const std::string &func, const std::string &msg) {
-    return text.find("\tLAPI Error SRV " + func + ": " + msg + "\n") != std::string::npos;
-}
+constexpr auto &HasErrorFrom = toolcommon::HasErrorLine;
 
 struct HandlerRow {
     const char *func;

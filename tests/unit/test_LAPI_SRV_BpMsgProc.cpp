@@ -1355,7 +1355,10 @@ TEST_F(BpLink, TraceOfUnknownIdentifier) {
 TEST_F(BpLink, LoggerGivenAnotherMessageRefusesIt) {
     lapitest::StderrCapture cap;
     Bytes msg = Msg(DB_WRITE_APBP_RES, 1, 1, Bytes(4, 0));
-    LAPI_LogBpAbortLocationRsp(msg.data(), static_cast<int>(msg.size()));
+    /* The logger reached through its entry of the trace table. */
+    BpMsgLogProc logger = LAPI_SRV_GetBpMsgLogProc(GEOLOCATION_ABORT_APBP_RES);
+    ASSERT_NE(nullptr, logger);
+    logger(msg.data(), static_cast<int>(msg.size()));
     std::vector<Diag> diags = ParseDiags(cap.Text());
     ASSERT_EQ(1u, diags.size());
     EXPECT_TRUE(diags[0].isError);

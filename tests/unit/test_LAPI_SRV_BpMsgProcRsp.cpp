@@ -9,6 +9,7 @@
 
 #include <cmath>
 
+#include "LAPI_Wire.h"
 #include "LocSvcTestHarness.h"
 
 using namespace locsvc;
@@ -1075,19 +1076,22 @@ TEST_F(BpMsgProcRsp, NotificationWithoutMtlrClientIsDroppedQuietly) {
 /* The bounded reader                                                        */
 /* ------------------------------------------------------------------------ */
 
-TEST(BpMsgProcRspReader, IncreasePtrAndCheckAllowsReachingTheEndExactly) {
+/* The parsers move through a message with LAPI_Reader: reaching the end
+ * exactly is allowed, passing it is refused and leaves the cursor alone. */
+TEST(BpMsgProcRspReader, SkipAllowsReachingTheEndExactly) {
     uint8_t buf[8] = {};
-    const uint8_t *p = buf;
-    EXPECT_EQ(0, LAPI_SRV_IncreasePtrAndCheck(&p, buf + 8, 8));
-    EXPECT_EQ(buf + 8, p);
-    EXPECT_EQ(0, LAPI_SRV_IncreasePtrAndCheck(&p, buf + 8, 0));
-    EXPECT_EQ(-1, LAPI_SRV_IncreasePtrAndCheck(&p, buf + 8, 1));
-    EXPECT_EQ(buf + 8, p);
-    p = buf + 3;
-    EXPECT_EQ(-1, LAPI_SRV_IncreasePtrAndCheck(&p, buf + 8, 6));
-    EXPECT_EQ(buf + 3, p);
-    EXPECT_EQ(-1, LAPI_SRV_IncreasePtrAndCheck(&p, buf + 8, -1));
-    EXPECT_EQ(-1, LAPI_SRV_IncreasePtrAndCheck(nullptr, buf + 8, 1));
+    LAPI_Reader r(buf, sizeof(buf));
+    EXPECT_EQ(0, r.Skip(8));
+    EXPECT_EQ(buf + 8, r.Pos());
+    EXPECT_EQ(0, r.Skip(0));
+    EXPECT_EQ(-1, r.Skip(1));
+    EXPECT_EQ(buf + 8, r.Pos());
+    LAPI_Reader mid(buf + 3, buf + 8);
+    EXPECT_EQ(-1, mid.Skip(6));
+    EXPECT_EQ(buf + 3, mid.Pos());
+    EXPECT_EQ(-1, mid.Skip(SIZE_MAX));
+    LAPI_Reader none(nullptr, 1);
+    EXPECT_EQ(-1, none.Skip(1));
 }
 
 TEST(BpMsgProcRspReader, EveryPrefixOfEveryMessageIsSafe) {

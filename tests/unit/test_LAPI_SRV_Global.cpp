@@ -597,7 +597,7 @@ TEST_F(FdopsTest, CloseFdopsOfRegisteredConnectionRemovesItsClient) {
     Client *pClient = LAPI_SRV_CreateClient(77, 4, pSync);
     ASSERT_NE(pClient, nullptr);
     pClient->pAsyncFdops = pAsync;
-    pAsync->pFdInfo = pClient;
+    LAPI_SRV_SetFdopsClient(pAsync, pClient);
 
     LAPI_SRV_CloseFdops(pAsync);
     EXPECT_TRUE(List_IsEmpty(&LAPI_SRV_allClientList));
@@ -1456,7 +1456,7 @@ class ClientTest : public CoreTest {
         Client *pClient = LAPI_SRV_CreateClient(pid, service, pSync);
         Fdops *pAsync = NewConnection();
         pClient->pAsyncFdops = pAsync;
-        pAsync->pFdInfo = pClient;
+        LAPI_SRV_SetFdopsClient(pAsync, pClient);
         return pClient;
     }
     std::vector<std::unique_ptr<SocketPair>> pairs_;

@@ -18,6 +18,7 @@
 #include "LAPI_SRV_LocationLog.h"
 #include "LAPI_SRV_Paths.h"
 #include "ServerFixture.h"
+#include "ToolCommon.h"
 #include "zelflex.h"
 
 namespace {
@@ -68,12 +69,8 @@ using lapitest::StderrCapture;
 using lapitest::TempRoot;
 
 /* Error and trace lines of this source, without the varying line number. */
-std::string ErrLine(const std::string &func, const std::string &msg) {
-    return "\tLAPI Error SRV " + func + ": " + msg + "\n";
-}
-std::string TraceLine(const std::string &func, const std::string &msg) {
-    return ", " + func + "()\tLAPI SRV : " + msg + "\n";
-}
+constexpr auto &ErrLine = toolcommon::ErrorLineText;
+constexpr auto &TraceLine = toolcommon::TraceLineText;
 
 bool Contains(const std::string &haystack, const std::string &needle) {
     return haystack.find(needle) != std::string::npos;

@@ -49,6 +49,116 @@ TEST(Reader, EveryProperPrefixOfAFieldFails) {
     }
 }
 
+/* One getter of the reader, applied to whatever the reader holds. */
+struct Getter {
+    const char *name;
+    size_t width; /* bytes of a whole field */
+    int (*get)(LAPI_Reader *pR);
+};
+
+const Getter kGetters[] = {
+    {"GetU8", 1,
+     [](LAPI_Reader *r) {
+         uint8_t v;
+         return r->GetU8(&v);
+     }},
+    {"PeekU8", 1,
+     [](LAPI_Reader *r) {
+         uint8_t v;
+         return r->PeekU8(&v);
+     }},
+    {"GetBe16", 2,
+     [](LAPI_Reader *r) {
+         uint16_t v;
+         return r->GetBe16(&v);
+     }},
+    {"GetBe32", 4,
+     [](LAPI_Reader *r) {
+         uint32_t v;
+         return r->GetBe32(&v);
+     }},
+    {"GetBeI32", 4,
+     [](LAPI_Reader *r) {
+         int32_t v;
+         return r->GetBeI32(&v);
+     }},
+    {"GetBe64", 8,
+     [](LAPI_Reader *r) {
+         uint64_t v;
+         return r->GetBe64(&v);
+     }},
+    {"GetHost16", 2,
+     [](LAPI_Reader *r) {
+         uint16_t v;
+         return r->GetHost16(&v);
+     }},
+    {"GetHost32", 4,
+     [](LAPI_Reader *r) {
+         uint32_t v;
+         return r->GetHost32(&v);
+     }},
+    {"GetBpFixed", 8,
+     [](LAPI_Reader *r) {
+         double v;
+         return r->GetBpFixed(&v);
+     }},
+    {"GetBytes", 5,
+     [](LAPI_Reader *r) {
+         uint8_t v[5];
+         return r->GetBytes(v, sizeof(v));
+     }},
+    {"GetSpan", 5,
+     [](LAPI_Reader *r) {
+         const uint8_t *v;
+         return r->GetSpan(&v, 5);
+     }},
+    {"Skip", 5, [](LAPI_Reader *r) { return r->Skip(5); }},
+    {"Sub", 5,
+     [](LAPI_Reader *r) {
+         LAPI_Reader v;
+         return r->Sub(5, &v);
+     }},
+};
+
+TEST(Reader, EveryGetterFailsOnEveryProperPrefixAndLeavesTheCursor) {
+    const uint8_t bytes[8] = {0x80, 0x81, 0x82, 0x83, 0x84, 0x85, 0x86, 0x87};
+    for (const Getter &g : kGetters) {
+        for (size_t n = 0; n < g.width; ++n) {
+            LAPI_Reader r(bytes, n);
+            EXPECT_EQ(-1, g.get(&r)) << g.name << " on " << n << " bytes";
+            EXPECT_EQ(n, r.Left()) << g.name;
+            EXPECT_EQ(bytes, r.Pos()) << g.name;
+        }
+        LAPI_Reader whole(bytes, g.width);
+        EXPECT_EQ(0, g.get(&whole)) << g.name;
+    }
+}
+
+TEST(Reader, DerLengthEveryProperPrefixFails) {
+    const uint8_t longForm[] = {0x82, 0x01, 0x00};
+    for (size_t n = 0; n < sizeof(longForm); ++n) {
+        LAPI_Reader r(longForm, n);
+        uint32_t length = 7;
+        int count = 0;
+        EXPECT_EQ(-1, r.GetDerLength(&length, &count)) << n;
+        EXPECT_EQ(7u, length);
+        EXPECT_EQ(n, r.Left());
+    }
+}
+
+/* The push decoder reads a header value length of 31 as a uintvar that
+ * starts at the 31 byte itself: one byte, value 31. */
+TEST(Reader, ThirtyOneReadAsUintvarIsOneByteOfValue31) {
+    const uint8_t bytes[] = {31, 0x85, 0x01};
+    LAPI_Reader r(bytes, sizeof(bytes));
+    uint32_t v = 0;
+    int count = 0;
+    ASSERT_EQ(0, r.GetUintvar(&v, &count));
+    EXPECT_EQ(31u, v);
+    EXPECT_EQ(1, count);
+    EXPECT_EQ(2u, r.Left());
+}
+
 TEST(Reader, UintvarTruncationEveryProperPrefixFails) {
     const uint8_t bytes[] = {0x81, 0x80, 0x80, 0x01};
     for (size_t n = 0; n < sizeof(bytes); ++n) {

@@ -23,6 +23,8 @@
 #include <fstream>
 #include <sstream>
 
+#include "ToolCommon.h"
+
 #ifndef CLOSE_RANGE_CLOEXEC
 #define CLOSE_RANGE_CLOEXEC (1U << 2)
 #endif
@@ -342,38 +344,11 @@ long PrivateDirtyKb(pid_t pid) {
 }
 
 int CountFds(pid_t pid) {
-    std::string path = "/proc/" + std::to_string(pid) + "/fd";
-    DIR *d = opendir(path.c_str());
-    if (d == nullptr) {
-        return -1;
-    }
-    int n = 0;
-    while (struct dirent *e = readdir(d)) {
-        if (e->d_name[0] != '.') {
-            ++n;
-        }
-    }
-    closedir(d);
-    return n;
+    return toolcommon::CountOpenFds(pid);
 }
 
 int FreeUdpPort() {
-    int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    if (fd < 0) {
-        return 0;
-    }
-    struct sockaddr_in a;
-    memset(&a, 0, sizeof(a));
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t len = sizeof(a);
-    int port = 0;
-    if (bind(fd, reinterpret_cast<struct sockaddr *>(&a), sizeof(a)) == 0 &&
-        getsockname(fd, reinterpret_cast<struct sockaddr *>(&a), &len) == 0) {
-        port = ntohs(a.sin_port);
-    }
-    close(fd);
-    return port;
+    return toolcommon::FreeUdpPort();
 }
 
 std::string MakeTempDir() {

@@ -17,6 +17,7 @@
 
 #include "LAPI_BpMsg.h"
 #include "LAPI_Msg.h"
+#include "ToolCommon.h"
 
 namespace bench {
 
@@ -69,23 +70,7 @@ void Fail(const char *what) {
  * (it never is: a client has one answer outstanding, or reads every
  * broadcast before the next). */
 int WriteAll(int fd, const uint8_t *p, size_t n) {
-    while (n > 0) {
-        ssize_t w = send(fd, p, n, MSG_NOSIGNAL);
-        if (w > 0) {
-            p += w;
-            n -= static_cast<size_t>(w);
-        } else if (w < 0 && errno == EINTR) {
-            continue;
-        } else if (w < 0 && errno == EAGAIN) {
-            struct pollfd pfd = {fd, POLLOUT, 0};
-            if (poll(&pfd, 1, 1000) <= 0) {
-                return -1;
-            }
-        } else {
-            return -1;
-        }
-    }
-    return 0;
+    return toolcommon::WriteAll(fd, p, n, 1000) ? 0 : -1;
 }
 
 /* Writes what the terminal takes now; -1 when it is broken. */
