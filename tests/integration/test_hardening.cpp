@@ -29,7 +29,10 @@ using lapitest::TempRoot;
 
 namespace {
 
-constexpr int kExitWithinMs = 1000;
+/* A hang or a crash is what these tests catch; the time a clean exit takes
+ * is the soak suite's figure. The bound leaves room for a sanitizer build on
+ * a loaded machine, where tearing down hundreds of clients takes seconds. */
+constexpr int kExitWithinMs = 5000;
 
 /* The server under test; another build's binary may be named for a check
  * against older code. */
