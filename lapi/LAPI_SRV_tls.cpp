@@ -332,16 +332,26 @@ int Connect2Server(const uint8_t *pIpv4, uint16_t port, SocketInfo *pSocketInfo)
     return fd;
 }
 
-void LAPI_SRV_WaitConnectRes(Fdops *pFdops) {
-    LAPI_SRV_TRACE("Enter LAPI_SRV_WaitConnectRes");
+/* The socket entry behind the descriptor a procedure was called for, with
+ * the lines of that procedure's prologue written in its own name; null
+ * (after the error line) when there is none. */
+static SocketInfo *SocketOfProc(Fdops *pFdops, const char *func, int line) {
     if (pFdops == nullptr) {
-        LAPI_SRV_ERR("pFdops is NULL!");
-        return;
+        LAPI_LogLine(1, 1, __FILE__, line, func, "pFdops is NULL!");
+        return nullptr;
     }
-    LAPI_SRV_TRACE("pFdops->fd is %d", pFdops->fd);
+    LAPI_LogLine(1, 0, __FILE__, line, func, "pFdops->fd is %d", pFdops->fd);
     SocketInfo *pSocketInfo = GetSocketInfoByFd(pFdops->fd);
     if (pSocketInfo == nullptr) {
-        LAPI_SRV_ERR("pSocketInfo is NULL!");
+        LAPI_LogLine(1, 1, __FILE__, line, func, "pSocketInfo is NULL!");
+    }
+    return pSocketInfo;
+}
+
+void LAPI_SRV_WaitConnectRes(Fdops *pFdops) {
+    LAPI_SRV_TRACE("Enter LAPI_SRV_WaitConnectRes");
+    SocketInfo *pSocketInfo = SocketOfProc(pFdops, __func__, __LINE__);
+    if (pSocketInfo == nullptr) {
         return;
     }
     if (pSocketInfo->fdStatus != LAPI_SRV_SOCK_CONNECTING) {
@@ -742,14 +752,8 @@ int LAPI_SRV_CreateTlsSession(uint8_t sessionId, uint8_t transactionId, uint32_t
 
 void LAPI_SRV_DoTlsHandshake(Fdops *pFdops) {
     LAPI_SRV_TRACE("Enter LAPI_SRV_DoTlsHandshake");
-    if (pFdops == nullptr) {
-        LAPI_SRV_ERR("pFdops is NULL!");
-        return;
-    }
-    LAPI_SRV_TRACE("pFdops->fd is %d", pFdops->fd);
-    SocketInfo *pSocketInfo = GetSocketInfoByFd(pFdops->fd);
+    SocketInfo *pSocketInfo = SocketOfProc(pFdops, __func__, __LINE__);
     if (pSocketInfo == nullptr) {
-        LAPI_SRV_ERR("pSocketInfo is NULL!");
         return;
     }
     LAPI_SRV_TRACE("pSocketInfo->fdStatus is %d", pSocketInfo->fdStatus);
