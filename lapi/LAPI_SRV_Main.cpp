@@ -306,10 +306,14 @@ void LAPI_SRV_InitSignal(void) {
 }
 
 void LAPI_SRV_SigHandler(int sig) {
+    /* What the loop gathered goes out before the handler's own line, and
+     * the handler's lines go out at once. */
+    LAPI_LogSignalEnter();
     switch (sig) {
         case SIGPIPE:
             /* The write that raised it reports its own failure. */
             LAPI_SRV_TRACE("\n\nLAPI SRV received signal: SIGPIPE!\n\n\n\n");
+            LAPI_LogSignalLeave();
             return;
         case SIGFPE:
             LAPI_SRV_TRACE("\n\nLAPI SRV received signal: SIGFPE!\n\n\n\n");
@@ -322,6 +326,7 @@ void LAPI_SRV_SigHandler(int sig) {
             break;
         default:
             LAPI_SRV_TRACE("\n\nLAPI SRV received signal: unknown %d!\n\n\n\n", sig);
+            LAPI_LogSignalLeave();
             return;
     }
     /* Status 0 after every fatal signal, SIGSEGV included. */
@@ -510,6 +515,8 @@ void LAPI_SRV_LoopOnce(void) {
     LAPI_SRV_loopNfds = nfds;
     LAPI_SRV_loopTimeout = timeout;
 
+    /* Gathered diagnostics go out before the loop may wait. */
+    LAPI_LogFlush();
     int n = select(nfds, &readSet, &writeSet, nullptr, &timeout);
     if (n > 0) {
         ListNode *pPos = List_GetHeadPos(&LAPI_SRV_readFdopsList);
@@ -570,6 +577,9 @@ int LAPI_SRV_ServerMain(void) {
         LAPI_SRV_ERR("Fail to pass LAPI_SRV_PidMutex()!");
         exit(1);
     }
+    /* After the fork of LAPI_SRV_PidMutex: a buffer filled before it would
+     * be written by both processes. */
+    LAPI_LogSetBuffered(1);
 
     if (LAPI_SRV_Init() < 0) {
         LAPI_SRV_RemovePid();
