@@ -17,6 +17,7 @@
 #include "LAPI_BpMsg.h"
 #include "LAPI_Log.h"
 #include "LAPI_SRV_Paths.h"
+#include "LAPI_LogFmt.h"
 #include "LAPI_SrvCli.h"
 
 /* ------------------------------------------------------------------------ */
@@ -328,8 +329,10 @@ double LAPI_SRV_BpFixedToDouble(const uint8_t *pIn) {
 #define LAPI_BP_LOG_LINE_SIZE 16384
 
 /* Trace and error lines that carry the logger's own name. */
-#define BP_LOG_TRACE(func, ...) LAPI_LogLine(1, 0, __FILE__, __LINE__, (func), __VA_ARGS__)
-#define BP_LOG_ERR(func, ...) LAPI_LogLine(1, 1, __FILE__, __LINE__, (func), __VA_ARGS__)
+#define BP_LOG_LINE(func, line)                                      \
+    LAPI_LogText(1, 0, LAPI_LOG_FILE, __LINE__, (func), (line).text, \
+                 static_cast<size_t>((line).len))
+#define BP_LOG_ERR(func, ...) LAPI_LogLine(1, 1, LAPI_LOG_FILE, __LINE__, (func), __VA_ARGS__)
 
 namespace {
 
@@ -351,20 +354,28 @@ struct BpLogCursor {
     int pos;
 };
 
-void AppendText(BpLogLine *pLine, const char *fmt, ...) __attribute__((format(printf, 2, 3)));
-
-void AppendText(BpLogLine *pLine, const char *fmt, ...) {
+/* Copies fixed text; cut (never written past) when the line is full. */
+void AppendStr(BpLogLine *pLine, const char *str, size_t n) {
     int room = LAPI_BP_LOG_LINE_SIZE - pLine->len;
     if (room <= 1) {
         return;
     }
-    va_list ap;
-    va_start(ap, fmt);
-    int n = vsnprintf(pLine->text + pLine->len, static_cast<size_t>(room), fmt, ap);
-    va_end(ap);
-    if (n > 0) {
-        pLine->len += n < room ? n : room - 1;
+    if (n > static_cast<size_t>(room - 1)) {
+        n = static_cast<size_t>(room - 1);
     }
+    memcpy(pLine->text + pLine->len, str, n);
+    pLine->len += static_cast<int>(n);
+    pLine->text[pLine->len] = '\0';
+}
+
+void AppendStr(BpLogLine *pLine, const char *str) {
+    AppendStr(pLine, str, strlen(str));
+}
+
+/* "%d" */
+void AppendInt(BpLogLine *pLine, int value) {
+    char num[lapi_fmt::kNumRoom];
+    AppendStr(pLine, num, static_cast<size_t>(lapi_fmt::Int(num, value) - num));
 }
 
 /* "0x" + two digits per byte in wire order + ", ". An empty field (no NMEA
@@ -393,7 +404,7 @@ bool LogField(BpLogLine *pLine, BpLogCursor *pCur, const char *label, int width)
     if (width < 0 || width > pCur->length - pCur->pos) {
         return false;
     }
-    AppendText(pLine, "%s", label);
+    AppendStr(pLine, label);
     AppendHex(pLine, pCur->pMsg + pCur->pos, width);
     pCur->pos += width;
     return true;
@@ -425,7 +436,7 @@ bool BeginLine(BpLogLine *pLine, BpLogCursor *pCur, const uint8_t *pMsg, int len
         BP_LOG_ERR(func, "pMsgHeader->subCmdId : 0x%02x is not expected!", pMsg[0]);
         return false;
     }
-    AppendText(pLine, "%s", title);
+    AppendStr(pLine, title);
     if (length >= LAPI_BP_MSG_HEADER_LEN) {
         pLine->len += LAPI_LogBpMsgHeader(pMsg, pLine->text + pLine->len);
         pCur->pos = LAPI_BP_MSG_HEADER_LEN;
@@ -444,7 +455,7 @@ void LogFixedMsg(const uint8_t *pMsg, int length, uint8_t subCmdId, const char *
         return;
     }
     LogFields(&line, &cur, pFields, count);
-    BP_LOG_TRACE(func, "%s", line.text);
+    BP_LOG_LINE(func, line);
 }
 
 /* DB_WRITE_APBP_REQ and DB_READ_APBP_RES: numFiles, then per file its head
@@ -459,10 +470,14 @@ void LogDbFilesMsg(const uint8_t *pMsg, int length, uint8_t subCmdId, const char
     if (cur.length - cur.pos >= 2) {
         int numFiles = LAPI_BpGetU16(pMsg + cur.pos);
         cur.pos += 2;
-        AppendText(&line, "numFiles: %d, ", numFiles);
+        AppendStr(&line, "numFiles: ");
+        AppendInt(&line, numFiles);
+        AppendStr(&line, ", ");
         for (int i = 0; i < numFiles && cur.length - cur.pos >= LAPI_BP_DB_FILE_HEAD_LEN; ++i) {
             int fileLen = LAPI_BpGetU16(pMsg + cur.pos + 4);
-            AppendText(&line, "dbFile[%d]: ", i);
+            AppendStr(&line, "dbFile[");
+            AppendInt(&line, i);
+            AppendStr(&line, "]: ");
             LogField(&line, &cur, "fileId: ", 4);
             LogField(&line, &cur, "length: ", 2);
             if (!LogField(&line, &cur, "data: ", fileLen)) {
@@ -470,7 +485,7 @@ void LogDbFilesMsg(const uint8_t *pMsg, int length, uint8_t subCmdId, const char
             }
         }
     }
-    BP_LOG_TRACE(func, "%s", line.text);
+    BP_LOG_LINE(func, line);
 }
 
 const BpLogField kGetLocationReqFields[] = {
@@ -551,10 +566,17 @@ int LAPI_LogBpMsgHeader(const void *pMsgHeader, char *pBuf) {
         return 0;
     }
     const BpMsgHeader *pHeader = static_cast<const BpMsgHeader *>(pMsgHeader);
-    /* At most 59 characters: the callers keep that much room. */
-    int n = sprintf(pBuf, "subCmdId: 0x%02x, sessionId: %d, transactionId: %d, ", pHeader->subCmdId,
-                    pHeader->sessionId, pHeader->transactionId);
-    return n > 0 ? n : 0;
+    /* "subCmdId: 0x%02x, sessionId: %d, transactionId: %d, ": at most 59
+     * characters, the callers keep that much room. */
+    char *out = pBuf;
+    memcpy(out, "subCmdId: 0x", 12);
+    out = lapi_fmt::Hex(out + 12, &pHeader->subCmdId, 1);
+    memcpy(out, ", sessionId: ", 13);
+    out = lapi_fmt::Int(out + 13, pHeader->sessionId);
+    memcpy(out, ", transactionId: ", 17);
+    out = lapi_fmt::Int(out + 17, pHeader->transactionId);
+    memcpy(out, ", ", 3); /* with the terminator */
+    return static_cast<int>(out + 2 - pBuf);
 }
 
 void LAPI_LogBpMsg(const void *pMsg, int length) {
@@ -603,11 +625,23 @@ void LAPI_LogBpGetLocationRsp(const uint8_t *pMsg, int length) {
         /* Only the NMEA bytes that the message really holds. */
         int shown = nmeaLen < cur.length - cur.pos ? nmeaLen : cur.length - cur.pos;
         LogField(&line, &cur, "nmeaData: ", shown);
-        printf("\n %s, %s, data_len:%d\n", LAPI_LogBaseName(__FILE__), __func__, line.len);
+        /* Standard output keeps its place among the diagnostic lines. */
+        LAPI_LogFlush();
+        /* "\n %s, %s, data_len:%d\n": both names are short. */
+        char plain[256];
+        char *end = plain;
+        for (const char *part : {"\n ", LAPI_LOG_FILE, ", ", __func__, ", data_len:"}) {
+            size_t n = strlen(part);
+            memcpy(end, part, n);
+            end += n;
+        }
+        end = lapi_fmt::Int(end, line.len);
+        *end++ = '\n';
+        fwrite(plain, 1, static_cast<size_t>(end - plain), stdout);
         fflush(stdout);
-        AppendText(&line, "nmea end\n");
+        AppendStr(&line, "nmea end\n");
     }
-    BP_LOG_TRACE(__func__, "%s", line.text);
+    BP_LOG_LINE(__func__, line);
 }
 
 void LAPI_LogBpAbortLocationReq(const uint8_t *pMsg, int length) {
@@ -677,7 +711,7 @@ void LAPI_LogBpLocationNotificationInd(const uint8_t *pMsg, int length) {
             }
         }
     }
-    BP_LOG_TRACE(__func__, "%s", line.text);
+    BP_LOG_LINE(__func__, line);
 }
 
 void LAPI_LogBpLocationNotificationRsp(const uint8_t *pMsg, int length) {
@@ -744,7 +778,7 @@ void LAPI_LogBpProximityHitInd(const uint8_t *pMsg, int length) {
     if (LogFields(&line, &cur, BP_FIELDS(kPositionFields))) {
         LogFields(&line, &cur, BP_FIELDS(kProximityHitTailFields));
     }
-    BP_LOG_TRACE(__func__, "%s", line.text);
+    BP_LOG_LINE(__func__, line);
 }
 
 void LAPI_SRV_InitBpMsgLogProc(void) {
