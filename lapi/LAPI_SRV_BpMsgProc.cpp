@@ -14,6 +14,8 @@
 #include <string.h>
 #include <unistd.h>
 
+#include <string>
+
 #include "LAPI_BpMsg.h"
 #include "LAPI_Log.h"
 #include "LAPI_SRV_Paths.h"
@@ -343,8 +345,11 @@ struct BpLogLine {
 
 /* One field of a fixed layout: its label and its width on the wire. */
 struct BpLogField {
+    constexpr BpLogField(const char *pLabel, int fieldWidth)
+        : label(pLabel), width(fieldWidth), labelLen(std::char_traits<char>::length(pLabel)) {}
     const char *label;
     int width;
+    size_t labelLen;
 };
 
 /* The message being traced and the position of the next field in it. */
@@ -400,6 +405,16 @@ void AppendHex(BpLogLine *pLine, const uint8_t *pData, int width) {
 
 /* Appends label and value of the next field; false when the message ends
  * before the field does. */
+bool LogField(BpLogLine *pLine, BpLogCursor *pCur, const char *label, size_t labelLen, int width) {
+    if (width < 0 || width > pCur->length - pCur->pos) {
+        return false;
+    }
+    AppendStr(pLine, label, labelLen);
+    AppendHex(pLine, pCur->pMsg + pCur->pos, width);
+    pCur->pos += width;
+    return true;
+}
+
 bool LogField(BpLogLine *pLine, BpLogCursor *pCur, const char *label, int width) {
     if (width < 0 || width > pCur->length - pCur->pos) {
         return false;
@@ -412,7 +427,7 @@ bool LogField(BpLogLine *pLine, BpLogCursor *pCur, const char *label, int width)
 
 bool LogFields(BpLogLine *pLine, BpLogCursor *pCur, const BpLogField *pFields, size_t count) {
     for (size_t i = 0; i < count; ++i) {
-        if (!LogField(pLine, pCur, pFields[i].label, pFields[i].width)) {
+        if (!LogField(pLine, pCur, pFields[i].label, pFields[i].labelLen, pFields[i].width)) {
             return false;
         }
     }

@@ -268,23 +268,38 @@ struct PrefixSlot {
     int side;
     int isError;
     int len; /* 0: empty slot */
-    char text[112];
+    char text[96];
 };
-constexpr size_t kPrefixSlots = 64;
+constexpr size_t kPrefixSlots = 64; /* a power of two */
 PrefixSlot gPrefix[kPrefixSlots];
 
-/* The call site's prefix, from the slots; null when it must be built. */
+/* The call site's prefix, from the slots; null when it must be built.
+ * Two slots may hold a site (its own and the next), so that two busy sites
+ * with the same index do not keep replacing each other. */
+bool SlotHolds(const PrefixSlot &slot, const Head &h) {
+    return slot.len > 0 && slot.line == h.line && slot.func == h.func && slot.file == h.file &&
+           slot.side == h.side && slot.isError == h.isError;
+}
+
 const PrefixSlot *CachedPrefix(const Head &h) {
     if (gInSignal != 0) {
         return nullptr;
     }
-    size_t i = (static_cast<size_t>(h.line) * 31u + (reinterpret_cast<uintptr_t>(h.func) >> 3)) %
-               kPrefixSlots;
-    PrefixSlot &slot = gPrefix[i];
-    if (slot.len > 0 && slot.line == h.line && slot.func == h.func && slot.file == h.file &&
-        slot.side == h.side && slot.isError == h.isError) {
-        return &slot;
+    static unsigned turn = 0;
+    uint64_t key = static_cast<uint64_t>(reinterpret_cast<uintptr_t>(h.func)) ^
+                   (static_cast<uint64_t>(h.line) << 20);
+    size_t i = static_cast<size_t>((key * 0x9E3779B97F4A7C15ULL) >> 58) & (kPrefixSlots - 1);
+    size_t j = (i + 1) & (kPrefixSlots - 1);
+    if (SlotHolds(gPrefix[i], h)) {
+        return &gPrefix[i];
     }
+    if (SlotHolds(gPrefix[j], h)) {
+        return &gPrefix[j];
+    }
+    PrefixSlot &slot = gPrefix[gPrefix[i].len == 0   ? i
+                               : gPrefix[j].len == 0 ? j
+                               : (++turn & 1)        ? i
+                                                     : j];
     Out o{slot.text, slot.text + sizeof(slot.text), 0};
     PutPrefix(&o, h.side, h.isError, h.file, h.line, h.func);
     if (o.total > sizeof(slot.text)) {
@@ -449,6 +464,46 @@ extern "C" void LAPI_LogText(int side, int isError, const char *file, int line, 
     body.plain = text;
     body.plainLen = length;
     Emit(side, isError, file, line, func, body);
+    errno = savedErrno;
+}
+
+extern "C" size_t LAPI_LogBuildLine(int side, int isError, const char *file, int line,
+                                    const char *func, const char *text, size_t length, char *dst,
+                                    size_t room) {
+    Body body;
+    body.fmt = nullptr;
+    body.pAp = nullptr;
+    body.plain = text;
+    body.plainLen = length;
+    size_t total = BuildLine(Head{side, isError, file, line, func}, body, dst, room);
+    return total <= room ? total : 0;
+}
+
+extern "C" void LAPI_LogPutLine(int isError, const char *line, size_t length) {
+    if ((!isError && !LAPI_traceEnabled) || length == 0) {
+        return;
+    }
+    int savedErrno = errno;
+    ++LAPI_logLineCount;
+    if (!gBuffered || gInSignal != 0) {
+        LAPI_LogWriteChunk(line, length);
+        errno = savedErrno;
+        return;
+    }
+    gState = kAppending;
+    size_t len = gLen;
+    if (length > gCap - len) {
+        FlushGathered();
+        len = 0;
+    }
+    if (length <= gCap) {
+        gState = kAppending;
+        memcpy(gChunk + len, line, length);
+        gLen = len + length;
+    } else {
+        LAPI_LogWriteChunk(line, length);
+    }
+    gState = kIdle;
     errno = savedErrno;
 }
 

@@ -36,6 +36,14 @@ void LAPI_LogLine(int side, int isError, const char *file, int line, const char 
 void LAPI_LogText(int side, int isError, const char *file, int line, const char *func,
                   const char *text, size_t length);
 
+/* A whole line ready to write: LAPI_LogBuildLine makes it (prefix, text,
+ * '\n') into dst and returns its length, or 0 when it needs more than room
+ * bytes; LAPI_LogPutLine writes such a line as the other lines are written.
+ * For a line that is written many times over (a broadcast's trace). */
+size_t LAPI_LogBuildLine(int side, int isError, const char *file, int line, const char *func,
+                         const char *text, size_t length, char *dst, size_t room);
+void LAPI_LogPutLine(int isError, const char *line, size_t length);
+
 /* Turns the chunk buffer on (1) or off (0, after flushing it). Off by
  * default: the client library and the tools write each line at once. */
 void LAPI_LogSetBuffered(int on);

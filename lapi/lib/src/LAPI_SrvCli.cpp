@@ -101,9 +101,31 @@ void AppendUInt(LogText *pText, unsigned value) {
     AppendNum(pText, lapi_fmt::UInt, value);
 }
 
-/* "%.30e" */
+/* "%.30e". A fix's reals repeat from report to report (accuracies, speed,
+ * course, a position that does not move): the text of the last few values
+ * is kept, indexed by their bits. */
 void AppendDouble(LogText *pText, double value) {
-    AppendNum(pText, lapi_fmt::Sci30, value);
+    struct Kept {
+        uint64_t bits;
+        uint8_t len; /* 0: empty */
+        char text[lapi_fmt::kNumRoom - 1];
+    };
+    static Kept kept[32];
+    uint64_t bits;
+    memcpy(&bits, &value, sizeof(bits));
+    Kept &k = kept[(bits * 0x9E3779B97F4A7C15ULL) >> 59];
+    if (k.len == 0 || k.bits != bits) {
+        char num[lapi_fmt::kNumRoom];
+        size_t n = static_cast<size_t>(lapi_fmt::Sci30(num, value) - num);
+        if (n > sizeof(k.text)) {
+            AppendStr(pText, num, n);
+            return;
+        }
+        memcpy(k.text, num, n);
+        k.bits = bits;
+        k.len = static_cast<uint8_t>(n);
+    }
+    AppendStr(pText, k.text, k.len);
 }
 
 /* The raw bytes of a field in hex. A zero length goes to LAPI_FormatHexStr
@@ -146,20 +168,17 @@ struct ApTraceMemo {
     uint8_t side;
     int length;
     uint8_t msg[LAPI_LOG_MSG_MAX_LEN];
-    const char *func;
-    int line;
-    int textLen;
-    char text[kLogLineSize];
+    int lineLen; /* the whole line, prefix to '\n' */
+    char line[kLogLineSize + 256];
 };
 ApTraceMemo gMemo;
 
 /* Writes the traced text as one trace line of the procedure. */
 int Emit(const LogText &text, uint8_t side, const char *func, int line) {
-    if (gMemo.capturing && text.len >= 0 && text.len < kLogLineSize) {
-        memcpy(gMemo.text, text.buf, static_cast<size_t>(text.len));
-        gMemo.textLen = text.len;
-        gMemo.func = func;
-        gMemo.line = line;
+    if (gMemo.capturing && text.len >= 0) {
+        gMemo.lineLen = static_cast<int>(LAPI_LogBuildLine(side, 0, LAPI_LOG_FILE, line, func,
+                                                           text.buf, static_cast<size_t>(text.len),
+                                                           gMemo.line, sizeof(gMemo.line)));
     }
     LAPI_LogText(side, 0, LAPI_LOG_FILE, line, func, text.buf, static_cast<size_t>(text.len));
     return text.len;
@@ -738,8 +757,7 @@ void LAPI_LogApMsg(const void *pBuf, int length, uint8_t side) {
     if (gMemo.on && gMemo.valid && gMemo.side == side && gMemo.length == length &&
         memcmp(gMemo.msg, pIn, static_cast<size_t>(length)) == 0) {
         /* The same message as the previous recipient's: the same line. */
-        LAPI_LogText(side, 0, LAPI_LOG_FILE, gMemo.line, gMemo.func, gMemo.text,
-                     static_cast<size_t>(gMemo.textLen));
+        LAPI_LogPutLine(0, gMemo.line, static_cast<size_t>(gMemo.lineLen));
         return;
     }
 
@@ -776,12 +794,12 @@ void LAPI_LogApMsg(const void *pBuf, int length, uint8_t side) {
     }
     unsigned long linesBefore = LAPI_logLineCount;
     gMemo.valid = false;
-    gMemo.textLen = -1;
+    gMemo.lineLen = 0;
     gMemo.sideEffect = false;
     gMemo.capturing = true;
     proc(buf, side);
     gMemo.capturing = false;
-    if (gMemo.textLen >= 0 && !gMemo.sideEffect && LAPI_logLineCount == linesBefore + 1) {
+    if (gMemo.lineLen > 0 && !gMemo.sideEffect && LAPI_logLineCount == linesBefore + 1) {
         memcpy(gMemo.msg, pIn, static_cast<size_t>(length));
         gMemo.length = length;
         gMemo.side = side;
