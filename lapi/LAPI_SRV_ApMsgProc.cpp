@@ -299,7 +299,7 @@ int LAPI_SRV_ProcGetAsyncFdMsg(uint8_t *pMsg, Fdops *pFdops) {
         return -1;
     }
     pClient->pAsyncFdops = pFdops;
-    pFdops->pFdInfo = pClient;
+    LAPI_SRV_SetFdopsClient(pFdops, pClient);
     pClient->pid = h.pid;
 
     /* Until the BP channel has been opened once, every completed handshake

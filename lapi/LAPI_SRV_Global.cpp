@@ -228,6 +228,50 @@ void *FreeFdops(Fdops *pFdops) {
     return pFdInfo;
 }
 
+Fdops *LAPI_SRV_NewFdops(int fd, int rbufSize, int wbufSize, FdopsProc readProc,
+                         FdopsProc writeProc, FdopsProc closeProc) {
+    Fdops *pFdops = CreateFdops(fd, rbufSize, wbufSize);
+    if (pFdops == nullptr) {
+        return nullptr;
+    }
+    LAPI_SRV_SetFdopsProcs(pFdops, readProc, writeProc, closeProc);
+    if (readProc != nullptr) {
+        LAPI_SRV_AddFdopsReadList(pFdops);
+    }
+    return pFdops;
+}
+
+void LAPI_SRV_SetFdopsProcs(Fdops *pFdops, FdopsProc readProc, FdopsProc writeProc,
+                            FdopsProc closeProc) {
+    pFdops->readProc = readProc;
+    pFdops->writeProc = writeProc;
+    pFdops->closeProc = closeProc;
+}
+
+Client *LAPI_SRV_FdopsClient(const Fdops *pFdops) {
+    if (pFdops == nullptr || pFdops->fdInfoKind != LAPI_FDINFO_CLIENT) {
+        return nullptr;
+    }
+    return static_cast<Client *>(pFdops->pFdInfo);
+}
+
+SocketInfo *LAPI_SRV_FdopsSocket(const Fdops *pFdops) {
+    if (pFdops == nullptr || pFdops->fdInfoKind != LAPI_FDINFO_SOCKET) {
+        return nullptr;
+    }
+    return static_cast<SocketInfo *>(pFdops->pFdInfo);
+}
+
+void LAPI_SRV_SetFdopsClient(Fdops *pFdops, Client *pClient) {
+    pFdops->pFdInfo = pClient;
+    pFdops->fdInfoKind = pClient != nullptr ? LAPI_FDINFO_CLIENT : LAPI_FDINFO_NONE;
+}
+
+void LAPI_SRV_SetFdopsSocket(Fdops *pFdops, SocketInfo *pSocketInfo) {
+    pFdops->pFdInfo = pSocketInfo;
+    pFdops->fdInfoKind = pSocketInfo != nullptr ? LAPI_FDINFO_SOCKET : LAPI_FDINFO_NONE;
+}
+
 static bool FdInSetRange(int fd) {
     return fd >= 0 && fd < FD_SETSIZE;
 }
@@ -778,7 +822,7 @@ Client *LAPI_SRV_CreateClient(uint32_t pid, uint32_t service, Fdops *pFdops) {
         free(pClient);
         return nullptr;
     }
-    pFdops->pFdInfo = pClient;
+    LAPI_SRV_SetFdopsClient(pFdops, pClient);
     return pClient;
 }
 

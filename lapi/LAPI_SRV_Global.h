@@ -52,6 +52,13 @@ struct FdBuf {
 struct Fdops;
 typedef void (*FdopsProc)(Fdops *pFdops);
 
+/* What pFdInfo points at, so that no procedure can take one for the other. */
+enum FdInfoKind : uint8_t {
+    LAPI_FDINFO_NONE = 0,
+    LAPI_FDINFO_CLIENT = 1,
+    LAPI_FDINFO_SOCKET = 2,
+};
+
 struct Fdops {
     int fd;
     FdBuf rbuf;
@@ -59,8 +66,12 @@ struct Fdops {
     FdopsProc readProc;
     FdopsProc writeProc;
     FdopsProc closeProc;
-    void *pFdInfo; /* its Client, its SocketInfo, or null */
+    void *pFdInfo;         /* its Client, its SocketInfo, or null */
+    FdInfoKind fdInfoKind; /* which of the three pFdInfo is */
 };
+
+struct Client;
+struct SocketInfo;
 
 /* Buffer sizes of the descriptors that the core creates. */
 enum {
@@ -98,6 +109,24 @@ void LAPI_SRV_ClearWriteListChanged(void);
 uint8_t LAPI_SRV_IsReadListChanged(void);
 uint8_t LAPI_SRV_IsWriteListChanged(void);
 void *DestroyFdops(Fdops *pFdops);
+
+/* Lifecycle helpers: every watched descriptor is made and switched through
+ * these, never wired by hand.
+ *
+ * LAPI_SRV_NewFdops makes an Fdops for fd with buffers of the given sizes
+ * (0: none) and its three procedures, and puts it on the read list when
+ * readProc is set. Null when it cannot be made; fd is then still open and
+ * still the caller's. */
+Fdops *LAPI_SRV_NewFdops(int fd, int rbufSize, int wbufSize, FdopsProc readProc,
+                         FdopsProc writeProc, FdopsProc closeProc);
+/* Switches the three procedures together on a change of state. */
+void LAPI_SRV_SetFdopsProcs(Fdops *pFdops, FdopsProc readProc, FdopsProc writeProc,
+                            FdopsProc closeProc);
+/* Typed access to pFdInfo: null unless it holds that kind. */
+Client *LAPI_SRV_FdopsClient(const Fdops *pFdops);
+SocketInfo *LAPI_SRV_FdopsSocket(const Fdops *pFdops);
+void LAPI_SRV_SetFdopsClient(Fdops *pFdops, Client *pClient);
+void LAPI_SRV_SetFdopsSocket(Fdops *pFdops, SocketInfo *pSocketInfo);
 void LAPI_SRV_CloseFdops(Fdops *pFdops);
 void CloseFd(int fd);
 int SetFdBlocking(int fd, bool blocking);
