@@ -219,6 +219,11 @@ struct Row {
 }  // namespace
 
 int RunCountMode(const ProfileOptions &o, CountTool tool) {
+    std::string host = o.binDir + "/lapi_srv_host";
+    if (access(host.c_str(), X_OK) != 0) {
+        fprintf(stderr, "lapi_bench: no lapi_srv_host at %s (use --bin-dir DIR)\n", host.c_str());
+        return 1;
+    }
     const char *toolName = tool == CountTool::Callgrind ? "valgrind" : "strace";
     std::string toolPath = FindInPath(toolName);
     if (toolPath.empty()) {
