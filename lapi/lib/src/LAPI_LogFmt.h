@@ -9,6 +9,7 @@
 
 #include <stddef.h>
 #include <stdint.h>
+#include <stdio.h>
 #include <string.h>
 
 #include <array>
@@ -49,8 +50,16 @@ inline char *Sci30Exact(char *p, double v) {
     memcpy(&bits, &v, sizeof(bits));
     int biased = static_cast<int>((bits >> 52) & 0x7ff);
     uint64_t m = bits & ((uint64_t{1} << 52) - 1);
-    if (biased == 0x7ff || (biased == 0 && m == 0)) {
-        return nullptr; /* inf, nan, zero: left to the general path */
+    if (biased == 0x7ff) {
+        return nullptr; /* inf, nan: left to the general path */
+    }
+    if (biased == 0 && m == 0) {
+        static constexpr char kZero[] = "0.000000000000000000000000000000e+00";
+        if (bits >> 63) {
+            *p++ = '-';
+        }
+        memcpy(p, kZero, sizeof(kZero) - 1);
+        return p + sizeof(kZero) - 1;
     }
     int e = biased == 0 ? -1074 : biased - 1075;
     if (biased != 0) {
@@ -59,37 +68,55 @@ inline char *Sci30Exact(char *p, double v) {
     int tz = __builtin_ctzll(m);
     m >>= tz;
     e += tz;
-    /* v = m * 2^e = D / 10^scale with D = m * 5^-e (e < 0) or m * 2^e. */
-    unsigned __int128 d;
+    /* v = m * 2^e = D / 10^scale with D = m * 5^-e (e < 0) or m * 2^e. D
+     * is worked in limbs of nine digits, with 64-bit products only (no
+     * 128-bit division, which would need the compiler's support library). */
+    char digits[48];
+    char *end;
     int scale = 0;
     if (e >= 0) {
-        if (e > 127 - 53) {
+        if (e >= 64 || (m >> (63 - e)) != 0) {
             return nullptr;
         }
-        d = static_cast<unsigned __int128>(m) << e;
+        end = std::to_chars(digits, digits + sizeof(digits), m << e).ptr;
     } else {
         if (e < -27) {
             return nullptr; /* 5^27 is the last power of 5 below 2^63 */
         }
-        d = static_cast<unsigned __int128>(m) * kPow5[-e]; /* < 2^53 * 2^63 */
         scale = -e;
-    }
-    /* The decimal digits of D. */
-    char digits[48];
-    char *end;
-    constexpr uint64_t kTen19 = 10000000000000000000ULL;
-    if (d <= UINT64_MAX) {
-        end = std::to_chars(digits, digits + sizeof(digits), static_cast<uint64_t>(d)).ptr;
-    } else {
-        uint64_t hi = static_cast<uint64_t>(d / kTen19);
-        uint64_t lo = static_cast<uint64_t>(d % kTen19);
-        end = std::to_chars(digits, digits + sizeof(digits), hi).ptr;
-        char low[20];
-        char *lowEnd = std::to_chars(low, low + sizeof(low), lo).ptr;
-        size_t lowLen = static_cast<size_t>(lowEnd - low);
-        memset(end, '0', 19 - lowLen);
-        memcpy(end + (19 - lowLen), low, lowLen);
-        end += 19;
+        constexpr uint64_t kBillion = 1000000000;
+        uint64_t f = kPow5[static_cast<size_t>(scale)];
+        uint64_t m1 = m / kBillion; /* < 2^53 / 10^9 */
+        uint64_t m0 = m % kBillion;
+        uint64_t f1 = f / kBillion; /* < 2^63 / 10^9 */
+        uint64_t f0 = f % kBillion;
+        uint64_t low = m0 * f0;           /* < 10^18 */
+        uint64_t mid = m1 * f0 + m0 * f1; /* < 9.1e15 + 9.3e18 */
+        mid += low / kBillion;
+        uint64_t high = m1 * f1 + mid / kBillion; /* < 8.5e16 */
+        uint32_t limb1 = static_cast<uint32_t>(mid % kBillion);
+        uint32_t limb0 = static_cast<uint32_t>(low % kBillion);
+        end = digits;
+        if (high != 0) {
+            end = std::to_chars(digits, digits + 20, high).ptr;
+        }
+        const uint32_t limbs[2] = {limb1, limb0};
+        for (int i = 0; i < 2; ++i) {
+            uint32_t limb = limbs[i];
+            if (end == digits) {
+                /* No digit yet: no leading zeros (D is never 0). */
+                if (limb != 0 || i == 1) {
+                    end = std::to_chars(digits, digits + 10, limb).ptr;
+                }
+                continue;
+            }
+            char nine[10];
+            char *nineEnd = std::to_chars(nine, nine + sizeof(nine), limb).ptr;
+            size_t n = static_cast<size_t>(nineEnd - nine);
+            memset(end, '0', 9 - n);
+            memcpy(end + (9 - n), nine, n);
+            end += 9;
+        }
     }
     int len = static_cast<int>(end - digits);
     if (len > 31) {
@@ -113,13 +140,17 @@ inline char *Sci30Exact(char *p, double v) {
     return std::to_chars(p, p + 4, a).ptr;
 }
 
-/* "%.30e" */
+/* "%.30e". What the exact path does not take (reals that need rounding,
+ * inf, nan) goes to snprintf itself: the double overload of to_chars would
+ * bring the whole shared C++ library into the server, some 100 kB of
+ * private memory, for values the BP never sends. */
 inline char *Sci30(char *p, double v) {
     char *end = Sci30Exact(p, v);
     if (end != nullptr) {
         return end;
     }
-    return std::to_chars(p, p + kNumRoom, v, std::chars_format::scientific, 30).ptr;
+    int n = snprintf(p, kNumRoom, "%.30e", v);
+    return p + (n > 0 ? (static_cast<size_t>(n) < kNumRoom ? n : kNumRoom - 1) : 0);
 }
 
 /* Two lower-case hexadecimal digits for every byte value. */
