@@ -12,6 +12,7 @@
 
 #include <stdint.h>
 
+#include <atomic>
 #include <charconv>
 
 int LAPI_traceEnabled = 1;
@@ -387,6 +388,8 @@ void Gather(const Head &pre, const Body &body) {
         return;
     }
     if (total <= gCap - len) {
+        /* The line's bytes are in place before it counts as written. */
+        std::atomic_signal_fence(std::memory_order_seq_cst);
         gLen = len + total;
         gState = kIdle;
         return;
@@ -395,6 +398,7 @@ void Gather(const Head &pre, const Body &body) {
     if (total <= gCap) {
         gState = kAppending;
         BuildLine(pre, body, gChunk, gCap);
+        std::atomic_signal_fence(std::memory_order_seq_cst);
         gLen = total;
     } else {
         WriteAlone(pre, body);
@@ -499,6 +503,7 @@ extern "C" void LAPI_LogPutLine(int isError, const char *line, size_t length) {
     if (length <= gCap) {
         gState = kAppending;
         memcpy(gChunk + len, line, length);
+        std::atomic_signal_fence(std::memory_order_seq_cst);
         gLen = len + length;
     } else {
         LAPI_LogWriteChunk(line, length);

@@ -12,6 +12,8 @@
 
 #include "LAPI_LogFmt.h"
 
+#include <atomic>
+
 #include <stddef.h>
 #include <stdio.h>
 #include <string.h>
@@ -121,8 +123,11 @@ void AppendDouble(LogText *pText, double value) {
             AppendStr(pText, num, n);
             return;
         }
+        k.len = 0; /* emptied first, as the hex dump's */
+        std::atomic_signal_fence(std::memory_order_seq_cst);
         memcpy(k.text, num, n);
         k.bits = bits;
+        std::atomic_signal_fence(std::memory_order_seq_cst);
         k.len = static_cast<uint8_t>(n);
     }
     AppendStr(pText, k.text, k.len);
@@ -273,8 +278,13 @@ void LAPI_DebugHex(const void *pData, int length, uint8_t side) {
         int n = Min(length, kDebugHexBytesPerLine);
         bool same = last.length == n && memcmp(last.bytes, p, static_cast<size_t>(n)) == 0;
         if (!same) {
+            /* Emptied first: a signal handler that dumps a frame meanwhile
+             * formats its own. */
+            last.length = 0;
+            std::atomic_signal_fence(std::memory_order_seq_cst);
             lapi_fmt::HexSpaced(last.line, p, static_cast<size_t>(n));
             memcpy(last.bytes, p, static_cast<size_t>(n));
+            std::atomic_signal_fence(std::memory_order_seq_cst);
             last.length = n;
         }
         LAPI_LogText(side, 0, LAPI_LOG_FILE, __LINE__, __func__, last.line,
