@@ -503,7 +503,7 @@ void LogDbFilesMsg(const uint8_t *pMsg, int length, uint8_t subCmdId, const char
     BP_LOG_LINE(func, line);
 }
 
-const BpLogField kGetLocationReqFields[] = {
+constexpr BpLogField kGetLocationReqFields[] = {
     {"responseTime: ", 4},
     {"horizontalAccuracy: ", 4},
     {"verticalAccuracy: ", 4},
@@ -518,7 +518,7 @@ const BpLogField kGetLocationReqFields[] = {
 };
 
 /* The position fields shared by GEOLOCATION_APBP_RES and PROXIMITY_HIT_APBP_IND. */
-const BpLogField kPositionFields[] = {
+constexpr BpLogField kPositionFields[] = {
     {"longitude: ", 8},
     {"latitude: ", 8},
     {"latLonAccuracy: ", 8},
@@ -532,20 +532,20 @@ const BpLogField kPositionFields[] = {
     {"course: ", 8},
 };
 
-const BpLogField kGetLocationRspTailFields[] = {
+constexpr BpLogField kGetLocationRspTailFields[] = {
     {"locationMethod: ", 4},
     {"cause: ", 4},
     {"ageOfFix: ", 8},
 };
 
-const BpLogField kProximityHitTailFields[] = {
+constexpr BpLogField kProximityHitTailFields[] = {
     {"locationMethod: ", 4},
     {"ageOfFix: ", 8},
 };
 
-const BpLogField kResultFields[] = {{"result: ", 4}};
-const BpLogField kFileIdFields[] = {{"fileId: ", 4}};
-const BpLogField kStatusFields[] = {
+constexpr BpLogField kResultFields[] = {{"result: ", 4}};
+constexpr BpLogField kFileIdFields[] = {{"fileId: ", 4}};
+constexpr BpLogField kStatusFields[] = {
     {"userStatus: ", 4},
     {"hwStatus: ", 4},
     {"fixStatus: ", 4},
@@ -555,21 +555,21 @@ const BpLogField kStatusFields[] = {
     {"signalStatus: ", 4},
     {"iconStatus: ", 4},
 };
-const BpLogField kResponseTypeFields[] = {{"responseType: ", 4}};
-const BpLogField kCauseFields[] = {{"cause: ", 4}};
-const BpLogField kDistanceAzimuthReqFields[] = {
+constexpr BpLogField kResponseTypeFields[] = {{"responseType: ", 4}};
+constexpr BpLogField kCauseFields[] = {{"cause: ", 4}};
+constexpr BpLogField kDistanceAzimuthReqFields[] = {
     {"latitude1: ", 8},  {"longitude1: ", 8},   {"latitude2: ", 8},
     {"longitude2: ", 8}, {"distanceOnly: ", 1},
 };
-const BpLogField kDistanceAzimuthRspFields[] = {{"distance: ", 8}, {"azimuth: ", 8}};
-const BpLogField kAddProximityReqFields[] = {
+constexpr BpLogField kDistanceAzimuthRspFields[] = {{"distance: ", 8}, {"azimuth: ", 8}};
+constexpr BpLogField kAddProximityReqFields[] = {
     {"latitude: ", 8},
     {"longitude: ", 8},
     {"altitude: ", 8},
     {"radius: ", 8},
 };
-const BpLogField kStatusOnlyFields[] = {{"status: ", 4}};
-const BpLogField kRemoveTypeFields[] = {{"removeType: ", 4}};
+constexpr BpLogField kStatusOnlyFields[] = {{"status: ", 4}};
+constexpr BpLogField kRemoveTypeFields[] = {{"removeType: ", 4}};
 
 #define BP_FIELDS(table) (table), (sizeof(table) / sizeof((table)[0]))
 

@@ -259,7 +259,7 @@ struct Head {
     const char *func;
 };
 
-/* The prefix of a call site never changes: the last 64 sites' prefixes are
+/* The prefix of a call site never changes: the last 32 sites' prefixes are
  * kept (indexed by line and function), so a line costs one copy of it. The
  * signal handler builds its own and never touches these. */
 struct PrefixSlot {
@@ -271,7 +271,9 @@ struct PrefixSlot {
     int len; /* 0: empty slot */
     char text[96];
 };
-constexpr size_t kPrefixSlots = 64; /* a power of two */
+constexpr size_t kPrefixSlots = 32; /* a power of two */
+/* One page in all: the slots are private memory once written. */
+static_assert(sizeof(PrefixSlot) * kPrefixSlots <= 4096);
 PrefixSlot gPrefix[kPrefixSlots];
 
 /* The call site's prefix, from the slots; null when it must be built.
@@ -289,7 +291,7 @@ const PrefixSlot *CachedPrefix(const Head &h) {
     static unsigned turn = 0;
     uint64_t key = static_cast<uint64_t>(reinterpret_cast<uintptr_t>(h.func)) ^
                    (static_cast<uint64_t>(h.line) << 20);
-    size_t i = static_cast<size_t>((key * 0x9E3779B97F4A7C15ULL) >> 58) & (kPrefixSlots - 1);
+    size_t i = static_cast<size_t>((key * 0x9E3779B97F4A7C15ULL) >> 59) & (kPrefixSlots - 1);
     size_t j = (i + 1) & (kPrefixSlots - 1);
     if (SlotHolds(gPrefix[i], h)) {
         return &gPrefix[i];
