@@ -27,7 +27,7 @@ constexpr size_t kStackLineSize = 8192;
 
 /* The chunk buffer. On a pipe or a socket a chunk stays within PIPE_BUF so
  * that the kernel writes it in one piece. */
-constexpr size_t kChunkSize = 16384;
+constexpr size_t kChunkSize = 32768;
 char gChunk[kChunkSize];
 size_t gCap = kChunkSize;
 bool gBuffered = false;
