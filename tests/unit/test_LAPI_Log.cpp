@@ -441,7 +441,7 @@ TEST_F(LogTest, SimpleConversionsMatchPrintf) {
     } while (0)
     for (int v : {0, 1, -1, 9, 10, -10, 255, 4096, INT_MAX, INT_MIN, 123456789, -987654321}) {
         CHECK_FMT("%d", v);
-        CHECK_FMT("v=%i, %d!", v, -v / 3);
+        CHECK_FMT("v=%i, %d!", v, v / -3);
         CHECK_FMT("%u", static_cast<unsigned>(v));
         CHECK_FMT("%x", static_cast<unsigned>(v));
         CHECK_FMT("%02x", static_cast<unsigned>(v));
