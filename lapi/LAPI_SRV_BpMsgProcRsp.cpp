@@ -89,15 +89,8 @@ static void RelinkTran(Transaction *pTran, const char *pFailText, const char *fu
 static const char kRelinkFail[] = "Fail to add pTran into LAPI_SRV_tranList!";
 static const char kRelinkFail2[] = "Fail to add pTran into LAPI_SRV_tranList 2!";
 
-/* How a BP message's length is checked. */
-enum LenRule { LEN_EXACT, LEN_AT_LEAST };
-
-/*
- * Identifier and length of a BP message, with the procedure's own length
- * text (which takes the length received and the length wanted).
- */
-static bool CheckBpMsg(const uint8_t *pMsg, uint16_t msgLen, uint8_t subCmdId, LenRule rule,
-                       uint16_t wantLen, const char *pLenFmt, const char *func) {
+bool CheckBpMsg(const uint8_t *pMsg, uint16_t msgLen, uint8_t subCmdId, LenRule rule,
+                uint16_t wantLen, const char *pLenFmt, const char *func) {
     if (pMsg == nullptr || msgLen < 1 || pMsg[0] != subCmdId) {
         BP_RSP_ERR(func, "pBpMsgHeader->subCmdId : 0x%02x is not expected, msgLen : %d!",
                    (pMsg != nullptr && msgLen >= 1) ? pMsg[0] : 0xFF, msgLen);

@@ -55,6 +55,8 @@ uint8_t LAPI_SRV_tranListChanged;
 uint8_t LAPI_SRV_nextSid = 2;
 uint8_t LAPI_SRV_nextTid = 1;
 
+SocketInfo socketInfoTable[LAPI_SRV_MAX_SOCKET_NUM];
+
 /* ------------------------------------------------------------------------ */
 /* List container                                                            */
 /* ------------------------------------------------------------------------ */
@@ -444,7 +446,7 @@ void LAPI_SRV_InitGlobals(void) {
     LAPI_SRV_nextTid = 1;
     LAPI_SRV_pMuxFdops = nullptr;
     LAPI_SRV_muxConnected = 0;
-    /* The network socket table is zeroed here once the proxy has one. */
+    memset(socketInfoTable, 0, sizeof(socketInfoTable));
 }
 
 /* ------------------------------------------------------------------------ */

@@ -215,4 +215,59 @@ int LAPI_SRV_BroadcastMsgToClient(List *pList, const void *pBuf, int len);
 int LAPI_SRV_BroadcastMsgToStatusClient(const void *pBuf, int len);
 int LAPI_SRV_BroadcastMsgToMtlrClient(const void *pBuf, int len);
 
+/* ------------------------------------------------------------------------ */
+/* Network sockets opened for the BP                                         */
+/* ------------------------------------------------------------------------ */
+
+struct TLSContext;
+
+/* fdStatus of a SocketInfo. */
+enum {
+    LAPI_SRV_SOCK_UNATTACHED = 0, /* not attached to the network */
+    LAPI_SRV_SOCK_CONNECTING = 1,
+    LAPI_SRV_SOCK_CONNECTED = 2,
+    LAPI_SRV_SOCK_TLS_HANDSHAKE = 3,
+};
+
+/* addrType of a SocketInfo (and of the open-socket request). */
+enum {
+    LAPI_SRV_ADDR_IPV4 = 0,
+    LAPI_SRV_ADDR_FQDN = 1,
+};
+
+enum {
+    LAPI_SRV_MAX_SOCKET_NUM = 16,   /* entries of socketInfoTable */
+    LAPI_SRV_SOCK_ADDR_LEN = 256,   /* address: 4 IPv4 bytes or a NUL-terminated FQDN */
+    LAPI_SRV_SOCK_NAME_LEN = 256,   /* serverName, NUL-terminated */
+    LAPI_SRV_SOCK_RBUF_SIZE = 235,  /* read size of a network socket: the BP's piece */
+    LAPI_SRV_SOCK_WBUF_SIZE = 1024, /* one send request at a time */
+};
+
+/* One network connection opened for the BP. An entry is free exactly when
+ * its fd is 0: an entry that is still dialling (fd 0) can be handed out a
+ * second time. */
+struct SocketInfo {
+    uint8_t sessionId;     /* BP pair of the request being served */
+    uint8_t transactionId; /* (set at open, overwritten by each send) */
+    uint32_t linkId;       /* the BP's own name of this socket */
+    int32_t napiLink;      /* data-link handle */
+    int32_t fd;            /* TCP descriptor; 0: entry free */
+    uint8_t fdStatus;      /* LAPI_SRV_SOCK_* */
+    uint32_t addrType;     /* LAPI_SRV_ADDR_* */
+    char address[LAPI_SRV_SOCK_ADDR_LEN];
+    uint16_t port; /* host order */
+    Fdops *pFdops; /* null until the socket exists */
+    char serverName[LAPI_SRV_SOCK_NAME_LEN];
+    List sendDataList; /* send requests waiting for wbuf */
+    uint8_t bIsTlsSession;
+    TLSContext *pTlsContext; /* from CD_malloc */
+    uintptr_t cmContext;     /* certificate-manager context handle */
+    uint8_t closeSessionId;  /* pair of a deferred close request */
+    uint8_t closeTransactionId;
+    uint8_t bClosePending; /* 1 while a close waits for wbuf to drain */
+    uint8_t dialCount;     /* re-dials made after a link failure */
+};
+
+extern SocketInfo socketInfoTable[LAPI_SRV_MAX_SOCKET_NUM];
+
 #endif /* LAPI_SRV_GLOBAL_H */

@@ -185,6 +185,9 @@ struct ServerOptions {
      * forks, its parent exits 0 and the server is the grandchild (this test
      * process adopts it as a subreaper, so its exit status stays visible). */
     bool asGroupLeader = false;
+    /* The server's standard error goes to /dev/null instead of being kept:
+     * for long runs whose diagnostics would fill the memory. */
+    bool discardStderr = false;
 };
 
 class ServerProcess {

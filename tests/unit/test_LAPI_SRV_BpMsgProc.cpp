@@ -663,7 +663,7 @@ TEST_F(BpLink, EveryApToBpIdentifierIsRefused) {
     }
 }
 
-TEST_F(BpLink, ProcedureTableHoldsTheLocationProcedures) {
+TEST_F(BpLink, ProcedureTableHoldsTheLocationAndSocketProcedures) {
     struct Entry {
         uint8_t id;
         BpMsgProc proc;
@@ -681,6 +681,10 @@ TEST_F(BpLink, ProcedureTableHoldsTheLocationProcedures) {
         {PROXIMITY_ADD_APBP_RES, LAPI_SRV_ProcBpAddProximityRspMsg},
         {PROXIMITY_REM_APBP_RES, LAPI_SRV_ProcBpRemoveProximityRspMsg},
         {PROXIMITY_HIT_APBP_IND, LAPI_SRV_ProcBpProximityHitIndMsg},
+        {OPEN_SOCKET_BPAP_REQ, LAPI_SRV_ProcBpOpenSocketReqMsg},
+        {SEND_DATA_BPAP_REQ, LAPI_SRV_ProcBpSendDataReqMsg},
+        {CLOSE_SOCKET_BPAP_REQ, LAPI_SRV_ProcBpCloseSocketReqMsg},
+        {TLS_SESSION_BPAP_REQ, LAPI_SRV_ProcBpTlsSessionReqMsg},
     };
     for (const Entry &e : expected) {
         BpMsgProc old = LAPI_SRV_SetBpMsgProc(e.id, nullptr);
