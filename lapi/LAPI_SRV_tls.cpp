@@ -14,6 +14,8 @@
 #include <netinet/in.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/ioctl.h>
+#include <sys/select.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -22,6 +24,8 @@
 #include "LAPI_SRV_BpMsgProc.h"
 #include "LAPI_SRV_LocationLog.h"
 #include "LAPI_SRV_Paths.h"
+#include "LAPI_SRV_X509v3.h"
+#include "LAPI_SrvCli.h"
 #include "LAPI_Wire.h"
 #include "zelnapi.h"
 #include "zelssl.h"
@@ -364,35 +368,410 @@ void LAPI_SRV_WaitConnectRes(Fdops *pFdops) {
 }
 
 /* ------------------------------------------------------------------------ */
-/* TLS transport of a session (replaced by the TLS layer)                    */
+/* TLS session                                                               */
 /* ------------------------------------------------------------------------ */
 
-/* ==== BEGIN TLS STUB: the TLS session layer replaces this block ==== */
+/* The suites offered, in this order. The export and NULL suites are part of
+ * the handset's list and stay in it. */
+static constexpr uint16_t kTlsCipherSuites[] = {
+    0x0048, /* elliptic-curve suite of the library's numbering */
+    0xFF85, /* the library's private suite */
+    0x0004, /* TLS_RSA_WITH_RC4_128_MD5 */
+    0x0003, /* TLS_RSA_EXPORT_WITH_RC4_40_MD5 */
+    0x0047, /* elliptic-curve suite of the library's numbering */
+    0x0001, /* TLS_RSA_WITH_NULL_MD5 */
+    0x002F, /* TLS_RSA_WITH_AES_128_CBC_SHA */
+    0x0002, /* TLS_RSA_WITH_NULL_SHA */
+    0x000A, /* TLS_RSA_WITH_3DES_EDE_CBC_SHA */
+};
+static_assert(sizeof(kTlsCipherSuites) == 18, "the suite list is one 18-byte TLS buffer");
 
-/* Until the TLS layer exists no session is ever set up, so bIsTlsSession
- * stays 0 and the read and write below never reach these. */
-static int TlsWriteAll(SocketInfo * /*pSocketInfo*/, const uint8_t * /*pBuf*/, int /*count*/) {
-    return -1;
+/* The buffer the subject's common name is extracted into. */
+#define LAPI_SRV_COMMON_NAME_LEN 80
+
+/* One TLSWrite of the whole buffer; 0 counts as everything written. */
+static int TlsWriteAll(SocketInfo *pSocketInfo, const uint8_t *pBuf, int count) {
+    TLSBuffer buffer = {static_cast<uint32_t>(count), const_cast<uint8_t *>(pBuf)};
+    uint32_t written = 0;
+    return TLSWrite(pSocketInfo->pTlsContext, &buffer, &written);
 }
 
 /* Reads up to room bytes into pBuf; *pCount gets the bytes read. Returns
  * the TLS library's result (0 data read, TLS_RESULT_WOULD_BLOCK, other). */
-static int TlsReadSome(SocketInfo * /*pSocketInfo*/, uint8_t * /*pBuf*/, int /*room*/,
-                       int *pCount) {
-    *pCount = 0;
-    return -1;
+static int TlsReadSome(SocketInfo *pSocketInfo, uint8_t *pBuf, int room, int *pCount) {
+    TLSBuffer buffer = {static_cast<uint32_t>(room), pBuf};
+    uint32_t count = 0;
+    int ret = TLSRead(pSocketInfo->pTlsContext, &buffer, &count);
+    *pCount = static_cast<int>(count <= static_cast<uint32_t>(room) ? count : 0);
+    return ret;
 }
 
-int LAPI_SRV_CreateTlsSession(uint8_t /*sessionId*/, uint8_t /*transactionId*/, uint32_t linkId,
-                              const char * /*pFqdn*/, int fqdnLength) {
+int LAPI_SRV_TLSRead(TLSBuffer *pBuffer, uint32_t *pCount, void *pRef) {
+    LAPI_SRV_TRACE("Enter LAPI_SRV_TLSRead");
+    SocketInfo *pSocketInfo = static_cast<SocketInfo *>(pRef);
+    if (pSocketInfo == nullptr || pBuffer == nullptr || pCount == nullptr ||
+        (pBuffer->data == nullptr && pBuffer->length != 0)) {
+        LAPI_SRV_ERR("pSocketInfo is NULL!");
+        return TLS_RESULT_IO_ERROR;
+    }
+    LAPI_SRV_TRACE("buffer.length = %d", static_cast<int>(pBuffer->length));
+    uint32_t count = 0;
+    int result = 0;
+    while (count < pBuffer->length) {
+        ssize_t ret = read(pSocketInfo->fd, pBuffer->data + count, pBuffer->length - count);
+        if (ret > 0) {
+            count += static_cast<uint32_t>(ret);
+            LAPI_SRV_TRACE("ret > 0, count = %d, ret = %d", static_cast<int>(count),
+                           static_cast<int>(ret));
+            continue;
+        }
+        if (ret == 0) {
+            LAPI_SRV_ERR("ret == 0, Read %d byte!", static_cast<int>(count));
+            result = count > 0 ? TLS_RESULT_IO_ERROR : TLS_RESULT_CLOSED;
+            break;
+        }
+        int err = errno;
+        LAPI_SRV_ERR("ret < 0, errno is %d, %s", err, strerror(err));
+        if (err == EINTR) {
+            continue;
+        }
+        if (err == EAGAIN || err == EWOULDBLOCK) {
+            result = count == 0 ? TLS_RESULT_WOULD_BLOCK : TLS_RESULT_OK;
+            break;
+        }
+        LAPI_SRV_ERR("Fail to read, errno is: %d, %s", err, strerror(err));
+        result = TLS_RESULT_IO_ERROR;
+        break;
+    }
+    *pCount = count;
+    if (count == pBuffer->length) {
+        LAPI_SRV_TRACE("return no err %d, %d", static_cast<int>(pBuffer->length),
+                       static_cast<int>(count));
+    }
+    if (count > 0) {
+        LAPI_DebugHex(pBuffer->data, static_cast<int>(count), 1);
+    }
+    return result;
+}
+
+int LAPI_SRV_TLSWrite(TLSBuffer *pBuffer, uint32_t *pCount, void *pRef) {
+    LAPI_SRV_TRACE("Enter LAPI_SRV_TLSWrite");
+    SocketInfo *pSocketInfo = static_cast<SocketInfo *>(pRef);
+    if (pSocketInfo == nullptr || pBuffer == nullptr || pCount == nullptr ||
+        (pBuffer->data == nullptr && pBuffer->length != 0)) {
+        LAPI_SRV_ERR("pSocketInfo is NULL!");
+        return TLS_RESULT_IO_ERROR;
+    }
+    LAPI_DebugHex(pBuffer->data, static_cast<int>(pBuffer->length), 1);
+    uint32_t count = 0;
+    while (count < pBuffer->length) {
+        ssize_t ret = write(pSocketInfo->fd, pBuffer->data + count, pBuffer->length - count);
+        if (ret > 0) {
+            count += static_cast<uint32_t>(ret);
+            LAPI_SRV_TRACE("ret > 0, count = %d, ret = %d", static_cast<int>(count),
+                           static_cast<int>(ret));
+            continue;
+        }
+        if (ret == 0) {
+            /* The out count is left as it is. */
+            LAPI_SRV_ERR("ret == 0, write %d byte!", static_cast<int>(count));
+            return count > 0 ? TLS_RESULT_CLOSED : TLS_RESULT_IO_ERROR;
+        }
+        int err = errno;
+        if (err == EINTR) {
+            continue;
+        }
+        if (err == EAGAIN || err == EWOULDBLOCK) {
+            break; /* a short success: the library offers the rest again */
+        }
+        /* The read callback's wording, kept for the write. */
+        LAPI_SRV_ERR("Fail to read, errno is: %d, %s", err, strerror(err));
+        return TLS_RESULT_IO_ERROR;
+    }
+    *pCount = count;
+    return TLS_RESULT_OK;
+}
+
+int LAPI_SRV_TLSRandomCallback(TLSBuffer *pRandom, void * /*pRef*/) {
+    LAPI_SRV_TRACE("Enter LAPI_SRV_TLSRandomCallback");
+    TLSBuffer seed = {0, nullptr};
+    return TLSGenerateRandom(&seed, pRandom, 0);
+}
+
+int LAPI_SRV_AlertFunc(uint8_t /*level*/, uint8_t /*description*/, void * /*pRef*/) {
+    LAPI_SRV_TRACE("Enter LAPI_SRV_AlertFunc");
+    return 0;
+}
+
+void LAPI_SRV_FoldTwoByteText(uint8_t *pText, uint32_t *pLength) {
+    uint32_t length = *pLength;
+    /* A one-byte name is never two-byte text. */
+    if (length < 2) {
+        return;
+    }
+    uint32_t first;
+    if (pText[0] == 0) {
+        first = 1; /* big-endian: the low byte comes second */
+    } else if (pText[1] == 0) {
+        first = 0;
+    } else {
+        return;
+    }
+    uint32_t half = length / 2;
+    for (uint32_t i = 0; i < half; ++i) {
+        pText[i] = pText[2 * i + first];
+    }
+    *pLength = half;
+}
+
+int LAPI_SRV_CheckSubCommonName(const TLSBuffer *pCertificate, const char *serverName) {
+    if (pCertificate == nullptr || pCertificate->data == nullptr || serverName == nullptr) {
+        LAPI_SRV_ERR("TLSExtractCertificateNameItem : %d", -1);
+        return LAPI_SRV_FQDN_NO_MATCH;
+    }
+    /* The DER is not text: shown up to its first zero byte, never past it. */
+    const void *pZero = memchr(pCertificate->data, 0, pCertificate->length);
+    int shown = pZero != nullptr
+                    ? static_cast<int>(static_cast<const uint8_t *>(pZero) - pCertificate->data)
+                    : static_cast<int>(pCertificate->length);
+    LAPI_SRV_TRACE("certificate len:%d data:%.*s", static_cast<int>(pCertificate->length), shown,
+                   reinterpret_cast<const char *>(pCertificate->data));
+
+    /* One byte of the 80 stays for the terminator: a common name of 80 or
+     * more encoded bytes does not fit and is refused, never cut (a cut name
+     * could match a name it is not). */
+    uint8_t commonName[LAPI_SRV_COMMON_NAME_LEN];
+    memset(commonName, 0, sizeof(commonName));
+    TLSBuffer name = {LAPI_SRV_COMMON_NAME_LEN - 1, commonName};
+    int ret = TLSExtractCertificateNameItem(pCertificate, 0, &name);
+    if (ret != 0 || name.length >= LAPI_SRV_COMMON_NAME_LEN) {
+        LAPI_SRV_ERR("TLSExtractCertificateNameItem : %d", ret);
+        return LAPI_SRV_FQDN_NO_MATCH;
+    }
+    uint32_t length = name.length;
+    LAPI_SRV_FoldTwoByteText(commonName, &length);
+    commonName[length] = '\0';
+    LAPI_SRV_TRACE("CommonName length: %d", static_cast<int>(length));
+    LAPI_SRV_TRACE("CommonName: %s", reinterpret_cast<char *>(commonName));
+
+    /* The first label of both names is ignored: any host of the server's
+     * parent domain passes, a wildcard common name included. */
+    const char *pCnRest = strchr(reinterpret_cast<char *>(commonName), '.');
+    const char *pServerRest = strchr(serverName, '.');
+    if (pCnRest == nullptr || pServerRest == nullptr || strcmp(pCnRest + 1, pServerRest + 1) != 0) {
+        LAPI_SRV_TRACE("certificate name does not match server name ");
+        return LAPI_SRV_FQDN_NO_MATCH;
+    }
+    return LAPI_SRV_FQDN_MATCH;
+}
+
+int LAPI_SRV_CheckCertChainFunc(TLSContext * /*pCtx*/, const TLSBuffer *pCertificate,
+                                uint32_t /*chainLength*/, int32_t chainResult, uint8_t chainTrusted,
+                                void *pRef) {
+    LAPI_SRV_TRACE("chainResult:%d,  chainTrusted:%d", static_cast<int>(chainResult), chainTrusted);
+    SocketInfo *pSocketInfo = static_cast<SocketInfo *>(pRef);
+    if (chainResult != 0 || chainTrusted == 0 || pSocketInfo == nullptr) {
+        return LAPI_SRV_FQDN_NO_MATCH;
+    }
+    LAPI_SRV_TRACE("Enter LAPI_SRV_CheckCertChainFunc");
+    if (LAPI_SRV_CheckSubCommonName(pCertificate, pSocketInfo->serverName) == 0) {
+        return 0;
+    }
+    if (LAPI_SRV_CheckFQDN(pCertificate, pSocketInfo->serverName) == 0) {
+        return 0;
+    }
+    return LAPI_SRV_FQDN_NO_MATCH;
+}
+
+/* A set-up step failed: the session goes, the socket stays open and plain. */
+static int FailTlsSetup(SocketInfo *pSocketInfo) {
+    LAPI_SRV_CloseTlsSession(pSocketInfo);
+    return LAPI_SRV_TLS_SETUP_FAILED;
+}
+
+/* The negotiated suite and version, traced after a handshake ended. */
+static void TraceNegotiated(SocketInfo *pSocketInfo) {
+    LAPI_SRV_TRACE("Negotiated cipher is : %d.", TLSGetNegotiatedCipher(pSocketInfo->pTlsContext));
+    LAPI_SRV_TRACE("Negotiated protocol version is : %d.",
+                   TLSGetProtocolVersion(pSocketInfo->pTlsContext));
+}
+
+/* The handshake failed: the BP hears result 2 and the socket is closed. */
+static void FailTlsHandshake(SocketInfo *pSocketInfo, int ret) {
+    if (ret == TLS_RESULT_READ_OVERFLOW) {
+        LAPI_SRV_TRACE("Read buffer overflow");
+    } else {
+        LAPI_SRV_TRACE("TLShandshake -- Failure");
+    }
+    pSocketInfo->fdStatus = LAPI_SRV_SOCK_UNATTACHED;
+    LAPI_SRV_SendTLSRes(pSocketInfo->sessionId, pSocketInfo->transactionId, pSocketInfo->linkId,
+                        LAPI_SRV_TLS_HANDSHAKE_FAILED);
+    LAPI_SRV_CloseSocket(pSocketInfo);
+}
+
+int LAPI_SRV_CreateTlsSession(uint8_t sessionId, uint8_t transactionId, uint32_t linkId,
+                              const char *pFqdn, int fqdnLength) {
     LAPI_SRV_TRACE("Entering SSLOpen ");
     if (fqdnLength == 0) {
         return LAPI_SRV_TLS_HANDSHAKE_FAILED; /* no answer at all */
     }
-    if (GetSocketInfoByLinkId(linkId) == nullptr) {
+    SocketInfo *pSocketInfo = GetSocketInfoByLinkId(linkId);
+    if (pSocketInfo == nullptr) {
         LAPI_SRV_ERR("pSocketInfo == NULL");
+        return LAPI_SRV_TLS_SETUP_FAILED;
     }
-    return LAPI_SRV_TLS_SETUP_FAILED;
+    /* TLS goes only on a connected socket without a session: on a socket
+     * still dialling or connecting there is no descriptor to run it on, and
+     * a second session would orphan the first one's context. */
+    if (pSocketInfo->fdStatus != LAPI_SRV_SOCK_CONNECTED || pSocketInfo->pFdops == nullptr ||
+        pSocketInfo->pTlsContext != nullptr) {
+        LAPI_SRV_ERR("socket not ready for TLS, status %d, session %s", pSocketInfo->fdStatus,
+                     pSocketInfo->pTlsContext != nullptr ? "present" : "absent");
+        return LAPI_SRV_TLS_SETUP_FAILED;
+    }
+    if (pFqdn == nullptr || fqdnLength < 0 || fqdnLength >= LAPI_SRV_SOCK_NAME_LEN) {
+        LAPI_SRV_ERR("fqdnLength: %d does not fit serverName", fqdnLength);
+        return LAPI_SRV_TLS_SETUP_FAILED;
+    }
+    pSocketInfo->sessionId = sessionId;
+    pSocketInfo->transactionId = transactionId;
+    memcpy(pSocketInfo->serverName, pFqdn, static_cast<size_t>(fqdnLength));
+    pSocketInfo->serverName[fqdnLength] = '\0';
+
+    TLSContext *pCtx = static_cast<TLSContext *>(CD_malloc(TLSContextSize(), 0));
+    if (pCtx == nullptr) {
+        LAPI_SRV_ERR("Could not allocate TLSContext");
+        return LAPI_SRV_TLS_SETUP_FAILED;
+    }
+    if (TLSInitContext(pCtx, TLSContextSize(), 0) != 0) {
+        CD_free(pCtx, 0);
+        return LAPI_SRV_TLS_SETUP_FAILED;
+    }
+    CM_CONTEXT_T cmContext = 0;
+    int ret = TLSInitCMContext(pCtx, &cmContext);
+    if (ret != 0) {
+        LAPI_SRV_ERR("Could not init CMContext is %d", ret);
+        TLSDeleteContext(pCtx);
+        CD_free(pCtx, 0);
+        return LAPI_SRV_TLS_SETUP_FAILED;
+    }
+    pSocketInfo->pTlsContext = pCtx;
+    pSocketInfo->cmContext = cmContext;
+    LAPI_SRV_TRACE("TLSInitContext & TLSInitCMContext completed ");
+
+    if ((ret = TLSEnableNonBlocking(pCtx)) != 0) {
+        LAPI_SRV_ERR("Could not enable non-blocking IO is %d", ret);
+        return FailTlsSetup(pSocketInfo);
+    }
+    LAPI_SRV_TRACE("TLSEnableNonBlocking completed ");
+    if ((ret = TLSSetRandomFunc(pCtx, LAPI_SRV_TLSRandomCallback)) != 0) {
+        LAPI_SRV_ERR("Could not set random callback is %d", ret);
+        return FailTlsSetup(pSocketInfo);
+    }
+    if ((ret = TLSSetRandomRef(pCtx, pSocketInfo)) != 0) {
+        LAPI_SRV_ERR("Could not set random reference is %d", ret);
+        return FailTlsSetup(pSocketInfo);
+    }
+    if ((ret = TLSSetReadFunc(pCtx, LAPI_SRV_TLSRead)) != 0) {
+        LAPI_SRV_ERR("Could not set read callback is %d", ret);
+        return FailTlsSetup(pSocketInfo);
+    }
+    if ((ret = TLSSetIORef(pCtx, pSocketInfo)) != 0) {
+        LAPI_SRV_ERR("Could not set I/O reference is %d", ret);
+        return FailTlsSetup(pSocketInfo);
+    }
+    if ((ret = TLSSetWriteFunc(pCtx, LAPI_SRV_TLSWrite)) != 0) {
+        LAPI_SRV_ERR("Could not set write callback is %d", ret);
+        return FailTlsSetup(pSocketInfo);
+    }
+    if ((ret = TLSSetAlertFunc(pCtx, LAPI_SRV_AlertFunc)) != 0) {
+        LAPI_SRV_ERR("Could not set alert callback is %d", ret);
+        return FailTlsSetup(pSocketInfo);
+    }
+    if ((ret = TLSSetAlertRef(pCtx, pSocketInfo)) != 0) {
+        LAPI_SRV_ERR("Could not set alert reference is %d", ret);
+        return FailTlsSetup(pSocketInfo);
+    }
+    TLSBuffer suites = {sizeof(kTlsCipherSuites),
+                        reinterpret_cast<uint8_t *>(const_cast<uint16_t *>(kTlsCipherSuites))};
+    if ((ret = TLSSetCipherSuites(pCtx, &suites)) != 0) {
+        LAPI_SRV_ERR("Could not set cipher suites is %d", ret);
+        return FailTlsSetup(pSocketInfo);
+    }
+    if ((ret = TLSSetCheckCertificateChainFunc(pCtx, LAPI_SRV_CheckCertChainFunc)) != 0) {
+        LAPI_SRV_ERR("Could not set cert chain callback is %d", ret);
+        return FailTlsSetup(pSocketInfo);
+    }
+    if ((ret = TLSSetCheckCertificateChainRef(pCtx, pSocketInfo)) != 0) {
+        LAPI_SRV_ERR("Could not set cert chain reference %d", ret);
+        return FailTlsSetup(pSocketInfo);
+    }
+    if ((ret = TLSSetProtocolVersion(pCtx, TLS_VERSION_1_0)) != 0) {
+        /* The previous step's wording, two blanks included, on purpose. */
+        LAPI_SRV_ERR("Could not  set cert chain reference %d", ret);
+        return FailTlsSetup(pSocketInfo);
+    }
+    if ((ret = TLSSetOption(pCtx, TLS_OPTION_NO_ENFORCE_BASIC_CONSTRAINTS)) != 0) {
+        LAPI_SRV_ERR("Could not set option option_tls_no_enforce_basic_constraints is %d", ret);
+        return FailTlsSetup(pSocketInfo);
+    }
+    LAPI_SRV_TRACE("TLSSetOption certificates completed");
+    if ((ret = TLSAddRootCertificates(pCtx, &pSocketInfo->cmContext)) != 0) {
+        LAPI_SRV_ERR("fail to load certs is %d", ret);
+        return FailTlsSetup(pSocketInfo);
+    }
+    LAPI_SRV_TRACE("TLSAddRootCertificates completed");
+    LAPI_SRV_TRACE("Starting TLShandshake");
+
+    ret = TLSHandshake(pCtx);
+    if (ret == TLS_RESULT_WOULD_BLOCK) {
+        pSocketInfo->fdStatus = LAPI_SRV_SOCK_TLS_HANDSHAKE;
+        LAPI_SRV_SetFdopsProcs(pSocketInfo->pFdops, LAPI_SRV_DoTlsHandshake,
+                               LAPI_SRV_DoTlsHandshake, LAPI_SRV_CloseSocketFdops);
+        return LAPI_SRV_TLS_IN_PROGRESS;
+    }
+    TraceNegotiated(pSocketInfo);
+    if (ret == TLS_RESULT_OK || ret == TLS_RESULT_CLOSED) {
+        pSocketInfo->bIsTlsSession = 1;
+        LAPI_SRV_TRACE("TLShandshake -- Successfull");
+        return LAPI_SRV_TLS_DONE;
+    }
+    FailTlsHandshake(pSocketInfo, ret);
+    return LAPI_SRV_TLS_HANDSHAKE_FAILED;
+}
+
+void LAPI_SRV_DoTlsHandshake(Fdops *pFdops) {
+    LAPI_SRV_TRACE("Enter LAPI_SRV_DoTlsHandshake");
+    if (pFdops == nullptr) {
+        LAPI_SRV_ERR("pFdops is NULL!");
+        return;
+    }
+    LAPI_SRV_TRACE("pFdops->fd is %d", pFdops->fd);
+    SocketInfo *pSocketInfo = GetSocketInfoByFd(pFdops->fd);
+    if (pSocketInfo == nullptr) {
+        LAPI_SRV_ERR("pSocketInfo is NULL!");
+        return;
+    }
+    LAPI_SRV_TRACE("pSocketInfo->fdStatus is %d", pSocketInfo->fdStatus);
+    if (pSocketInfo->fdStatus != LAPI_SRV_SOCK_TLS_HANDSHAKE ||
+        pSocketInfo->pTlsContext == nullptr) {
+        return;
+    }
+    int ret = TLSHandshake(pSocketInfo->pTlsContext);
+    if (ret == TLS_RESULT_WOULD_BLOCK) {
+        return; /* the next readiness of the socket goes on */
+    }
+    TraceNegotiated(pSocketInfo);
+    if (ret == TLS_RESULT_OK || ret == TLS_RESULT_CLOSED) {
+        pSocketInfo->fdStatus = LAPI_SRV_SOCK_CONNECTED;
+        pSocketInfo->bIsTlsSession = 1;
+        LAPI_SRV_TRACE("TLShandshake -- Successfull");
+        SetConnectedProcs(pFdops);
+        LAPI_SRV_SendTLSRes(pSocketInfo->sessionId, pSocketInfo->transactionId, pSocketInfo->linkId,
+                            LAPI_SRV_TLS_DONE);
+        return;
+    }
+    FailTlsHandshake(pSocketInfo, ret);
 }
 
 int LAPI_SRV_CloseTlsSession(SocketInfo *pSocketInfo) {
@@ -400,11 +779,39 @@ int LAPI_SRV_CloseTlsSession(SocketInfo *pSocketInfo) {
         LAPI_SRV_ERR("pSocketInfo NULL");
         return -1;
     }
+    LAPI_SRV_TRACE("Enter LAPI_SRV_CloseTlsSession");
     pSocketInfo->bIsTlsSession = 0;
+    TLSContext *pCtx = pSocketInfo->pTlsContext;
+    if (pCtx != nullptr) {
+        TLSClose(pCtx);
+        TLSDeleteCMContext(pCtx, &pSocketInfo->cmContext);
+        TLSDeleteContext(pCtx);
+        CD_free(pCtx, 0);
+        pSocketInfo->pTlsContext = nullptr;
+    }
+    pSocketInfo->cmContext = 0;
     return 0;
 }
 
-/* ==== END TLS STUB ==== */
+int LAPI_SRV_WaitBufReady(int fd) {
+    if (fd < 0 || fd >= FD_SETSIZE) {
+        return -1;
+    }
+    fd_set readSet;
+    FD_ZERO(&readSet);
+    FD_SET(fd, &readSet);
+    int num = select(fd + 1, &readSet, nullptr, nullptr, nullptr);
+    LAPI_SRV_TRACE("NUM : %d", num);
+    if (num <= 0 || !FD_ISSET(fd, &readSet)) {
+        return -1;
+    }
+    int nbytes = 0;
+    if (ioctl(fd, FIONREAD, &nbytes) != 0) {
+        return -1;
+    }
+    LAPI_SRV_TRACE("nbytes:%d", nbytes);
+    return 1;
+}
 
 /* ------------------------------------------------------------------------ */
 /* Connected sockets                                                         */
@@ -636,7 +1043,9 @@ void LAPI_SRV_CloseSocket(SocketInfo *pSocketInfo) {
         LAPI_SRV_TRACE("pSocketInfo == NULL");
         return;
     }
-    if (pSocketInfo->bIsTlsSession) {
+    /* A session whose handshake failed or never ended has no bIsTlsSession
+     * yet still holds its context: that is released too. */
+    if (pSocketInfo->bIsTlsSession || pSocketInfo->pTlsContext != nullptr) {
         LAPI_SRV_CloseTlsSession(pSocketInfo);
     }
     if (pSocketInfo->pFdops != nullptr) {

@@ -12,6 +12,7 @@
 #include <stdint.h>
 
 #include "LAPI_SRV_Global.h"
+#include "zelssl.h"
 
 /* NAPI_Init's mode as the server uses it. */
 #define LAPI_SRV_NAPI_INIT_MODE 2
@@ -77,7 +78,33 @@ enum {
 };
 int LAPI_SRV_CreateTlsSession(uint8_t sessionId, uint8_t transactionId, uint32_t linkId,
                               const char *pFqdn, int fqdnLength);
-/* 0, or -1 for a null entry. */
+/* 0, or -1 for a null entry. Also releases the context of a session whose
+ * handshake failed or is still running. */
 int LAPI_SRV_CloseTlsSession(SocketInfo *pSocketInfo);
+/* readProc and writeProc of a socket while its handshake runs (status 3). */
+void LAPI_SRV_DoTlsHandshake(Fdops *pFdops);
+
+/* Callbacks given to the TLS library; pRef is the SocketInfo. */
+int LAPI_SRV_TLSRead(TLSBuffer *pBuffer, uint32_t *pCount, void *pRef);
+int LAPI_SRV_TLSWrite(TLSBuffer *pBuffer, uint32_t *pCount, void *pRef);
+int LAPI_SRV_TLSRandomCallback(TLSBuffer *pRandom, void *pRef);
+int LAPI_SRV_AlertFunc(uint8_t level, uint8_t description, void *pRef);
+int LAPI_SRV_CheckCertChainFunc(TLSContext *pCtx, const TLSBuffer *pCertificate,
+                                uint32_t chainLength, int32_t chainResult, uint8_t chainTrusted,
+                                void *pRef);
+
+/* Common-name check: 0 match, 4 no match. The first label of both names is
+ * ignored and the rest compared case-sensitively. Item 0 of the certificate
+ * is its subject's first common name in encoding order; one of 80 or more
+ * encoded bytes is refused (4). */
+int LAPI_SRV_CheckSubCommonName(const TLSBuffer *pCertificate, const char *serverName);
+/* Two-byte text to one byte, in place: a first byte 0 keeps every second
+ * byte from the second (big-endian), else a second byte 0 keeps every
+ * second byte from the first; the length is halved. Names shorter than two
+ * bytes stay as they are. */
+void LAPI_SRV_FoldTwoByteText(uint8_t *pText, uint32_t *pLength);
+
+/* Blocks until fd is readable; 1, or -1. Not used by the server. */
+int LAPI_SRV_WaitBufReady(int fd);
 
 #endif /* LAPI_SRV_TLS_H */

@@ -31,6 +31,7 @@
 #include "LAPI_SRV_Paths.h"
 #include "LAPI_SrvCli.h"
 #include "ServerFixture.h"
+#include "TestClient.h"
 
 namespace {
 
@@ -53,13 +54,7 @@ Bytes Frame(const Bytes &msg) {
     return f;
 }
 
-Bytes Cat(std::initializer_list<Bytes> parts) {
-    Bytes out;
-    for (const Bytes &p : parts) {
-        out.insert(out.end(), p.begin(), p.end());
-    }
-    return out;
-}
+using lapitest::Cat;
 
 Bytes Slice(const Bytes &b, size_t from, size_t to) {
     return Bytes(b.begin() + static_cast<long>(from), b.begin() + static_cast<long>(to));
