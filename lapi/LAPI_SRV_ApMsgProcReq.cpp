@@ -112,7 +112,8 @@ struct LogSite {
     int line;
 };
 #define LOG_SITE (LogSite{__func__, __LINE__})
-#define SITE_ERR(site, ...) LAPI_LogLine(1, 1, __FILE__, (site).line, (site).pFunc, __VA_ARGS__)
+#define SITE_ERR(site, ...) \
+    LAPI_LogLine(1, 1, LAPI_LOG_FILE, (site).line, (site).pFunc, __VA_ARGS__)
 
 static Client *RequestClient(Fdops *pFdops, const MsgHeader &hdr, LogSite site) {
     Client *pClient = LAPI_SRV_FdopsClient(pFdops);

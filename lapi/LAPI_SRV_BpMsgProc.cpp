@@ -14,9 +14,12 @@
 #include <string.h>
 #include <unistd.h>
 
+#include <string>
+
 #include "LAPI_BpMsg.h"
 #include "LAPI_Log.h"
 #include "LAPI_SRV_Paths.h"
+#include "LAPI_LogFmt.h"
 #include "LAPI_SrvCli.h"
 #include "LAPI_Wire.h"
 
@@ -326,8 +329,10 @@ void LAPI_SRV_InitBpMsgProc(void) {
 #define LAPI_BP_LOG_LINE_SIZE 16384
 
 /* Trace and error lines that carry the logger's own name. */
-#define BP_LOG_TRACE(func, ...) LAPI_LogLine(1, 0, __FILE__, __LINE__, (func), __VA_ARGS__)
-#define BP_LOG_ERR(func, ...) LAPI_LogLine(1, 1, __FILE__, __LINE__, (func), __VA_ARGS__)
+#define BP_LOG_LINE(func, line)                                      \
+    LAPI_LogText(1, 0, LAPI_LOG_FILE, __LINE__, (func), (line).text, \
+                 static_cast<size_t>((line).len))
+#define BP_LOG_ERR(func, ...) LAPI_LogLine(1, 1, LAPI_LOG_FILE, __LINE__, (func), __VA_ARGS__)
 
 namespace {
 
@@ -338,8 +343,11 @@ struct BpLogLine {
 
 /* One field of a fixed layout: its label and its width on the wire. */
 struct BpLogField {
+    constexpr BpLogField(const char *pLabel, int fieldWidth)
+        : label(pLabel), width(fieldWidth), labelLen(std::char_traits<char>::length(pLabel)) {}
     const char *label;
     int width;
+    size_t labelLen;
 };
 
 /* The message being traced and the position of the next field in it. */
@@ -349,25 +357,33 @@ struct BpLogCursor {
     int pos;
 };
 
-void AppendText(BpLogLine *pLine, const char *fmt, ...) __attribute__((format(printf, 2, 3)));
-
 /* The bytes of the message not traced yet. */
 LAPI_Reader Rest(const BpLogCursor *pCur) {
     return LAPI_Reader(pCur->pMsg + pCur->pos, pCur->pMsg + pCur->length);
 }
 
-void AppendText(BpLogLine *pLine, const char *fmt, ...) {
+/* Copies fixed text; cut (never written past) when the line is full. */
+void AppendStr(BpLogLine *pLine, const char *str, size_t n) {
     int room = LAPI_BP_LOG_LINE_SIZE - pLine->len;
     if (room <= 1) {
         return;
     }
-    va_list ap;
-    va_start(ap, fmt);
-    int n = vsnprintf(pLine->text + pLine->len, static_cast<size_t>(room), fmt, ap);
-    va_end(ap);
-    if (n > 0) {
-        pLine->len += n < room ? n : room - 1;
+    if (n > static_cast<size_t>(room - 1)) {
+        n = static_cast<size_t>(room - 1);
     }
+    memcpy(pLine->text + pLine->len, str, n);
+    pLine->len += static_cast<int>(n);
+    pLine->text[pLine->len] = '\0';
+}
+
+void AppendStr(BpLogLine *pLine, const char *str) {
+    AppendStr(pLine, str, strlen(str));
+}
+
+/* "%d" */
+void AppendInt(BpLogLine *pLine, int value) {
+    char num[lapi_fmt::kNumRoom];
+    AppendStr(pLine, num, static_cast<size_t>(lapi_fmt::Int(num, value) - num));
 }
 
 /* "0x" + two digits per byte in wire order + ", ". An empty field (no NMEA
@@ -392,20 +408,24 @@ void AppendHex(BpLogLine *pLine, const uint8_t *pData, int width) {
 
 /* Appends label and value of the next field; false when the message ends
  * before the field does. */
-bool LogField(BpLogLine *pLine, BpLogCursor *pCur, const char *label, int width) {
+bool LogField(BpLogLine *pLine, BpLogCursor *pCur, const char *label, size_t labelLen, int width) {
     const uint8_t *pField = nullptr;
     if (width < 0 || Rest(pCur).GetSpan(&pField, static_cast<size_t>(width)) != 0) {
         return false;
     }
-    AppendText(pLine, "%s", label);
+    AppendStr(pLine, label, labelLen);
     AppendHex(pLine, pField, width);
     pCur->pos += width;
     return true;
 }
 
+bool LogField(BpLogLine *pLine, BpLogCursor *pCur, const char *label, int width) {
+    return LogField(pLine, pCur, label, strlen(label), width);
+}
+
 bool LogFields(BpLogLine *pLine, BpLogCursor *pCur, const BpLogField *pFields, size_t count) {
     for (size_t i = 0; i < count; ++i) {
-        if (!LogField(pLine, pCur, pFields[i].label, pFields[i].width)) {
+        if (!LogField(pLine, pCur, pFields[i].label, pFields[i].labelLen, pFields[i].width)) {
             return false;
         }
     }
@@ -431,7 +451,7 @@ bool BeginLine(BpLogLine *pLine, BpLogCursor *pCur, const uint8_t *pMsg, int len
         BP_LOG_ERR(func, "pMsgHeader->subCmdId : 0x%02x is not expected!", id);
         return false;
     }
-    AppendText(pLine, "%s", title);
+    AppendStr(pLine, title);
     if (length >= LAPI_BP_MSG_HEADER_LEN) {
         pLine->len += LAPI_LogBpMsgHeader(pMsg, pLine->text + pLine->len);
         pCur->pos = LAPI_BP_MSG_HEADER_LEN;
@@ -450,7 +470,7 @@ void LogFixedMsg(const uint8_t *pMsg, int length, uint8_t subCmdId, const char *
         return;
     }
     LogFields(&line, &cur, pFields, count);
-    BP_LOG_TRACE(func, "%s", line.text);
+    BP_LOG_LINE(func, line);
 }
 
 /* DB_WRITE_APBP_REQ and DB_READ_APBP_RES: numFiles, then per file its head
@@ -466,13 +486,17 @@ void LogDbFilesMsg(const uint8_t *pMsg, int length, uint8_t subCmdId, const char
         uint16_t numFiles = 0;
         Rest(&cur).GetBe16(&numFiles);
         cur.pos += 2;
-        AppendText(&line, "numFiles: %d, ", numFiles);
+        AppendStr(&line, "numFiles: ");
+        AppendInt(&line, numFiles);
+        AppendStr(&line, ", ");
         for (int i = 0; i < numFiles && cur.length - cur.pos >= LAPI_BP_DB_FILE_HEAD_LEN; ++i) {
             LAPI_Reader head = Rest(&cur);
             uint16_t fileLen = 0;
             head.Skip(4);
             head.GetBe16(&fileLen);
-            AppendText(&line, "dbFile[%d]: ", i);
+            AppendStr(&line, "dbFile[");
+            AppendInt(&line, i);
+            AppendStr(&line, "]: ");
             LogField(&line, &cur, "fileId: ", 4);
             LogField(&line, &cur, "length: ", 2);
             if (!LogField(&line, &cur, "data: ", fileLen)) {
@@ -480,10 +504,10 @@ void LogDbFilesMsg(const uint8_t *pMsg, int length, uint8_t subCmdId, const char
             }
         }
     }
-    BP_LOG_TRACE(func, "%s", line.text);
+    BP_LOG_LINE(func, line);
 }
 
-const BpLogField kGetLocationReqFields[] = {
+constexpr BpLogField kGetLocationReqFields[] = {
     {"responseTime: ", 4},
     {"horizontalAccuracy: ", 4},
     {"verticalAccuracy: ", 4},
@@ -498,7 +522,7 @@ const BpLogField kGetLocationReqFields[] = {
 };
 
 /* The position fields shared by GEOLOCATION_APBP_RES and PROXIMITY_HIT_APBP_IND. */
-const BpLogField kPositionFields[] = {
+constexpr BpLogField kPositionFields[] = {
     {"longitude: ", 8},
     {"latitude: ", 8},
     {"latLonAccuracy: ", 8},
@@ -512,20 +536,20 @@ const BpLogField kPositionFields[] = {
     {"course: ", 8},
 };
 
-const BpLogField kGetLocationRspTailFields[] = {
+constexpr BpLogField kGetLocationRspTailFields[] = {
     {"locationMethod: ", 4},
     {"cause: ", 4},
     {"ageOfFix: ", 8},
 };
 
-const BpLogField kProximityHitTailFields[] = {
+constexpr BpLogField kProximityHitTailFields[] = {
     {"locationMethod: ", 4},
     {"ageOfFix: ", 8},
 };
 
-const BpLogField kResultFields[] = {{"result: ", 4}};
-const BpLogField kFileIdFields[] = {{"fileId: ", 4}};
-const BpLogField kStatusFields[] = {
+constexpr BpLogField kResultFields[] = {{"result: ", 4}};
+constexpr BpLogField kFileIdFields[] = {{"fileId: ", 4}};
+constexpr BpLogField kStatusFields[] = {
     {"userStatus: ", 4},
     {"hwStatus: ", 4},
     {"fixStatus: ", 4},
@@ -535,21 +559,21 @@ const BpLogField kStatusFields[] = {
     {"signalStatus: ", 4},
     {"iconStatus: ", 4},
 };
-const BpLogField kResponseTypeFields[] = {{"responseType: ", 4}};
-const BpLogField kCauseFields[] = {{"cause: ", 4}};
-const BpLogField kDistanceAzimuthReqFields[] = {
+constexpr BpLogField kResponseTypeFields[] = {{"responseType: ", 4}};
+constexpr BpLogField kCauseFields[] = {{"cause: ", 4}};
+constexpr BpLogField kDistanceAzimuthReqFields[] = {
     {"latitude1: ", 8},  {"longitude1: ", 8},   {"latitude2: ", 8},
     {"longitude2: ", 8}, {"distanceOnly: ", 1},
 };
-const BpLogField kDistanceAzimuthRspFields[] = {{"distance: ", 8}, {"azimuth: ", 8}};
-const BpLogField kAddProximityReqFields[] = {
+constexpr BpLogField kDistanceAzimuthRspFields[] = {{"distance: ", 8}, {"azimuth: ", 8}};
+constexpr BpLogField kAddProximityReqFields[] = {
     {"latitude: ", 8},
     {"longitude: ", 8},
     {"altitude: ", 8},
     {"radius: ", 8},
 };
-const BpLogField kStatusOnlyFields[] = {{"status: ", 4}};
-const BpLogField kRemoveTypeFields[] = {{"removeType: ", 4}};
+constexpr BpLogField kStatusOnlyFields[] = {{"status: ", 4}};
+constexpr BpLogField kRemoveTypeFields[] = {{"removeType: ", 4}};
 
 #define BP_FIELDS(table) (table), (sizeof(table) / sizeof((table)[0]))
 
@@ -561,10 +585,17 @@ int LAPI_LogBpMsgHeader(const void *pMsgHeader, char *pBuf) {
         return 0;
     }
     const BpMsgHeader *pHeader = static_cast<const BpMsgHeader *>(pMsgHeader);
-    /* At most 59 characters: the callers keep that much room. */
-    int n = sprintf(pBuf, "subCmdId: 0x%02x, sessionId: %d, transactionId: %d, ", pHeader->subCmdId,
-                    pHeader->sessionId, pHeader->transactionId);
-    return n > 0 ? n : 0;
+    /* "subCmdId: 0x%02x, sessionId: %d, transactionId: %d, ": at most 59
+     * characters, the callers keep that much room. */
+    char *out = pBuf;
+    memcpy(out, "subCmdId: 0x", 12);
+    out = lapi_fmt::Hex(out + 12, &pHeader->subCmdId, 1);
+    memcpy(out, ", sessionId: ", 13);
+    out = lapi_fmt::Int(out + 13, pHeader->sessionId);
+    memcpy(out, ", transactionId: ", 17);
+    out = lapi_fmt::Int(out + 17, pHeader->transactionId);
+    memcpy(out, ", ", 3); /* with the terminator */
+    return static_cast<int>(out + 2 - pBuf);
 }
 
 void LAPI_LogBpMsg(const void *pMsg, int length) {
@@ -616,11 +647,23 @@ void LAPI_LogBpGetLocationRsp(const uint8_t *pMsg, int length) {
         /* Only the NMEA bytes that the message really holds. */
         int shown = nmeaLen < cur.length - cur.pos ? nmeaLen : cur.length - cur.pos;
         LogField(&line, &cur, "nmeaData: ", shown);
-        printf("\n %s, %s, data_len:%d\n", LAPI_LogBaseName(__FILE__), __func__, line.len);
+        /* Standard output keeps its place among the diagnostic lines. */
+        LAPI_LogFlush();
+        /* "\n %s, %s, data_len:%d\n": both names are short. */
+        char plain[256];
+        char *end = plain;
+        for (const char *part : {"\n ", LAPI_LOG_FILE, ", ", __func__, ", data_len:"}) {
+            size_t n = strlen(part);
+            memcpy(end, part, n);
+            end += n;
+        }
+        end = lapi_fmt::Int(end, line.len);
+        *end++ = '\n';
+        fwrite(plain, 1, static_cast<size_t>(end - plain), stdout);
         fflush(stdout);
-        AppendText(&line, "nmea end\n");
+        AppendStr(&line, "nmea end\n");
     }
-    BP_LOG_TRACE(__func__, "%s", line.text);
+    BP_LOG_LINE(__func__, line);
 }
 
 void LAPI_LogBpAbortLocationReq(const uint8_t *pMsg, int length) {
@@ -692,7 +735,7 @@ void LAPI_LogBpLocationNotificationInd(const uint8_t *pMsg, int length) {
             }
         }
     }
-    BP_LOG_TRACE(__func__, "%s", line.text);
+    BP_LOG_LINE(__func__, line);
 }
 
 void LAPI_LogBpLocationNotificationRsp(const uint8_t *pMsg, int length) {
@@ -759,7 +802,7 @@ void LAPI_LogBpProximityHitInd(const uint8_t *pMsg, int length) {
     if (LogFields(&line, &cur, BP_FIELDS(kPositionFields))) {
         LogFields(&line, &cur, BP_FIELDS(kProximityHitTailFields));
     }
-    BP_LOG_TRACE(__func__, "%s", line.text);
+    BP_LOG_LINE(__func__, line);
 }
 
 }  // namespace

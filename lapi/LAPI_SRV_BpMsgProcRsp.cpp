@@ -84,7 +84,7 @@ static bool ClientAlive(const Client *pClient) {
 
 /* The helpers below report in the name of the procedure that called them
  * (func), so that every line names the procedure that refused a message. */
-#define BP_RSP_ERR(func, ...) LAPI_LogLine(1, 1, __FILE__, __LINE__, (func), __VA_ARGS__)
+#define BP_RSP_ERR(func, ...) LAPI_LogLine(1, 1, LAPI_LOG_FILE, __LINE__, (func), __VA_ARGS__)
 
 /* Puts a transaction back into the list; one that cannot be linked is freed
  * with the given error text. */

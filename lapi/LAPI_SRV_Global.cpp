@@ -1214,6 +1214,8 @@ int LAPI_SRV_BroadcastMsgToClient(List *pList, const void *pBuf, int len) {
     int result = 0;
     /* A failed send removes that client (and its node) through closeProc;
      * the position has already moved past it. */
+    /* The same message to every client: its trace is formatted once. */
+    LAPI_LogApMsgRepeat(1);
     ListNode *pPos = List_GetHeadPos(pList);
     while (pPos != nullptr) {
         Client *pClient = static_cast<Client *>(List_GetNext(pList, &pPos));
@@ -1221,6 +1223,7 @@ int LAPI_SRV_BroadcastMsgToClient(List *pList, const void *pBuf, int len) {
             result = -1;
         }
     }
+    LAPI_LogApMsgRepeat(0);
     return result;
 }
 

@@ -309,10 +309,14 @@ void LAPI_SRV_InitSignal(void) {
 }
 
 void LAPI_SRV_SigHandler(int sig) {
+    /* What the loop gathered goes out before the handler's own line, and
+     * the handler's lines go out at once. */
+    LAPI_LogSignalEnter();
     switch (sig) {
         case SIGPIPE:
             /* The write that raised it reports its own failure. */
             LAPI_SRV_TRACE("\n\nLAPI SRV received signal: SIGPIPE!\n\n\n\n");
+            LAPI_LogSignalLeave();
             return;
         case SIGFPE:
             LAPI_SRV_TRACE("\n\nLAPI SRV received signal: SIGFPE!\n\n\n\n");
@@ -325,6 +329,7 @@ void LAPI_SRV_SigHandler(int sig) {
             break;
         default:
             LAPI_SRV_TRACE("\n\nLAPI SRV received signal: unknown %d!\n\n\n\n", sig);
+            LAPI_LogSignalLeave();
             return;
     }
     /* Status 0 after every fatal signal, SIGSEGV included. */
@@ -503,6 +508,9 @@ void LAPI_SRV_LoopOnce(void) {
     LAPI_SRV_loopNfds = nfds;
     LAPI_SRV_loopTimeout = timeout;
 
+    /* Gathered diagnostics go out before the loop may wait. */
+    LAPI_LogFlush();
+
     /* The only place where SIGTERM gets in: pselect opens the mask for the
      * wait alone, atomically, so a signal sent at any other moment stays
      * pending until here and its clean-up never meets a half-changed list. */
@@ -620,6 +628,9 @@ int LAPI_SRV_ServerMain(void) {
         LAPI_SRV_ERR("Fail to pass LAPI_SRV_PidMutex()!");
         exit(1);
     }
+    /* After the fork of LAPI_SRV_PidMutex: a buffer filled before it would
+     * be written by both processes. */
+    LAPI_LogSetBuffered(1);
 
     if (LAPI_SRV_Init() < 0) {
         LAPI_SRV_RemovePid();

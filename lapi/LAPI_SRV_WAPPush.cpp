@@ -54,6 +54,8 @@ static_assert(LAPI_SRV_PUSH_IND_HEAD_LEN + LAPI_SRV_PUSH_CONTENT_SIZE <= LAPI_BP
 /* The decoder's plain lines on standard output, flushed at once so that a
  * reader of the stream sees them in step with the diagnostics. */
 __attribute__((format(printf, 1, 2))) void WspPrint(const char *fmt, ...) {
+    /* The diagnostics gathered so far go out first. */
+    LAPI_LogFlush();
     va_list ap;
     va_start(ap, fmt);
     vprintf(fmt, ap);

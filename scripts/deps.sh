@@ -4,7 +4,7 @@
 # otherwise through sudo when sudo may run without a password prompt or
 # from a terminal; otherwise it says exactly what to install and fails.
 LAPI_DEPS=(cmake ninja-build g++ clang libclang-rt-14-dev libgtest-dev libgmock-dev
-           libssl-dev clang-format openssl)
+           libssl-dev clang-format openssl valgrind strace)
 
 lapi_missing_deps() {
     local pkg

@@ -132,6 +132,29 @@ TEST(BenchSmoke, HelpExitsZero) {
     EXPECT_TRUE(Contains(r.out, "--json")) << r.out;
 }
 
+TEST(BenchSmoke, HelpNamesTheCountingModes) {
+    RunResult r = RunBench({"--help"}, 10000);
+    EXPECT_EQ(0, r.status);
+    EXPECT_TRUE(Contains(r.out, "--profile")) << r.out;
+    EXPECT_TRUE(Contains(r.out, "--syscalls")) << r.out;
+    EXPECT_TRUE(Contains(r.out, "--keep")) << r.out;
+}
+
+TEST(BenchSmoke, SyscallCountQuickRunPrintsItsFigures) {
+    RunResult r = RunBench({"--syscalls", "--quick"}, 110000);
+    ASSERT_EQ(0, r.status) << "stdout:\n" << r.out << "\nstderr:\n" << r.err;
+    EXPECT_TRUE(Contains(r.out, "(e) counted with strace")) << r.out;
+    EXPECT_TRUE(Contains(r.out, "get-location round trip [system calls]")) << r.out;
+    EXPECT_TRUE(Contains(r.out, "status broadcast to 10 clients [system calls]")) << r.out;
+}
+
+TEST(BenchSmoke, CountingModeWithoutServerIsASetUpFailure) {
+    RunResult r = RunBench({"--syscalls", "--bin-dir", "/nonexistent-lapi-bin"}, 20000);
+    EXPECT_EQ(1, r.status);
+    EXPECT_TRUE(Contains(r.err, "--bin-dir")) << r.err;
+    EXPECT_TRUE(r.out.empty()) << r.out;
+}
+
 TEST(BenchSmoke, UnknownOptionIsAUsageError) {
     RunResult r = RunBench({"--no-such-option"}, 10000);
     EXPECT_EQ(2, r.status);

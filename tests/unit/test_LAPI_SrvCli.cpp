@@ -755,3 +755,108 @@ TEST_F(SrvCliTest, DoublesAreNotRoundedAwayAndNanIsPrinted) {
 }
 
 }  // namespace
+
+/* ------------------------------------------------------------------------ */
+/* One message to many recipients, one frame dumped twice                    */
+/* ------------------------------------------------------------------------ */
+
+namespace {
+
+/* The output of tracing each message in turn while a broadcast runs. */
+Output TraceRepeated(const std::vector<std::vector<uint8_t>> &msgs) {
+    return Capture([&] {
+        LAPI_LogApMsgRepeat(1);
+        for (const std::vector<uint8_t> &m : msgs) {
+            LAPI_LogApMsg(m.data(), static_cast<int>(m.size()), 1);
+        }
+        LAPI_LogApMsgRepeat(0);
+    });
+}
+
+std::vector<uint8_t> StatusChange(int32_t userStatus) {
+    StatusChangeInd ind;
+    std::memset(&ind, 0, sizeof(ind));
+    ind.header = Header(0, LAPI_STATUS_CHANGE_IND, LAPI_STATUS_CHANGE_IND_LEN);
+    ind.sessionId = 1;
+    ind.userStatus = userStatus;
+    return ToBytes(ind);
+}
+
+}  // namespace
+
+TEST_F(SrvCliTest, BroadcastTraceIsTheSameLineForEveryRecipient) {
+    std::vector<uint8_t> msg = StatusChange(7);
+    std::string once = TraceOf(msg);
+    Output o = TraceRepeated({msg, msg, msg});
+    EXPECT_EQ(once + once + once, NormalizeLines(o.err));
+}
+
+TEST_F(SrvCliTest, BroadcastOfAnotherMessageIsTracedAnew) {
+    std::vector<uint8_t> a = StatusChange(1);
+    std::vector<uint8_t> b = StatusChange(2);
+    Output o = TraceRepeated({a, a, b, b, a});
+    EXPECT_EQ(TraceOf(a) + TraceOf(a) + TraceOf(b) + TraceOf(b) + TraceOf(a),
+              NormalizeLines(o.err));
+}
+
+TEST_F(SrvCliTest, BroadcastKeepsTheErrorLineOfAnEmptyFieldForEveryRecipient) {
+    LocationNotificationInd ind;
+    std::memset(&ind, 0, sizeof(ind));
+    ind.header = Header(0, LAPI_LOCATION_NOTIFICATION_IND, LAPI_LOCATION_NOTIFICATION_IND_LEN);
+    ind.nameLength = 0;
+    ind.addrLength = 1;
+    std::vector<uint8_t> msg = ToBytes(ind);
+    std::string once = TraceOf(msg);
+    ASSERT_NE(std::string::npos, once.find(kHexError));
+    Output o = TraceRepeated({msg, msg});
+    EXPECT_EQ(once + once, NormalizeLines(o.err));
+}
+
+TEST_F(SrvCliTest, RepeatedGetLocationRspPrintsItsStandardOutputLineEachTime) {
+    GetLocationRsp rsp;
+    std::memset(&rsp, 0, sizeof(rsp));
+    rsp.header = Header(0, LAPI_GET_LOCATION_RSP, LAPI_GET_LOCATION_RSP_LEN);
+    rsp.nmeaDataLength = 2;
+    rsp.nmeaData[0] = 'G';
+    rsp.nmeaData[1] = 'P';
+    std::vector<uint8_t> msg = ToBytes(rsp);
+    Output once = Capture([&] { LAPI_LogApMsg(msg.data(), static_cast<int>(msg.size()), 1); });
+    Output o = TraceRepeated({msg, msg});
+    EXPECT_EQ(once.out + once.out, o.out);
+    EXPECT_EQ(NormalizeLines(once.err + once.err), NormalizeLines(o.err));
+}
+
+TEST_F(SrvCliTest, ClientSideRepeatIsTracedAsTheClientSide) {
+    std::vector<uint8_t> msg = StatusChange(3);
+    Output o = Capture([&] {
+        LAPI_LogApMsgRepeat(1);
+        LAPI_LogApMsg(msg.data(), static_cast<int>(msg.size()), 1);
+        LAPI_LogApMsg(msg.data(), static_cast<int>(msg.size()), 0);
+        LAPI_LogApMsgRepeat(0);
+    });
+    EXPECT_EQ(TraceOf(msg, 1) + TraceOf(msg, 0), NormalizeLines(o.err));
+}
+
+TEST_F(SrvCliTest, DebugHexOfTheSameBytesTwiceGivesTheSameLine) {
+    const uint8_t frame[] = {0x50, 0x00, 0x08, 0x02, 0x02, 0x02, 0xcf, 0xb0};
+    Output o = Capture([&] {
+        LAPI_DebugHex(frame, 8, 1);
+        LAPI_DebugHex(frame, 8, 1);
+    });
+    std::string line =
+        "{5} LAPI_SrvCli.cpp:N, LAPI_DebugHex()\tLAPI SRV : 50 00 08 02 02 02 cf b0 \n";
+    EXPECT_EQ(line + line, NormalizeLines(o.err));
+}
+
+TEST_F(SrvCliTest, DebugHexOfChangedBytesOfTheSameLengthIsDumpedAnew) {
+    uint8_t frame[] = {0x01, 0x02, 0x03};
+    Output o = Capture([&] {
+        LAPI_DebugHex(frame, 3, 1);
+        frame[2] = 0x04;
+        LAPI_DebugHex(frame, 3, 1);
+        LAPI_DebugHex(frame, 2, 1);
+    });
+    std::string prefix = "{5} LAPI_SrvCli.cpp:N, LAPI_DebugHex()\tLAPI SRV : ";
+    EXPECT_EQ(prefix + "01 02 03 \n" + prefix + "01 02 04 \n" + prefix + "01 02 \n",
+              NormalizeLines(o.err));
+}

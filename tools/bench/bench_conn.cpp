@@ -261,4 +261,23 @@ bool Handshake(const std::string &sockPath, uint32_t service, uint32_t pid, Benc
                          timeoutMs, &m, err);
 }
 
+/* getLocationReq: single fix, mode sync, pair (1, tid), this process's pid. */
+std::vector<uint8_t> LocationReq(uint8_t tid) {
+    GetLocationReq req;
+    memset(&req, 0, sizeof(req));
+    req.header.pid = static_cast<uint32_t>(getpid());
+    req.header.msgId = LAPI_GET_LOCATION_REQ;
+    req.header.msgLen = LAPI_GET_LOCATION_REQ_LEN;
+    req.mode = LAPI_MODE_SYNC;
+    req.sessionId = 1;
+    req.transactionId = tid;
+    req.responseTime = 30000;
+    req.horizontalAccuracy = 50;
+    req.verticalAccuracy = 50;
+    req.reportCriteria = 0; /* single fix */
+    std::vector<uint8_t> out(sizeof(req));
+    memcpy(out.data(), &req, sizeof(req));
+    return out;
+}
+
 }  // namespace bench

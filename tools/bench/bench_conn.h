@@ -78,6 +78,10 @@ bool Handshake(const std::string &sockPath, uint32_t service, uint32_t pid, Benc
 /* Builds a client message: header (pid, msgId, body size) + body. */
 std::vector<uint8_t> MakeClientMsg(uint16_t msgId, const void *body, size_t len, uint32_t pid);
 
+/* The bench's getLocationReq: single fix, answers on the synchronous
+ * connection, pair (1, tid), this process's pid. */
+std::vector<uint8_t> LocationReq(uint8_t tid);
+
 }  // namespace bench
 
 #endif /* LAPI_BENCH_CONN_H */

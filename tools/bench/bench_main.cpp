@@ -38,6 +38,7 @@
 #include "LAPI_Msg.h"
 #include "bench_conn.h"
 #include "bench_proc.h"
+#include "bench_profile.h"
 #include "bench_relay.h"
 
 #ifndef LAPI_BENCH_BUILD
@@ -89,6 +90,10 @@ struct Options {
     double rtSeconds = 3.0;
     std::string serverLog = "/dev/null";
     bool verbose = false;
+    /* Counting modes instead of the timed table. */
+    bool profile = false;
+    bool syscalls = false;
+    std::string keepDir;
 };
 
 constexpr const char *kHelp =
@@ -107,6 +112,17 @@ constexpr const char *kHelp =
     "  (c) private dirty memory (smaps_rollup Private_Dirty) idle and with the\n"
     "      largest N of (a) connected\n"
     "Every figure is also given as a ratio to the relay.\n"
+    "\n"
+    "Counting modes (instead of the timed table; the server alone, no relay):\n"
+    "  --profile           runs the server under callgrind (valgrind) and prints\n"
+    "                      (d) user-space instructions per get-location round\n"
+    "                      trip and per status broadcast per extra client\n"
+    "  --syscalls          runs the server under strace -c -f and prints\n"
+    "                      (e) system calls per round trip and per status\n"
+    "                      broadcast to 1, 10 and 60 clients\n"
+    "  --keep DIR          keep each run's callgrind / strace output in DIR\n"
+    "  Each figure is the difference of two runs that differ only in the\n"
+    "  number of operations, over that number; --quick uses smaller runs.\n"
     "\n"
     "Options:\n"
     "  --bin-dir DIR       where lapi_srv_host is (default: this program's folder)\n"
@@ -173,6 +189,10 @@ int ParseOptions(int argc, char **argv, Options *o) {
             o->quick = true;
         } else if (a == "--verbose") {
             o->verbose = true;
+        } else if (a == "--profile") {
+            o->profile = true;
+        } else if (a == "--syscalls") {
+            o->syscalls = true;
         } else if (a == "--json") {
             o->json = true;
         } else if (a.rfind("--json=", 0) == 0) {
@@ -184,6 +204,8 @@ int ParseOptions(int argc, char **argv, Options *o) {
             }
         } else if (value("--bin-dir", &v)) {
             o->binDir = v;
+        } else if (value("--keep", &v)) {
+            o->keepDir = v;
         } else if (value("--server-log", &v)) {
             o->serverLog = v;
         } else if (value("--fanout", &v)) {
@@ -620,27 +642,9 @@ bool MeasureFanout(Bench &b, Target &x, int n, FanoutSide *out) {
 
 /* ---- (b) round trips ---- */
 
-std::vector<uint8_t> LocationReq(uint8_t tid) {
-    GetLocationReq req;
-    memset(&req, 0, sizeof(req));
-    req.header.pid = static_cast<uint32_t>(getpid());
-    req.header.msgId = LAPI_GET_LOCATION_REQ;
-    req.header.msgLen = LAPI_GET_LOCATION_REQ_LEN;
-    req.mode = LAPI_MODE_SYNC;
-    req.sessionId = 1;
-    req.transactionId = tid;
-    req.responseTime = 30000;
-    req.horizontalAccuracy = 50;
-    req.verticalAccuracy = 50;
-    req.reportCriteria = 0; /* single fix */
-    std::vector<uint8_t> out(sizeof(req));
-    memcpy(out.data(), &req, sizeof(req));
-    return out;
-}
-
 bool SendLocationReq(BenchClient *c, std::string *err) {
     ++c->tid;
-    std::vector<uint8_t> req = LocationReq(c->tid);
+    std::vector<uint8_t> req = bench::LocationReq(c->tid);
     c->sentAt = NowNs();
     c->outstanding = true;
     return c->sync.SendAll(req.data(), req.size(), 1000, err);
@@ -1182,6 +1186,23 @@ int main(int argc, char **argv) {
     int rc = ParseOptions(argc, argv, &b.opt);
     if (rc != 0) {
         return rc > 0 ? kExitOk : kExitUsage;
+    }
+    if (b.opt.profile || b.opt.syscalls) {
+        signal(SIGPIPE, SIG_IGN);
+        bench::ProfileOptions po;
+        po.binDir = b.opt.binDir;
+        po.serverLog = b.opt.serverLog;
+        po.verbose = b.opt.verbose;
+        po.quick = b.opt.quick;
+        po.keepDir = b.opt.keepDir;
+        int code = kExitOk;
+        if (b.opt.profile) {
+            code = std::max(code, bench::RunCountMode(po, bench::CountTool::Callgrind));
+        }
+        if (b.opt.syscalls) {
+            code = std::max(code, bench::RunCountMode(po, bench::CountTool::Strace));
+        }
+        return code;
     }
     struct sigaction sa;
     memset(&sa, 0, sizeof(sa));

@@ -10,7 +10,10 @@
  */
 #include "LAPI_SrvCli.h"
 
-#include <stdarg.h>
+#include "LAPI_LogFmt.h"
+
+#include <atomic>
+
 #include <stddef.h>
 #include <stdio.h>
 #include <string.h>
@@ -63,20 +66,71 @@ void Init(LogText *pText) {
     pText->len = 0;
 }
 
-__attribute__((format(printf, 2, 3))) void Append(LogText *pText, const char *fmt, ...) {
+/* Copies fixed text; cut (never written past) when the line is full. */
+void AppendStr(LogText *pText, const char *str, size_t n) {
     int room = kLogLineSize - pText->len;
     if (room <= 1) {
         return;
     }
-    va_list ap;
-    va_start(ap, fmt);
-    int n = vsnprintf(pText->buf + pText->len, static_cast<size_t>(room), fmt, ap);
-    va_end(ap);
-    if (n < 0) {
-        pText->buf[pText->len] = '\0';
-        return;
+    if (n > static_cast<size_t>(room - 1)) {
+        n = static_cast<size_t>(room - 1);
     }
-    pText->len += n < room ? n : room - 1;
+    memcpy(pText->buf + pText->len, str, n);
+    pText->len += static_cast<int>(n);
+    pText->buf[pText->len] = '\0';
+}
+
+template <size_t N>
+void AppendStr(LogText *pText, const char (&str)[N]) {
+    AppendStr(pText, str, N - 1);
+}
+
+/* One number, formatted by fmt (one of lapi_fmt's), cut as text is. */
+template <typename Fmt, typename T>
+void AppendNum(LogText *pText, Fmt fmt, T value) {
+    char num[lapi_fmt::kNumRoom];
+    char *end = fmt(num, value);
+    AppendStr(pText, num, static_cast<size_t>(end - num));
+}
+
+/* "%d" */
+void AppendInt(LogText *pText, int value) {
+    AppendNum(pText, lapi_fmt::Int, value);
+}
+
+/* "%u" */
+void AppendUInt(LogText *pText, unsigned value) {
+    AppendNum(pText, lapi_fmt::UInt, value);
+}
+
+/* "%.30e". A fix's reals repeat from report to report (accuracies, speed,
+ * course, a position that does not move): the text of the last few values
+ * is kept, indexed by their bits. */
+void AppendDouble(LogText *pText, double value) {
+    struct Kept {
+        uint64_t bits;
+        uint8_t len; /* 0: empty */
+        char text[lapi_fmt::kNumRoom - 1];
+    };
+    static Kept kept[32];
+    uint64_t bits;
+    memcpy(&bits, &value, sizeof(bits));
+    Kept &k = kept[(bits * 0x9E3779B97F4A7C15ULL) >> 59];
+    if (k.len == 0 || k.bits != bits) {
+        char num[lapi_fmt::kNumRoom];
+        size_t n = static_cast<size_t>(lapi_fmt::Sci30(num, value) - num);
+        if (n > sizeof(k.text)) {
+            AppendStr(pText, num, n);
+            return;
+        }
+        k.len = 0; /* emptied first, as the hex dump's */
+        std::atomic_signal_fence(std::memory_order_seq_cst);
+        memcpy(k.text, num, n);
+        k.bits = bits;
+        std::atomic_signal_fence(std::memory_order_seq_cst);
+        k.len = static_cast<uint8_t>(n);
+    }
+    AppendStr(pText, k.text, k.len);
 }
 
 /* The raw bytes of a field in hex. A zero length goes to LAPI_FormatHexStr
@@ -94,29 +148,51 @@ void AppendHex(LogText *pText, const void *pData, int length, uint8_t side) {
 int CheckMsg(const MsgHeader &h, uint16_t msgId, uint16_t msgLen, const char *name, uint8_t side,
              const char *func, int line) {
     if (h.msgId != msgId) {
-        LAPI_LogLine(side, 1, __FILE__, line, func,
+        LAPI_LogLine(side, 1, LAPI_LOG_FILE, line, func,
                      "pMsgHeader->msgId : %d is not expected, pid : %d!", h.msgId,
                      static_cast<int>(h.pid));
         return -1;
     }
     if (h.msgLen != msgLen) {
-        LAPI_LogLine(side, 1, __FILE__, line, func, "Wrong %s msg length: %d, pid is: %d!", name,
-                     h.msgLen, static_cast<int>(h.pid));
+        LAPI_LogLine(side, 1, LAPI_LOG_FILE, line, func, "Wrong %s msg length: %d, pid is: %d!",
+                     name, h.msgLen, static_cast<int>(h.pid));
         return -1;
     }
     return 0;
 }
 
+/* While a broadcast traces one message for many recipients, the first
+ * recipient's line is kept and the others get a copy of it. Only a trace
+ * that made exactly one line and nothing else is kept: an error line or a
+ * line on standard output must come again for every recipient. */
+struct ApTraceMemo {
+    bool on;        /* a broadcast is running */
+    bool capturing; /* the procedure being run may be kept */
+    bool valid;     /* msg/text hold a kept trace */
+    bool sideEffect;
+    uint8_t side;
+    int length;
+    uint8_t msg[LAPI_LOG_MSG_MAX_LEN];
+    int lineLen; /* the whole line, prefix to '\n' */
+    char line[kLogLineSize + 256];
+};
+ApTraceMemo gMemo;
+
 /* Writes the traced text as one trace line of the procedure. */
 int Emit(const LogText &text, uint8_t side, const char *func, int line) {
-    LAPI_LogLine(side, 0, __FILE__, line, func, "%s", text.buf);
+    if (gMemo.capturing && text.len >= 0) {
+        gMemo.lineLen = static_cast<int>(LAPI_LogBuildLine(side, 0, LAPI_LOG_FILE, line, func,
+                                                           text.buf, static_cast<size_t>(text.len),
+                                                           gMemo.line, sizeof(gMemo.line)));
+    }
+    LAPI_LogText(side, 0, LAPI_LOG_FILE, line, func, text.buf, static_cast<size_t>(text.len));
     return text.len;
 }
 
 /* Starts the line: "S->C timeOutRsp " and the header. */
 void Begin(LogText *pText, const char *prefix, const MsgHeader &h, uint8_t side) {
     Init(pText);
-    Append(pText, "%s", prefix);
+    AppendStr(pText, prefix, strlen(prefix));
     pText->len += LAPI_LogApMsgHeader(&h, pText->buf + pText->len, side);
 }
 
@@ -137,29 +213,46 @@ int Min(int a, int b) {
     LogText text;                                                                                \
     Begin(&text, (prefix), m.header, side)
 
-/* A field: its label and value, then its raw bytes in hex. */
-#define LOG_FIELD(Type, member, fmt, value)                                                     \
+/* A field: its label and value (by the appender: AppendInt for "%d",
+ * AppendUInt for "%u", AppendDouble for "%.30e"), ", ", then its raw bytes
+ * in hex. */
+#define LOG_FIELD_BY(Type, member, label, appender, value)                                      \
     do {                                                                                        \
-        Append(&text, fmt, value);                                                              \
+        AppendStr(&text, label);                                                                \
+        appender(&text, value);                                                                 \
+        AppendStr(&text, ", ");                                                                 \
         AppendHex(&text, pMsg + offsetof(Type, member), static_cast<int>(sizeof(Type::member)), \
                   side);                                                                        \
     } while (0)
 
-#define LOG_DOUBLE(Type, member) LOG_FIELD(Type, member, #member ": %.30e, ", m.member)
+#define LOG_INT(Type, member, label, value) \
+    LOG_FIELD_BY(Type, member, label, AppendInt, static_cast<int>(value))
+#define LOG_UINT(Type, member, label, value) \
+    LOG_FIELD_BY(Type, member, label, AppendUInt, static_cast<unsigned>(value))
+#define LOG_DOUBLE(Type, member) LOG_FIELD_BY(Type, member, #member ": ", AppendDouble, m.member)
 
 /* "sessionId: %d, transactionId: %d, " with the two bytes in hex. */
-#define LOG_SERVER_PAIR(Type)                                                              \
-    do {                                                                                   \
-        Append(&text, "sessionId: %d, transactionId: %d, ", m.sessionId, m.transactionId); \
-        AppendHex(&text, pMsg + offsetof(Type, sessionId), 2, side);                       \
+#define LOG_SERVER_PAIR(Type)                                        \
+    do {                                                             \
+        AppendStr(&text, "sessionId: ");                             \
+        AppendInt(&text, m.sessionId);                               \
+        AppendStr(&text, ", transactionId: ");                       \
+        AppendInt(&text, m.transactionId);                           \
+        AppendStr(&text, ", ");                                      \
+        AppendHex(&text, pMsg + offsetof(Type, sessionId), 2, side); \
     } while (0)
 
 /* "mode: %d, sessionId: %d, transactionId: %d, " with the four bytes in hex. */
-#define LOG_REQ_PREFIX(Type)                                                               \
-    do {                                                                                   \
-        Append(&text, "mode: %d, sessionId: %d, transactionId: %d, ", m.mode, m.sessionId, \
-               m.transactionId);                                                           \
-        AppendHex(&text, pMsg + offsetof(Type, mode), 4, side);                            \
+#define LOG_REQ_PREFIX(Type)                                    \
+    do {                                                        \
+        AppendStr(&text, "mode: ");                             \
+        AppendInt(&text, m.mode);                               \
+        AppendStr(&text, ", sessionId: ");                      \
+        AppendInt(&text, m.sessionId);                          \
+        AppendStr(&text, ", transactionId: ");                  \
+        AppendInt(&text, m.transactionId);                      \
+        AppendStr(&text, ", ");                                 \
+        AppendHex(&text, pMsg + offsetof(Type, mode), 4, side); \
     } while (0)
 
 #define LOG_END() return Emit(text, side, __func__, __LINE__)
@@ -172,18 +265,30 @@ void LAPI_DebugHex(const void *pData, int length, uint8_t side) {
     if (pData == nullptr || length <= 0) {
         return;
     }
-    static const char kDigits[] = "0123456789abcdef";
+    /* A frame is dumped twice in a row (the bytes read, then the frame cut
+     * from them): the text of the last one-line dump is kept, and the same
+     * bytes again reuse it. */
+    static struct {
+        int length;
+        uint8_t bytes[kDebugHexBytesPerLine];
+        char line[kDebugHexBytesPerLine * 3 + 4];
+    } last;
     const uint8_t *p = static_cast<const uint8_t *>(pData);
-    char line[kDebugHexBytesPerLine * 3 + 1];
     while (length > 0) {
         int n = Min(length, kDebugHexBytesPerLine);
-        for (int i = 0; i < n; i++) {
-            line[3 * i] = kDigits[p[i] >> 4];
-            line[3 * i + 1] = kDigits[p[i] & 0x0f];
-            line[3 * i + 2] = ' ';
+        bool same = last.length == n && memcmp(last.bytes, p, static_cast<size_t>(n)) == 0;
+        if (!same) {
+            /* Emptied first: a signal handler that dumps a frame meanwhile
+             * formats its own. */
+            last.length = 0;
+            std::atomic_signal_fence(std::memory_order_seq_cst);
+            lapi_fmt::HexSpaced(last.line, p, static_cast<size_t>(n));
+            memcpy(last.bytes, p, static_cast<size_t>(n));
+            std::atomic_signal_fence(std::memory_order_seq_cst);
+            last.length = n;
         }
-        line[3 * n] = '\0';
-        LAPI_TRACE_SIDE(side, "%s", line);
+        LAPI_LogText(side, 0, LAPI_LOG_FILE, __LINE__, __func__, last.line,
+                     static_cast<size_t>(3 * n));
         p += n;
         length -= n;
     }
@@ -194,15 +299,10 @@ int LAPI_FormatHexStr(const void *pData, int length, char *pBuf, uint8_t side) {
         LAPI_ERR_SIDE(side, "(pData == NULL) || (pBuf == NULL) || (length <= 0)!");
         return 0;
     }
-    static const char kDigits[] = "0123456789abcdef";
-    const uint8_t *p = static_cast<const uint8_t *>(pData);
     char *out = pBuf;
     *out++ = '0';
     *out++ = 'x';
-    for (int i = 0; i < length; i++) {
-        *out++ = kDigits[p[i] >> 4];
-        *out++ = kDigits[p[i] & 0x0f];
-    }
+    out = lapi_fmt::Hex(out, static_cast<const uint8_t *>(pData), static_cast<size_t>(length));
     *out++ = ',';
     *out++ = ' ';
     *out = '\0';
@@ -216,9 +316,17 @@ int LAPI_LogApMsgHeader(const MsgHeader *pMsgHeader, char *pBuf, uint8_t side) {
     }
     MsgHeader h;
     memcpy(&h, pMsgHeader, sizeof(h));
-    /* At most 45 characters: the callers keep that much room. */
-    return sprintf(pBuf, "pid: %d, msgId: %d, msgLen: %d, ", static_cast<int>(h.pid), h.msgId,
-                   h.msgLen);
+    /* "pid: %d, msgId: %d, msgLen: %d, ": at most 45 characters, the
+     * callers keep that much room. */
+    char *out = pBuf;
+    memcpy(out, "pid: ", 5);
+    out = lapi_fmt::Int(out + 5, static_cast<int>(h.pid));
+    memcpy(out, ", msgId: ", 9);
+    out = lapi_fmt::Int(out + 9, h.msgId);
+    memcpy(out, ", msgLen: ", 10);
+    out = lapi_fmt::Int(out + 10, h.msgLen);
+    memcpy(out, ", ", 3); /* with the terminator */
+    return static_cast<int>(out + 2 - pBuf);
 }
 
 /* ------------------------------------------------------------------------ */
@@ -228,14 +336,14 @@ int LAPI_LogApMsgHeader(const MsgHeader *pMsgHeader, char *pBuf, uint8_t side) {
 int LAPI_LogRegisterReq(const uint8_t *pMsg, uint8_t side) {
     LOG_BEGIN(RegisterReq, LAPI_REGISTER_REQ, LAPI_REGISTER_REQ_LEN, "registerReq",
               "C->S registerReq ");
-    LOG_FIELD(RegisterReq, service, "service: %u, ", m.service);
+    LOG_UINT(RegisterReq, service, "service: ", m.service);
     LOG_END();
 }
 
 int LAPI_LogGetAsyncFdReq(const uint8_t *pMsg, uint8_t side) {
     LOG_BEGIN(GetAsyncFdReq, LAPI_GET_ASYNC_FD_REQ, LAPI_GET_ASYNC_FD_REQ_LEN, "getAsyncFdReq",
               "C->S getAsyncFdReq ");
-    LOG_FIELD(GetAsyncFdReq, globalId, "globalId: %d, ", static_cast<int>(m.globalId));
+    LOG_INT(GetAsyncFdReq, globalId, "globalId: ", m.globalId);
     LOG_END();
 }
 
@@ -249,22 +357,18 @@ int LAPI_LogGetLocationReq(const uint8_t *pMsg, uint8_t side) {
     LOG_BEGIN(GetLocationReq, LAPI_GET_LOCATION_REQ, LAPI_GET_LOCATION_REQ_LEN, "getLocationReq",
               "C->S getLocationReq ");
     LOG_REQ_PREFIX(GetLocationReq);
-    LOG_FIELD(GetLocationReq, responseTime, "responseTime: %d, ", static_cast<int>(m.responseTime));
-    LOG_FIELD(GetLocationReq, horizontalAccuracy, "horizontalAccuracy: %d, ",
-              static_cast<int>(m.horizontalAccuracy));
-    LOG_FIELD(GetLocationReq, verticalAccuracy, "verticalAccuracy: %d, ",
-              static_cast<int>(m.verticalAccuracy));
-    LOG_FIELD(GetLocationReq, preferredPowerConsumption, "preferredPowerConsumption: %d, ",
-              static_cast<int>(m.preferredPowerConsumption));
-    LOG_FIELD(GetLocationReq, interval, "interval: %d, ", static_cast<int>(m.interval));
-    LOG_FIELD(GetLocationReq, reportCriteria, "reportCriteria: %d, ",
-              static_cast<int>(m.reportCriteria));
-    LOG_FIELD(GetLocationReq, costAllowed, "costAllowed: %u, ", m.costAllowed);
-    LOG_FIELD(GetLocationReq, addressInfoRequired, "addressInfoRequired: %u, ",
-              m.addressInfoRequired);
-    LOG_FIELD(GetLocationReq, speedAndCourseRequired, "speedAndCourseRequired: %u, ",
-              m.speedAndCourseRequired);
-    LOG_FIELD(GetLocationReq, altitudeRequired, "altitudeRequired: %u, ", m.altitudeRequired);
+    LOG_INT(GetLocationReq, responseTime, "responseTime: ", m.responseTime);
+    LOG_INT(GetLocationReq, horizontalAccuracy, "horizontalAccuracy: ", m.horizontalAccuracy);
+    LOG_INT(GetLocationReq, verticalAccuracy, "verticalAccuracy: ", m.verticalAccuracy);
+    LOG_INT(GetLocationReq, preferredPowerConsumption,
+            "preferredPowerConsumption: ", m.preferredPowerConsumption);
+    LOG_INT(GetLocationReq, interval, "interval: ", m.interval);
+    LOG_INT(GetLocationReq, reportCriteria, "reportCriteria: ", m.reportCriteria);
+    LOG_UINT(GetLocationReq, costAllowed, "costAllowed: ", m.costAllowed);
+    LOG_UINT(GetLocationReq, addressInfoRequired, "addressInfoRequired: ", m.addressInfoRequired);
+    LOG_UINT(GetLocationReq, speedAndCourseRequired,
+             "speedAndCourseRequired: ", m.speedAndCourseRequired);
+    LOG_UINT(GetLocationReq, altitudeRequired, "altitudeRequired: ", m.altitudeRequired);
     LOG_END();
 }
 
@@ -292,7 +396,7 @@ int LAPI_LogGetGpsDbDataReq(const uint8_t *pMsg, uint8_t side) {
     LOG_BEGIN(GetGpsDbDataReq, LAPI_GET_GPS_DB_DATA_REQ, LAPI_GET_GPS_DB_DATA_REQ_LEN,
               "getGpsDbDataReq", "C->S getGpsDbDataReq ");
     LOG_REQ_PREFIX(GetGpsDbDataReq);
-    LOG_FIELD(GetGpsDbDataReq, fileId, "fileId: %u, ", m.fileId);
+    LOG_UINT(GetGpsDbDataReq, fileId, "fileId: ", m.fileId);
     LOG_END();
 }
 
@@ -306,11 +410,17 @@ void AppendDbFiles(LogText *pText, const uint8_t *pFiles, int numFiles, uint8_t 
         const uint8_t *pFile = pFiles + i * sizeof(DbFile);
         DbFile f;
         memcpy(&f, pFile, sizeof(f));
-        Append(pText, "dbFile[%d]: fileId: %d, ", i, static_cast<int>(f.fileId));
+        AppendStr(pText, "dbFile[");
+        AppendInt(pText, i);
+        AppendStr(pText, "]: fileId: ");
+        AppendInt(pText, static_cast<int>(f.fileId));
+        AppendStr(pText, ", ");
         AppendHex(pText, pFile + offsetof(DbFile, fileId), 4, side);
-        Append(pText, "length: %d, ", f.length);
+        AppendStr(pText, "length: ");
+        AppendInt(pText, f.length);
+        AppendStr(pText, ", ");
         AppendHex(pText, pFile + offsetof(DbFile, length), 2, side);
-        Append(pText, "data: ");
+        AppendStr(pText, "data: ");
         AppendHex(pText, pFile + offsetof(DbFile, data), Min(f.length, LAPI_DB_FILE_DATA_LEN),
                   side);
     }
@@ -322,7 +432,7 @@ int LAPI_LogSetGpsDbDataReq(const uint8_t *pMsg, uint8_t side) {
     LOG_BEGIN(SetGpsDbDataReq, LAPI_SET_GPS_DB_DATA_REQ, LAPI_SET_GPS_DB_DATA_REQ_LEN,
               "setGpsDbDataReq", "C->S setGpsDbDataReq ");
     LOG_REQ_PREFIX(SetGpsDbDataReq);
-    LOG_FIELD(SetGpsDbDataReq, numFiles, "numFiles: %d, ", m.numFiles);
+    LOG_INT(SetGpsDbDataReq, numFiles, "numFiles: ", m.numFiles);
     AppendDbFiles(&text, pMsg + offsetof(SetGpsDbDataReq, dbFile), m.numFiles, side);
     LOG_END();
 }
@@ -339,8 +449,7 @@ int LAPI_LogLocationNotificationCfm(const uint8_t *pMsg, uint8_t side) {
               LAPI_LOCATION_NOTIFICATION_CFM_LEN, "locationNotificationCfm",
               "C->S locationNotificationCfm ");
     LOG_SERVER_PAIR(LocationNotificationCfm);
-    LOG_FIELD(LocationNotificationCfm, responseType, "responseType: %d, ",
-              static_cast<int>(m.responseType));
+    LOG_INT(LocationNotificationCfm, responseType, "responseType: ", m.responseType);
     LOG_END();
 }
 
@@ -352,7 +461,7 @@ int LAPI_LogDistanceAzimuthReq(const uint8_t *pMsg, uint8_t side) {
     LOG_DOUBLE(DistanceAzimuthReq, longitude1);
     LOG_DOUBLE(DistanceAzimuthReq, latitude2);
     LOG_DOUBLE(DistanceAzimuthReq, longitude2);
-    LOG_FIELD(DistanceAzimuthReq, distanceOnly, "distanceOnly: %d, ", m.distanceOnly);
+    LOG_INT(DistanceAzimuthReq, distanceOnly, "distanceOnly: ", m.distanceOnly);
     LOG_END();
 }
 
@@ -371,7 +480,7 @@ int LAPI_LogRemoveProximityReq(const uint8_t *pMsg, uint8_t side) {
     LOG_BEGIN(RemoveProximityReq, LAPI_REMOVE_PROXIMITY_REQ, LAPI_REMOVE_PROXIMITY_REQ_LEN,
               "removeProximityReq", "C->S removeProximityReq ");
     LOG_REQ_PREFIX(RemoveProximityReq);
-    LOG_FIELD(RemoveProximityReq, removeType, "removeType: %d, ", static_cast<int>(m.removeType));
+    LOG_INT(RemoveProximityReq, removeType, "removeType: ", m.removeType);
     LOG_END();
 }
 
@@ -382,7 +491,7 @@ int LAPI_LogRemoveProximityReq(const uint8_t *pMsg, uint8_t side) {
 int LAPI_LogRegisterRsp(const uint8_t *pMsg, uint8_t side) {
     LOG_BEGIN(RegisterRsp, LAPI_REGISTER_RSP, LAPI_REGISTER_RSP_LEN, "registerRsp",
               "S->C registerRsp ");
-    LOG_FIELD(RegisterRsp, globalId, "globalId: %d, ", static_cast<int>(m.globalId));
+    LOG_INT(RegisterRsp, globalId, "globalId: ", m.globalId);
     LOG_END();
 }
 
@@ -419,26 +528,44 @@ int LAPI_LogGetLocationRsp(const uint8_t *pMsg, uint8_t side) {
               "S->C getLocationRsp ");
     LOG_SERVER_PAIR(GetLocationRsp);
     LOG_POSITION(GetLocationRsp);
-    LOG_FIELD(GetLocationRsp, locationMethod, "locationMethod: %d, ", m.locationMethod);
-    LOG_FIELD(GetLocationRsp, cause, "cause: %d, ", m.cause);
-    LOG_FIELD(GetLocationRsp, ageOfFix, "ageOfFix: %u, ", static_cast<uint32_t>(m.ageOfFix));
-    LOG_FIELD(GetLocationRsp, nmeaDataLength, "nmeaDataLength: %d, \n", m.nmeaDataLength);
+    LOG_INT(GetLocationRsp, locationMethod, "locationMethod: ", m.locationMethod);
+    LOG_INT(GetLocationRsp, cause, "cause: ", m.cause);
+    LOG_UINT(GetLocationRsp, ageOfFix, "ageOfFix: ", m.ageOfFix);
+    AppendStr(&text, "nmeaDataLength: ");
+    AppendInt(&text, m.nmeaDataLength);
+    AppendStr(&text, ", \n");
+    AppendHex(&text, pMsg + offsetof(GetLocationRsp, nmeaDataLength), 2, side);
 
     /* The NMEA sentences, as text and in hex, never beyond the array. */
     int nmeaLen = Min(m.nmeaDataLength, LAPI_MAX_NMEA_LEN);
-    Append(&text, "nmeaData: %.*s, \n", nmeaLen,
-           reinterpret_cast<const char *>(pMsg + offsetof(GetLocationRsp, nmeaData)));
-    Append(&text, "nmeaData: ");
+    const char *pNmea = reinterpret_cast<const char *>(pMsg + offsetof(GetLocationRsp, nmeaData));
+    AppendStr(&text, "nmeaData: ");
+    AppendStr(&text, pNmea, strnlen(pNmea, static_cast<size_t>(nmeaLen))); /* text stops at NUL */
+    AppendStr(&text, ", \n");
+    AppendStr(&text, "nmeaData: ");
     AppendHex(&text, pMsg + offsetof(GetLocationRsp, nmeaData), nmeaLen, side);
 
+    /* "\n %s, %s, pMsg->nmeaDataLength:%d\n" on standard output. */
     char plain[256];
-    int n = snprintf(plain, sizeof(plain), "\n %s, %s, pMsg->nmeaDataLength:%d\n",
-                     LAPI_LogBaseName(__FILE__), __func__, m.nmeaDataLength);
-    if (n > 0) {
-        fwrite(plain, 1, Min(n, static_cast<int>(sizeof(plain)) - 1), stdout);
-        fflush(stdout);
-    }
-    Append(&text, "nmea end\n");
+    char *end = plain;
+    auto put = [&end](const char *str) {
+        size_t n = strlen(str);
+        memcpy(end, str, n);
+        end += n;
+    };
+    put("\n ");
+    put(LAPI_LOG_FILE); /* both names are short: the block has room */
+    put(", ");
+    put(__func__);
+    put(", pMsg->nmeaDataLength:");
+    end = lapi_fmt::Int(end, m.nmeaDataLength);
+    *end++ = '\n';
+    /* Standard output keeps its place among the diagnostic lines. */
+    LAPI_LogFlush();
+    fwrite(plain, 1, static_cast<size_t>(end - plain), stdout);
+    fflush(stdout);
+    gMemo.sideEffect = true;
+    AppendStr(&text, "nmea end\n");
     LOG_END();
 }
 
@@ -446,7 +573,7 @@ int LAPI_LogAbortLocationRsp(const uint8_t *pMsg, uint8_t side) {
     LOG_BEGIN(AbortLocationRsp, LAPI_ABORT_LOCATION_RSP, LAPI_ABORT_LOCATION_RSP_LEN,
               "abortLocationRsp", "S->C abortLocationRsp ");
     LOG_SERVER_PAIR(AbortLocationRsp);
-    LOG_FIELD(AbortLocationRsp, result, "result: %d, ", m.result);
+    LOG_INT(AbortLocationRsp, result, "result: ", m.result);
     LOG_END();
 }
 
@@ -468,9 +595,9 @@ int LAPI_LogGetGpsDbDataRsp(const uint8_t *pMsg, uint8_t side) {
     LOG_BEGIN(GetGpsDbDataRsp, LAPI_GET_GPS_DB_DATA_RSP, LAPI_GET_GPS_DB_DATA_RSP_LEN,
               "getGpsDbDataRsp", "S->C getGpsDbDataRsp ");
     LOG_SERVER_PAIR(GetGpsDbDataRsp);
-    LOG_FIELD(GetGpsDbDataRsp, numFiles, "numFiles: %d, ", m.numFiles);
+    LOG_INT(GetGpsDbDataRsp, numFiles, "numFiles: ", m.numFiles);
     AppendDbFiles(&text, pMsg + offsetof(GetGpsDbDataRsp, dbFile), m.numFiles, side);
-    LOG_FIELD(GetGpsDbDataRsp, result, "result: %d, ", m.result);
+    LOG_INT(GetGpsDbDataRsp, result, "result: ", m.result);
     LOG_END();
 }
 
@@ -478,23 +605,27 @@ int LAPI_LogSetGpsDbDataRsp(const uint8_t *pMsg, uint8_t side) {
     LOG_BEGIN(SetGpsDbDataRsp, LAPI_SET_GPS_DB_DATA_RSP, LAPI_SET_GPS_DB_DATA_RSP_LEN,
               "setGpsDbDataRsp", "S->C setGpsDbDataRsp ");
     LOG_SERVER_PAIR(SetGpsDbDataRsp);
-    LOG_FIELD(SetGpsDbDataRsp, result, "result: %d, ", m.result);
+    LOG_INT(SetGpsDbDataRsp, result, "result: ", m.result);
     LOG_END();
 }
 
 /* getStatusRsp and statusChangeInd: the six status fields (signalStatus and
  * iconStatus travel but are not traced). */
-#define LOG_STATUS_FIELDS()                                                                   \
-    do {                                                                                      \
-        LOG_SERVER_PAIR(GetStatusRsp);                                                        \
-        LOG_FIELD(GetStatusRsp, userStatus, "userStatus: %d, ", m.userStatus);                \
-        LOG_FIELD(GetStatusRsp, hwStatus, "hwStatus: %d, ", m.hwStatus);                      \
-        LOG_FIELD(GetStatusRsp, fixStatus, "fixStatus: %d, ", m.fixStatus);                   \
-        LOG_FIELD(GetStatusRsp, emergencyStatus, "emergencyStatus: %d, ", m.emergencyStatus); \
-        Append(&text, "fixResultStatus.status: %d, ", m.fixResultStatus.status);              \
-        AppendHex(&text, pMsg + offsetof(GetStatusRsp, fixResultStatus), 4, side);            \
-        Append(&text, "fixResultStatus.cause: %d, ", m.fixResultStatus.cause);                \
-        AppendHex(&text, pMsg + offsetof(GetStatusRsp, fixResultStatus) + 4, 4, side);        \
+#define LOG_STATUS_FIELDS()                                                             \
+    do {                                                                                \
+        LOG_SERVER_PAIR(GetStatusRsp);                                                  \
+        LOG_INT(GetStatusRsp, userStatus, "userStatus: ", m.userStatus);                \
+        LOG_INT(GetStatusRsp, hwStatus, "hwStatus: ", m.hwStatus);                      \
+        LOG_INT(GetStatusRsp, fixStatus, "fixStatus: ", m.fixStatus);                   \
+        LOG_INT(GetStatusRsp, emergencyStatus, "emergencyStatus: ", m.emergencyStatus); \
+        AppendStr(&text, "fixResultStatus.status: ");                                   \
+        AppendInt(&text, m.fixResultStatus.status);                                     \
+        AppendStr(&text, ", ");                                                         \
+        AppendHex(&text, pMsg + offsetof(GetStatusRsp, fixResultStatus), 4, side);      \
+        AppendStr(&text, "fixResultStatus.cause: ");                                    \
+        AppendInt(&text, m.fixResultStatus.cause);                                      \
+        AppendStr(&text, ", ");                                                         \
+        AppendHex(&text, pMsg + offsetof(GetStatusRsp, fixResultStatus) + 4, 4, side);  \
     } while (0)
 
 int LAPI_LogGetStatusRsp(const uint8_t *pMsg, uint8_t side) {
@@ -516,15 +647,17 @@ int LAPI_LogLocationNotificationInd(const uint8_t *pMsg, uint8_t side) {
               LAPI_LOCATION_NOTIFICATION_IND_LEN, "locationNotificationInd",
               "S->C locationNotificationInd ");
     LOG_SERVER_PAIR(LocationNotificationInd);
-    LOG_FIELD(LocationNotificationInd, notificationType, "notificationType: %d, ",
-              m.notificationType);
-    LOG_FIELD(LocationNotificationInd, locationType, "locationType: %d, ", m.locationType);
-    LOG_FIELD(LocationNotificationInd, dataCodingSchema, "dataCodingSchema: %d, ",
-              m.dataCodingSchema);
-    Append(&text, "nameLength: %d, clientName: ", m.nameLength);
+    LOG_INT(LocationNotificationInd, notificationType, "notificationType: ", m.notificationType);
+    LOG_INT(LocationNotificationInd, locationType, "locationType: ", m.locationType);
+    LOG_INT(LocationNotificationInd, dataCodingSchema, "dataCodingSchema: ", m.dataCodingSchema);
+    AppendStr(&text, "nameLength: ");
+    AppendInt(&text, m.nameLength);
+    AppendStr(&text, ", clientName: ");
     AppendHex(&text, pMsg + offsetof(LocationNotificationInd, clientName),
               Min(m.nameLength, LAPI_CLIENT_NAME_LEN), side);
-    Append(&text, "addrLength: %d, clientExternalAddr: ", m.addrLength);
+    AppendStr(&text, "addrLength: ");
+    AppendInt(&text, m.addrLength);
+    AppendStr(&text, ", clientExternalAddr: ");
     AppendHex(&text, pMsg + offsetof(LocationNotificationInd, clientExternalAddr),
               Min(m.addrLength, LAPI_CLIENT_ADDR_LEN), side);
     LOG_END();
@@ -534,7 +667,7 @@ int LAPI_LogNotificationStatusInd(const uint8_t *pMsg, uint8_t side) {
     LOG_BEGIN(NotificationStatusInd, LAPI_NOTIFICATION_STATUS_IND, LAPI_NOTIFICATION_STATUS_IND_LEN,
               "notificationStatusInd", "S->C notificationStatusInd ");
     LOG_SERVER_PAIR(NotificationStatusInd);
-    LOG_FIELD(NotificationStatusInd, cause, "cause: %d, ", m.cause);
+    LOG_INT(NotificationStatusInd, cause, "cause: ", m.cause);
     LOG_END();
 }
 
@@ -551,7 +684,7 @@ int LAPI_LogAddProximityRsp(const uint8_t *pMsg, uint8_t side) {
     LOG_BEGIN(AddProximityRsp, LAPI_ADD_PROXIMITY_RSP, LAPI_ADD_PROXIMITY_RSP_LEN,
               "addProximityRsp", "S->C addProximityRsp ");
     LOG_SERVER_PAIR(AddProximityRsp);
-    LOG_FIELD(AddProximityRsp, status, "status: %d, ", m.status);
+    LOG_INT(AddProximityRsp, status, "status: ", m.status);
     LOG_END();
 }
 
@@ -559,7 +692,7 @@ int LAPI_LogRemoveProximityRsp(const uint8_t *pMsg, uint8_t side) {
     LOG_BEGIN(RemoveProximityRsp, LAPI_REMOVE_PROXIMITY_RSP, LAPI_REMOVE_PROXIMITY_RSP_LEN,
               "removeProximityRsp", "S->C removeProximityRsp ");
     LOG_SERVER_PAIR(RemoveProximityRsp);
-    LOG_FIELD(RemoveProximityRsp, status, "status: %d, ", m.status);
+    LOG_INT(RemoveProximityRsp, status, "status: ", m.status);
     LOG_END();
 }
 
@@ -568,8 +701,8 @@ int LAPI_LogProximityHitInd(const uint8_t *pMsg, uint8_t side) {
               "proximityHitInd", "S->C proximityHitInd ");
     LOG_SERVER_PAIR(ProximityHitInd);
     LOG_POSITION(ProximityHitInd);
-    LOG_FIELD(ProximityHitInd, locationMethod, "locationMethod: %d, ", m.locationMethod);
-    LOG_FIELD(ProximityHitInd, ageOfFix, "ageOfFix: %u, ", m.ageOfFix);
+    LOG_INT(ProximityHitInd, locationMethod, "locationMethod: ", m.locationMethod);
+    LOG_UINT(ProximityHitInd, ageOfFix, "ageOfFix: ", m.ageOfFix);
     LOG_END();
 }
 
@@ -631,6 +764,13 @@ void LAPI_LogApMsg(const void *pBuf, int length, uint8_t side) {
         return;
     }
 
+    if (gMemo.on && gMemo.valid && gMemo.side == side && gMemo.length == length &&
+        memcmp(gMemo.msg, pIn, static_cast<size_t>(length)) == 0) {
+        /* The same message as the previous recipient's: the same line. */
+        LAPI_LogPutLine(0, gMemo.line, static_cast<size_t>(gMemo.lineLen));
+        return;
+    }
+
     /* A short message reads as zeros past its end, never past the copy. */
     uint8_t buf[LAPI_LOG_MSG_MAX_LEN];
     memset(buf, 0, sizeof(buf));
@@ -658,5 +798,26 @@ void LAPI_LogApMsg(const void *pBuf, int length, uint8_t side) {
                       static_cast<int>(h.pid));
         return;
     }
+    if (!gMemo.on) {
+        proc(buf, side);
+        return;
+    }
+    unsigned long linesBefore = LAPI_logLineCount;
+    gMemo.valid = false;
+    gMemo.lineLen = 0;
+    gMemo.sideEffect = false;
+    gMemo.capturing = true;
     proc(buf, side);
+    gMemo.capturing = false;
+    if (gMemo.lineLen > 0 && !gMemo.sideEffect && LAPI_logLineCount == linesBefore + 1) {
+        memcpy(gMemo.msg, pIn, static_cast<size_t>(length));
+        gMemo.length = length;
+        gMemo.side = side;
+        gMemo.valid = true;
+    }
+}
+
+void LAPI_LogApMsgRepeat(int on) {
+    gMemo.on = on != 0;
+    gMemo.valid = false;
 }

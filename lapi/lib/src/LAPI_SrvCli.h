@@ -16,6 +16,10 @@ void LAPI_DebugHex(const void *pData, int length, uint8_t side);
 int LAPI_FormatHexStr(const void *pData, int length, char *pBuf, uint8_t side);
 int LAPI_LogApMsgHeader(const MsgHeader *pMsgHeader, char *pBuf, uint8_t side);
 void LAPI_LogApMsg(const void *pBuf, int length, uint8_t side);
+/* While on, a message traced again with the same bytes (a broadcast to
+ * many clients) reuses the text of the first one instead of formatting it
+ * again; the lines are the same. Turning it on or off forgets the text. */
+void LAPI_LogApMsgRepeat(int on);
 /* Fills the two client-message trace tables. */
 void LAPI_InitApMsgLogProc(void);
 
