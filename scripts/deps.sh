@@ -2,12 +2,17 @@
 # build needs, but only when one of them is missing (a machine that has them
 # all does not touch the package lists).
 LAPI_DEPS=(cmake ninja-build g++ clang libclang-rt-14-dev libgtest-dev libgmock-dev
-           libssl-dev clang-format)
+           libssl-dev clang-format scdoc man-db pkgconf)
+# The handset build (scripts/test.sh --arm): the cross compiler, the user-mode
+# emulator, and googletest's sources to build the test framework for the
+# target.
+LAPI_ARM_DEPS=(g++-arm-linux-gnueabihf qemu-user googletest)
 
+# lapi_ensure_deps [EXTRA_PACKAGE...]: LAPI_DEPS and the extra packages.
 lapi_ensure_deps() {
     local missing=()
     local pkg
-    for pkg in "${LAPI_DEPS[@]}"; do
+    for pkg in "${LAPI_DEPS[@]}" "$@"; do
         dpkg-query -W -f='${Status}' "$pkg" 2>/dev/null | grep -q "install ok installed" ||
             missing+=("$pkg")
     done

@@ -45,6 +45,7 @@
 #include <vector>
 
 #include "BpSim.h"
+#include "lapi_version.h"
 
 namespace {
 
@@ -60,6 +61,7 @@ const char kHelp[] =
     "  --nmea FILE  NMEA sentences sent with every position\n"
     "  --quiet      do not echo the messages\n"
     "  --help       this text\n"
+    "  --version    the version\n"
     "\n"
     "Commands on standard input, one per line:\n"
     "  send HEX...      frame the message (header first) and send it\n"
@@ -383,6 +385,9 @@ int main(int argc, char **argv) {
         if (arg == "--help" || arg == "-h") {
             fputs(kUsage, stdout);
             fputs(kHelp, stdout);
+            return 0;
+        } else if (arg == "--version") {
+            printf("bpsim %s\n", LAPI_VERSION_STRING);
             return 0;
         } else if (arg == "--quiet") {
             quiet = true;

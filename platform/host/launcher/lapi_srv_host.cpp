@@ -19,6 +19,7 @@
 #include "HOST_Root.h"
 #include "LAPI_SRV_Main.h"
 #include "LAPI_SRV_Paths.h"
+#include "lapi_version.h"
 
 namespace {
 
@@ -106,6 +107,10 @@ int main(int argc, char **argv) {
     for (int i = 1; i < argc; ++i) {
         if (strcmp(argv[i], "--help") == 0) {
             printf("%s\n", kUsage);
+            return 0;
+        }
+        if (strcmp(argv[i], "--version") == 0) {
+            printf("lapi_srv_host %s\n", LAPI_VERSION_STRING);
             return 0;
         }
     }
