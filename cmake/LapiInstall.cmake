@@ -34,6 +34,7 @@ if(TARGET lapi_shared)
   # tree works wherever it is unpacked (DESTDIR, a sysroot, a copy).
   file(RELATIVE_PATH LAPI_PC_TO_PREFIX
     /prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig /prefix)
+  string(REGEX REPLACE "/$" "" LAPI_PC_TO_PREFIX "${LAPI_PC_TO_PREFIX}")
   configure_file(${CMAKE_SOURCE_DIR}/cmake/lapi.pc.in ${CMAKE_BINARY_DIR}/lapi.pc @ONLY)
   install(FILES ${CMAKE_BINARY_DIR}/lapi.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 endif()

@@ -17,6 +17,8 @@
 
 #include <gtest/gtest.h>
 
+#include "ServerFixture.h"
+
 namespace {
 
 const std::string kBench = std::string(LAPI_BIN_DIR) + "/lapi_bench";
@@ -41,6 +43,7 @@ RunResult RunBench(const std::vector<std::string> &args, int timeoutMs) {
         argv.push_back(const_cast<char *>(a.c_str()));
     }
     argv.push_back(nullptr);
+    argv = lapitest::UnderEmulator(std::move(argv));
     pid_t pid = fork();
     if (pid == 0) {
         dup2(outPipe[1], 1);

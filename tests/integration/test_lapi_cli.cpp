@@ -51,13 +51,14 @@ class Tool {
             argv.push_back(const_cast<char *>(a.c_str()));
         }
         argv.push_back(nullptr);
+        argv = lapitest::UnderEmulator(std::move(argv));
         pid_ = fork();
         if (pid_ == 0) {
             dup2(out[1], 1);
             dup2(err[1], 2);
             int devnull = open("/dev/null", O_RDONLY);
             dup2(devnull, 0);
-            execv(kTool.c_str(), argv.data());
+            execv(argv[0], argv.data());
             _exit(127);
         }
         close(out[1]);

@@ -255,13 +255,16 @@ class BpSimProgram {
         if (pipe2(in, O_CLOEXEC) != 0 || pipe2(out, O_CLOEXEC) != 0) {
             return;
         }
+        std::string bin = std::string(LAPI_BIN_DIR) + "/bpsim";
+        std::vector<char *> argv = lapitest::UnderEmulator(
+            {bin.data(), const_cast<char *>("--root"), const_cast<char *>(root.c_str()),
+             const_cast<char *>("--lat"), const_cast<char *>("48.8566"),
+             const_cast<char *>("--lon"), const_cast<char *>("2.3522"), nullptr});
         pid_ = fork();
         if (pid_ == 0) {
             dup2(in[0], 0);
             dup2(out[1], 1);
-            std::string bin = std::string(LAPI_BIN_DIR) + "/bpsim";
-            execl(bin.c_str(), bin.c_str(), "--root", root.c_str(), "--lat", "48.8566", "--lon",
-                  "2.3522", static_cast<char *>(nullptr));
+            execv(argv[0], argv.data());
             _exit(127);
         }
         close(in[0]);
