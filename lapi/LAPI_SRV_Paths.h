@@ -16,11 +16,11 @@
 #define LAPI_SRV_FIX_LOG_FILE "/zellocal/download/appwrite/location_fix.log"
 #define LAPI_SRV_PUSH_PORT 2948
 
-extern const char *LAPI_SRV_pidFile;    /* "/tmp/lapi.pid" */
-extern const char *LAPI_SRV_sockPath;   /* "/tmp/lapisock" */
-extern const char *LAPI_SRV_muxDevice;  /* "/dev/mux18" */
-extern const char *LAPI_SRV_cfgFile;    /* "/zel_user/download/appwrite/setup/zel_agps.cfg" */
-extern const char *LAPI_SRV_fixLogFile; /* "/zellocal/download/appwrite/location_fix.log" */
+extern const char *LAPI_SRV_pidFile;     /* "/tmp/lapi.pid" */
+extern const char *LAPI_SRV_sockPath;    /* "/tmp/lapisock" */
+extern const char *LAPI_SRV_muxDevice;   /* "/dev/mux18" */
+extern const char *LAPI_SRV_cfgFile;     /* "/zel_user/download/appwrite/setup/zel_agps.cfg" */
+extern const char *LAPI_SRV_fixLogFile;  /* "/zellocal/download/appwrite/location_fix.log" */
 extern unsigned short LAPI_SRV_pushPort; /* 2948, the UDP port of the push intake */
 
 #endif /* LAPI_SRV_PATHS_H */

@@ -4,6 +4,10 @@
  */
 #include "LAPI_SRV_WAPPush.h"
 
-int LAPI_SRV_InitIPServer(void) { return 0; }
+int LAPI_SRV_InitIPServer(void) {
+    return 0;
+}
 
-int LAPI_SRV_RegisterTAPIClient(void) { return 0; }
+int LAPI_SRV_RegisterTAPIClient(void) {
+    return 0;
+}

@@ -6,6 +6,9 @@
 #                                build in build-asan/, every test
 #   scripts/test.sh --fuzz N     clang libFuzzer build in build-fuzz/, each fuzz
 #                                target runs N seconds from its seed corpus
+#                                fuzz/corpus/<target>/; one line per target
+#                                (executions, coverage, time); a finding fails
+#   scripts/test.sh --format     every tracked C and C++ file matches .clang-format
 #   scripts/test.sh --arm        cross-build for the handset (32-bit ARM) in
 #                                build-arm/, unit and integration tests under
 #                                qemu-arm
@@ -16,7 +19,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 . scripts/deps.sh
 
-usage() { echo "usage: scripts/test.sh [--sanitize | --fuzz SECONDS | --arm | --platform-off]" >&2; exit 2; }
+usage() { echo "usage: scripts/test.sh [--sanitize | --fuzz SECONDS | --format | --arm | --platform-off]" >&2; exit 2; }
 
 mode=normal
 seconds=0
@@ -24,9 +27,10 @@ case "${1:-}" in
     "") ;;
     --sanitize) mode=sanitize ;;
     --fuzz) mode=fuzz; seconds="${2:-}"; [[ "$seconds" =~ ^[0-9]+$ ]] || usage ;;
+    --format) mode=format ;;
     --arm) mode=arm ;;
     --platform-off) mode=platform-off ;;
-    -h|--help) sed -n '2,14p' "$0" | sed 's/^# \{0,1\}//'; exit 0 ;;
+    -h|--help) sed -n '2,17p' "$0" | sed 's/^# \{0,1\}//'; exit 0 ;;
     *) usage ;;
 esac
 
@@ -61,17 +65,50 @@ fuzz)
         targets+=("$(basename "$src" .cpp)")
     done
     cmake --build build-fuzz -j "$jobs" --target "${targets[@]}"
+    failed=0
     for name in "${targets[@]}"; do
         target="build-fuzz/bin/$name"
         corpus="build-fuzz/corpus/$name"
         mkdir -p "$corpus"
         seeds="fuzz/corpus/$name"
         [ -d "$seeds" ] || seeds=""
-        echo "== $name for ${seconds}s"
-        "$target" -max_total_time="$seconds" -print_final_stats=1 "$corpus" $seeds 2>&1 |
-            tail -n 15
-        test "${PIPESTATUS[0]}" -eq 0
+        log="build-fuzz/$name.log"
+        artifacts="build-fuzz/artifacts/$name/"
+        mkdir -p "$artifacts"
+        start=$SECONDS
+        rc=0
+        "$target" -max_total_time="$seconds" -print_final_stats=1 \
+            -artifact_prefix="$artifacts" "$corpus" $seeds >"$log" 2>&1 || rc=$?
+        # The last status line holds coverage and corpus; the final stats the
+        # number of executions.
+        execs=$(sed -n 's/^stat::number_of_executed_units: *//p' "$log" | tail -n 1)
+        cov=$(grep -o 'cov: [0-9]*' "$log" | tail -n 1 | sed 's/cov: //')
+        ft=$(grep -o 'ft: [0-9]*' "$log" | tail -n 1 | sed 's/ft: //')
+        corp=$(grep -o 'corp: [0-9]*' "$log" | tail -n 1 | sed 's/corp: //')
+        printf '%-20s %10s executions  cov %6s  ft %6s  corpus %5s  %4ss\n' "$name" \
+            "${execs:-?}" "${cov:-?}" "${ft:-?}" "${corp:-?}" "$((SECONDS - start))"
+        if [ "$rc" -ne 0 ]; then
+            echo "$name: FINDING (exit status $rc); the input is in $artifacts, the log in $log:" >&2
+            grep -E '^==[0-9]+==|SUMMARY|^#[0-9]+ |Test unit written' "$log" | tail -n 20 >&2 || true
+            failed=1
+        fi
     done
+    exit "$failed"
+    ;;
+format)
+    # Tracked files only: build folders and generated files stay out.
+    mapfile -t files < <(git ls-files '*.c' '*.cc' '*.cpp' '*.h' '*.hpp')
+    log=$(mktemp)
+    if clang-format --dry-run --Werror "${files[@]}" 2>"$log"; then
+        echo "format: ${#files[@]} files match .clang-format"
+        rm -f "$log"
+    else
+        grep -o '^[^:]*:[0-9]*:[0-9]*: error' "$log" | cut -d: -f1 | sort -u |
+            sed 's/^/format: does not match .clang-format: /' >&2
+        echo "format: run 'clang-format -i FILE' on each of them" >&2
+        rm -f "$log"
+        exit 1
+    fi
     ;;
 arm)
     # Tests that cannot run under user-mode emulation, each with its reason:

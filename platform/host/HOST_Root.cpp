@@ -15,7 +15,9 @@ extern "C" int HOST_SetRoot(const char *root) {
     return 0;
 }
 
-extern "C" const char *HOST_Root(void) { return gHostRoot; }
+extern "C" const char *HOST_Root(void) {
+    return gHostRoot;
+}
 
 extern "C" int HOST_Path(char *dst, size_t dstSize, const char *absPath) {
     int n = snprintf(dst, dstSize, "%s%s", gHostRoot, absPath);

@@ -168,6 +168,22 @@ inline Bytes ExpectedLocationRsp(uint8_t sid, uint8_t tid, const bpsim::Fix &fix
     return ToBytes(r);
 }
 
+/* The body of LOCATION_NOTIFICATION_BPAP_IND: types 3 and 1, coding 0x48,
+ * the name as UCS-2 characters, the address as it is. */
+inline Bytes NotificationBody(const std::string &name, const std::string &addr) {
+    Bytes body;
+    bpsim::PutU32(&body, 3);                                    /* notificationType */
+    bpsim::PutU32(&body, 1);                                    /* locationType */
+    bpsim::PutU8(&body, 0x48);                                  /* dataCodingSchema */
+    bpsim::PutU8(&body, static_cast<uint8_t>(2 * name.size())); /* nameLength */
+    for (char ch : name) {
+        bpsim::PutU16(&body, static_cast<uint16_t>(ch));
+    }
+    bpsim::PutU8(&body, static_cast<uint8_t>(addr.size()));
+    body.insert(body.end(), addr.begin(), addr.end());
+    return body;
+}
+
 inline bpsim::Fix SampleFix() {
     bpsim::Fix fix;
     fix.latitude = 48.8566;

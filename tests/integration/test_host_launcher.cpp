@@ -127,15 +127,26 @@ TEST_F(Launcher, RootTooLongForSocketPathIsRefused) {
     EXPECT_FALSE(IsDir(dir));
 }
 
-TEST_F(Launcher, HelpPrintsUsageOnStdoutAndExitsZero) {
-    ServerProcess *p = nullptr;
-    EXPECT_EQ(0, Run({"--help"}, &p));
-    ASSERT_NE(nullptr, p);
-    std::vector<std::string> out = p->StdoutLines();
-    ASSERT_EQ(1u, out.size());
-    EXPECT_EQ(kUsagePrefix, out[0]);
-    EXPECT_TRUE(p->StderrLines().empty());
-    EXPECT_FALSE(root_.Exists("/tmp"));
+TEST_F(Launcher, HelpDescribesTheLauncherOnStdoutAndExitsZero) {
+    for (const char *flag : {"--help", "-h"}) {
+        SCOPED_TRACE(flag);
+        ServerProcess *p = nullptr;
+        EXPECT_EQ(0, Run({flag}, &p));
+        ASSERT_NE(nullptr, p);
+        std::vector<std::string> out = p->StdoutLines();
+        ASSERT_LT(20u, out.size());
+        EXPECT_EQ(kUsagePrefix, out[0]);
+        std::string text = p->Text(Stream::Stdout);
+        for (const char *part :
+             {"DIR/tmp/lapisock", "DIR/tmp/lapi.pid", "DIR/dev/mux18",
+              "DIR/zel_user/download/appwrite/setup/zel_agps.cfg",
+              "DIR/zellocal/download/appwrite/location_fix.log", "flag 367", "DIR/etc/flex/N",
+              "DIR/run/napi.fifo", "DIR/run/tapi.fifo", "DIR/etc/certs", "SIGTERM"}) {
+            EXPECT_NE(std::string::npos, text.find(part)) << part;
+        }
+        EXPECT_TRUE(p->StderrLines().empty());
+        EXPECT_FALSE(root_.Exists("/tmp"));
+    }
 }
 
 TEST_F(Launcher, CreatesTheFolders) {

@@ -472,6 +472,66 @@ TEST(LapiCliConnect, NoServerExitsThree) {
     EXPECT_TRUE(Contains(r.out, "\"exitStatus\":3")) << r.out;
 }
 
+TEST(LapiCliUsage, JsonUsageErrorsAreOneObject) {
+    const std::vector<Args> cases = {
+        {"--json"},
+        {"--json", "bogus"},
+        {"locate", "--bogus", "--json"},
+        {"status", "--timeout", "0", "--json"},
+        {"geofence", "--json"},
+        {"distance", "1", "2", "3", "--json"},
+    };
+    for (const Args &args : cases) {
+        Result r = RunLapi(args);
+        EXPECT_EQ(r.status, 2) << args[0];
+        EXPECT_TRUE(AllJson(r.out)) << r.out;
+        EXPECT_EQ(Lines(r.out).size(), 1u) << r.out;
+        EXPECT_EQ(CountType(r.out, "error"), 1u) << r.out;
+        EXPECT_TRUE(Contains(r.out, "\"error\":\"usage\"")) << r.out;
+        EXPECT_TRUE(Contains(r.out, "\"exitStatus\":2")) << r.out;
+    }
+}
+
+TEST(LapiCliHelp, HelpStatesTheDefaultTimeoutsAndValues) {
+    Result r = RunLapi({"--help"});
+    EXPECT_TRUE(Contains(r.out, "Default timeouts: 5000 ms to connect")) << r.out;
+    EXPECT_TRUE(Contains(r.out, "45 s by default")) << r.out;
+    EXPECT_TRUE(Contains(r.out, "response time + 6 s")) << r.out;
+    r = RunLapi({"watch", "--help"});
+    EXPECT_TRUE(Contains(r.out, "a number from 0 to 4294967295 that the server hands")) << r.out;
+    r = RunLapi({"db-get", "--help"});
+    EXPECT_TRUE(Contains(r.out, "FILEID: a number from 0 to 4294967295")) << r.out;
+    r = RunLapi({"locate", "--help"});
+    EXPECT_TRUE(Contains(r.out, "MS / 1000 + 6 s")) << r.out;
+}
+
+TEST(LapiCliConnect, RefusedWithoutBpNamesTheChannel) {
+    lapitest::TempRoot root;
+    ASSERT_TRUE(root.ok());
+    lapitest::ServerProcess srv(root);
+    ASSERT_TRUE(srv.StartAndWaitReady());
+    for (bool json : {false, true}) {
+        Args args = {"status", "--root", root.Dir()};
+        if (json) {
+            args.push_back("--json");
+        }
+        Result r = RunLapi(args);
+        EXPECT_EQ(r.status, 1);
+        EXPECT_TRUE(Contains(r.err, "refused the registration")) << r.err;
+        EXPECT_TRUE(Contains(
+            r.err, "most likely no BP is attached: " + root.Dir() + "/dev/mux18 does not exist"))
+            << r.err;
+        EXPECT_TRUE(Contains(r.err, "\"Fail to open " + root.Dir() + "/dev/mux18\"")) << r.err;
+        EXPECT_TRUE(Contains(r.err, "'bpsim --root " + root.Dir() + "'")) << r.err;
+        if (json) {
+            EXPECT_TRUE(AllJson(r.out));
+            EXPECT_EQ(CountType(r.out, "error"), 1u) << r.out;
+        } else {
+            EXPECT_TRUE(r.out.empty()) << r.out;
+        }
+    }
+}
+
 /* ---- error answers, from a scripted server ---- */
 
 /* Handshake, then the script's answer to the first request; afterwards
@@ -491,6 +551,16 @@ void ServeOne(lapifake::FakeServer &srv,
         /* Wait for the tool to leave (or for unregisterReq), then close. */
         lapifake::WaitReadable(syncFd, 3000);
         s.CloseAll();
+    });
+}
+
+/* The scripted server answers the first request with timeOutRsp (1, 1). */
+void ServeTimeOutRsp(lapifake::FakeServer &srv) {
+    ServeOne(srv, [](int syncFd, int, const lapifake::ClientMsg &) {
+        TimeOutRsp rsp = lapifake::Make<TimeOutRsp>(LAPI_TIME_OUT_RSP);
+        rsp.sessionId = 1;
+        rsp.transactionId = 1;
+        lapifake::WriteMsg(syncFd, rsp);
     });
 }
 
@@ -568,7 +638,7 @@ TEST_P(LapiCliFake, AnswersOfOtherPairsAreIgnored) {
         EXPECT_TRUE(Contains(r.out, "\"distance\":343.5,\"azimuth\":12.25,\"conn\":\"async\""))
             << r.out;
     } else {
-        EXPECT_TRUE(Contains(r.out, "distance:      343.500")) << r.out;
+        EXPECT_TRUE(Contains(r.out, "distance: 343.5\n")) << r.out;
     }
 }
 
@@ -585,7 +655,8 @@ TEST_P(LapiCliFake, ErrorResultExitsOne) {
     });
     Result r = RunTool({"db-set", "3:0a0b"});
     EXPECT_EQ(r.status, 1);
-    EXPECT_TRUE(Contains(r.out, Json() ? "\"result\":-2" : "result:        -2")) << r.out;
+    EXPECT_TRUE(Contains(r.out, Json() ? "\"result\":-2" : "result: failed, BP code -2\n"))
+        << r.out;
 }
 
 TEST_P(LapiCliFake, NoAnswerInTimeExitsOne) {
@@ -630,7 +701,66 @@ TEST_P(LapiCliFake, RefusedRegistrationExitsOne) {
     Result r = RunTool({"watch"});
     EXPECT_EQ(r.status, 1);
     EXPECT_TRUE(Contains(r.err, "refused the registration")) << r.err;
-    EXPECT_TRUE(Contains(r.err, "network location requests")) << r.err;
+    EXPECT_TRUE(Contains(r.err, "another client already takes network location requests")) << r.err;
+    EXPECT_TRUE(Contains(r.err, "--no-mtlr")) << r.err;
+    if (Json()) {
+        EXPECT_EQ(CountType(r.out, "error"), 1u) << r.out;
+        EXPECT_TRUE(Contains(r.out, "\"error\":\"refused\"")) << r.out;
+    }
+}
+
+TEST_P(LapiCliFake, LocateAbortedByTheServerSaysNoFixCameInTime) {
+    ASSERT_TRUE(srv.Ok());
+    ServeOne(srv, [](int syncFd, int, const lapifake::ClientMsg &) {
+        AbortLocationRsp rsp = lapifake::Make<AbortLocationRsp>(LAPI_ABORT_LOCATION_RSP);
+        rsp.sessionId = 1;
+        rsp.transactionId = 1;
+        rsp.result = 0;
+        lapifake::WriteMsg(syncFd, rsp);
+    });
+    Result r = RunTool({"locate", "--response-time", "4000"});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_TRUE(Contains(r.err, "no fix came in time")) << r.err;
+    EXPECT_TRUE(Contains(r.err, "response time + 6 s (10 s here)")) << r.err;
+    if (Json()) {
+        EXPECT_EQ(Lines(r.out).size(), 1u) << r.out;
+        EXPECT_TRUE(Contains(r.out, "\"hint\":\"no fix came in time")) << r.out;
+    } else {
+        EXPECT_TRUE(Contains(r.out, "result: success (0)")) << r.out;
+    }
+}
+
+TEST_P(LapiCliFake, LocateTimedOutByTheServerSaysTheBpWentAway) {
+    ASSERT_TRUE(srv.Ok());
+    ServeTimeOutRsp(srv);
+    Result r = RunTool({"locate"});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_TRUE(Contains(r.err, "has most likely gone away")) << r.err;
+    if (Json()) {
+        EXPECT_EQ(Lines(r.out).size(), 1u) << r.out;
+        EXPECT_EQ(CountType(r.out, "timeOutRsp"), 1u) << r.out;
+    }
+}
+
+TEST_P(LapiCliFake, TimeOutRspOfOtherRequestsNamesTheBpDeadline) {
+    ASSERT_TRUE(srv.Ok());
+    ServeTimeOutRsp(srv);
+    Result r = RunTool({"last"});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_TRUE(Contains(r.err, "the BP did not answer within the server's deadline")) << r.err;
+}
+
+TEST_P(LapiCliFake, NoAnswerSaysTheServerIsStuck) {
+    ASSERT_TRUE(srv.Ok());
+    ServeOne(srv, [](int, int, const lapifake::ClientMsg &) {});
+    Result r = RunTool({"last", "--timeout", "300"});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_TRUE(Contains(r.err, "most likely stuck")) << r.err;
+    EXPECT_TRUE(Contains(r.err, "--timeout MS")) << r.err;
+    if (Json()) {
+        EXPECT_EQ(Lines(r.out).size(), 1u) << r.out;
+        EXPECT_TRUE(Contains(r.out, "\"hint\":")) << r.out;
+    }
 }
 
 INSTANTIATE_TEST_SUITE_P(Formats, LapiCliFake, ::testing::Bool(),
@@ -722,11 +852,12 @@ TEST_P(LapiCli, LocatePrintsTheFix) {
     EXPECT_EQ(r.status, 0) << r.err;
     EXPECT_EQ(Count(r, "getLocationRsp", "Location fix"), 1u) << r.out;
     if (Json()) {
-        EXPECT_TRUE(Contains(r.out, "\"latitude\":48.8565")) << r.out;
+        EXPECT_TRUE(Contains(r.out, "\"latitude\":48.8566,\"longitude\":2.3522,")) << r.out;
         EXPECT_TRUE(Contains(r.out, "\"nmea\":\"$GPGGA,120000.00")) << r.out;
     } else {
-        EXPECT_TRUE(Contains(r.out, "  latitude:           48.8566000\n")) << r.out;
-        EXPECT_TRUE(Contains(r.out, "  longitude:          2.3522000\n")) << r.out;
+        EXPECT_TRUE(Contains(r.out, "  latitude:           48.8566\n")) << r.out;
+        EXPECT_TRUE(Contains(r.out, "  longitude:          2.3522\n")) << r.out;
+        EXPECT_TRUE(Contains(r.out, "  speed:              0\n")) << r.out;
         EXPECT_TRUE(Contains(r.out, "\n    $GPGGA,120000.00")) << r.out;
     }
     auto req = sim_.WaitForSubCmd(GEOLOCATION_APBP_REQ, 1000);
@@ -775,9 +906,11 @@ TEST_P(LapiCli, LastPrintsTheFix) {
     Result r = RunTool({"last", "--sid", "7", "--tid", "8"});
     EXPECT_EQ(r.status, 0) << r.err;
     EXPECT_EQ(Count(r, "getLocationRsp", "Location fix"), 1u) << r.out;
-    EXPECT_TRUE(Contains(
-        r.out, Json() ? "\"sessionId\":7,\"transactionId\":8" : "  sessionId:          7\n"))
-        << r.out;
+    if (Json()) {
+        EXPECT_TRUE(Contains(r.out, "\"sessionId\":7,\"transactionId\":8")) << r.out;
+    } else {
+        EXPECT_FALSE(Contains(r.out, "sessionId")) << "protocol ids only with --verbose";
+    }
     EXPECT_TRUE(sim_.WaitForSubCmd(LAST_KNOWN_GEOLOCATION_APBP_REQ, 1000).has_value());
 }
 
@@ -788,13 +921,15 @@ TEST_P(LapiCli, StatusPrintsEveryField) {
     if (Json()) {
         EXPECT_TRUE(Contains(r.out,
                              "\"userStatus\":20,\"hwStatus\":21,\"fixStatus\":22,"
-                             "\"emergencyStatus\":23,\"fixResultStatus.status\":24,"
-                             "\"fixResultStatus.cause\":25,\"signalStatus\":26,"
+                             "\"emergencyStatus\":23,\"fixResultStatus\":{\"status\":24,"
+                             "\"cause\":25},\"signalStatus\":26,"
                              "\"iconStatus\":27,\"conn\":\"async\""))
             << r.out;
     } else {
-        EXPECT_TRUE(Contains(r.out, "  userStatus:             20\n")) << r.out;
-        EXPECT_TRUE(Contains(r.out, "  iconStatus:             27\n")) << r.out;
+        EXPECT_TRUE(Contains(r.out, "  userStatus:      BP value 20\n")) << r.out;
+        EXPECT_TRUE(Contains(r.out, "  fixResultStatus: failed, BP code 24; cause BP cause 25\n"))
+            << r.out;
+        EXPECT_TRUE(Contains(r.out, "  iconStatus:      BP value 27\n")) << r.out;
     }
 }
 
@@ -802,8 +937,7 @@ TEST_P(LapiCli, DistancePrintsDistanceAndAzimuth) {
     Result r = RunTool({"distance", "48.8566", "2.3522", "51.5074", "-0.1278", "--distance-only"});
     EXPECT_EQ(r.status, 0) << r.err;
     EXPECT_EQ(Count(r, "distanceAzimuthRsp", "Distance and azimuth"), 1u) << r.out;
-    EXPECT_TRUE(
-        Contains(r.out, Json() ? "\"distance\":343556.25" : "  distance:      343556.250\n"))
+    EXPECT_TRUE(Contains(r.out, Json() ? "\"distance\":343556.25" : "  distance: 343556.25\n"))
         << r.out;
     auto req = sim_.WaitForSubCmd(DISTANCE_AND_AZIMUTH_APBP_REQ, 1000);
     ASSERT_TRUE(req.has_value());
@@ -858,7 +992,7 @@ TEST_P(LapiCli, GeofenceAddReportsTheStatus) {
     Result r = RunTool({"geofence", "add", "1", "2", "3", "--altitude", "4"});
     EXPECT_EQ(r.status, 0) << r.err;
     EXPECT_EQ(Count(r, "addProximityRsp", "Proximity area added"), 1u) << r.out;
-    EXPECT_TRUE(Contains(r.out, Json() ? "\"status\":0" : "  status:        0\n")) << r.out;
+    EXPECT_TRUE(Contains(r.out, Json() ? "\"status\":0" : "  status: success (0)\n")) << r.out;
 }
 
 TEST_P(LapiCli, GeofenceRemoveOfAnUnknownAreaExitsOne) {
@@ -887,7 +1021,7 @@ TEST_P(LapiCli, AbortOfAnotherProcessRequestExitsOne) {
 TEST_P(LapiCli, AbortAllIsConfirmed) {
     Result r = RunTool({"abort-all"});
     EXPECT_EQ(r.status, 0) << r.err;
-    EXPECT_EQ(Count(r, "abortAllLocationReq", "Every running location request is being aborted"),
+    EXPECT_EQ(Count(r, "abort-all", "abort-all: every running location request is being aborted"),
               1u)
         << r.out;
 }
@@ -957,6 +1091,29 @@ TEST_P(LapiCli, SilentServerHitsTheToolTimeout) {
     Result r = RunTool({"status", "--timeout", "400"});
     EXPECT_EQ(r.status, 1);
     EXPECT_TRUE(Contains(r.err, "no answer from the server within 400 ms")) << r.err;
+}
+
+TEST_P(LapiCli, VerboseShowsTheProtocolIds) {
+    Result r = RunTool({"last", "--sid", "7", "--tid", "8", "--verbose"});
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_TRUE(Contains(
+        r.out, Json() ? "\"sessionId\":7,\"transactionId\":8" : "  sessionId:          7\n"))
+        << r.out;
+    EXPECT_TRUE(Contains(r.out, Json() ? "\"conn\":\"sync\"" : "  conn:               sync\n"))
+        << r.out;
+}
+
+TEST_P(LapiCli, ZeroFromTheBpPrintsAsZero) {
+    Result r = RunTool({"locate"});
+    EXPECT_EQ(r.status, 0) << r.err;
+    if (Json()) {
+        EXPECT_TRUE(Contains(r.out, "\"speed\":0,\"course\":0,")) << r.out;
+        EXPECT_TRUE(Contains(r.out, "\"locationMethod\":0,\"cause\":0,")) << r.out;
+    } else {
+        EXPECT_TRUE(Contains(r.out, "  course:             0\n")) << r.out;
+        EXPECT_TRUE(Contains(r.out, "  locationMethod:     BP method 0\n")) << r.out;
+        EXPECT_TRUE(Contains(r.out, "  cause:              none (0)\n")) << r.out;
+    }
 }
 
 INSTANTIATE_TEST_SUITE_P(Formats, LapiCli, ::testing::Bool(),

@@ -249,21 +249,28 @@ namespace {
 /* The bpsim program with a pipe on its standard input and output. */
 class BpSimProgram {
   public:
-    explicit BpSimProgram(const std::string &root) {
+    /* Standard error goes to the same pipe as standard output. */
+    explicit BpSimProgram(const std::string &root, const std::vector<std::string> &args = {
+                                                       "--lat", "48.8566", "--lon", "2.3522"}) {
         int in[2];
         int out[2];
         if (pipe2(in, O_CLOEXEC) != 0 || pipe2(out, O_CLOEXEC) != 0) {
             return;
         }
         std::string bin = std::string(LAPI_BIN_DIR) + "/bpsim";
-        std::vector<char *> argv = lapitest::UnderEmulator(
-            {bin.data(), const_cast<char *>("--root"), const_cast<char *>(root.c_str()),
-             const_cast<char *>("--lat"), const_cast<char *>("48.8566"),
-             const_cast<char *>("--lon"), const_cast<char *>("2.3522"), nullptr});
+        std::vector<std::string> all = {bin, "--root", root};
+        all.insert(all.end(), args.begin(), args.end());
+        std::vector<char *> argv;
+        for (std::string &a : all) {
+            argv.push_back(a.data());
+        }
+        argv.push_back(nullptr);
+        argv = lapitest::UnderEmulator(std::move(argv));
         pid_ = fork();
         if (pid_ == 0) {
             dup2(in[0], 0);
             dup2(out[1], 1);
+            dup2(out[1], 2);
             execv(argv[0], argv.data());
             _exit(127);
         }
@@ -324,6 +331,20 @@ class BpSimProgram {
     /* Returns once every command written before has run (the program reads
      * its commands and the channel in one loop). */
     bool Sync() { return Command("areas") && !WaitLine("bpsim: areas").empty(); }
+    pid_t Pid() const { return pid_; }
+    /* Waits for it to end on its own; its exit status, or -1 on timeout. */
+    int WaitExit(int timeoutMs) {
+        auto start = Clock::now();
+        while (pid_ > 0 && MsSince(start) < timeoutMs) {
+            int status = 0;
+            if (waitpid(pid_, &status, WNOHANG) == pid_) {
+                pid_ = -1;
+                return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+            }
+            usleep(5000);
+        }
+        return -1;
+    }
     /* Terminates it; its exit status. */
     int Stop() {
         if (pid_ <= 0) {
@@ -441,5 +462,363 @@ TEST(BpSimProgramCommands, ResultsIndicationsAndReportsThroughTheCommandLine) {
     EXPECT_EQ("bpsim: areas", bp.WaitLine("bpsim: areas"));
 
     EXPECT_EQ(0, srv.Stop());
+    EXPECT_EQ(0, bp.Stop());
+}
+
+/* ------------------------------------------------------------------------ */
+/* The bpsim program's command line and scripts                              */
+/* ------------------------------------------------------------------------ */
+
+namespace {
+
+const std::string kBpSimBin = std::string(LAPI_BIN_DIR) + "/bpsim";
+const std::string kLapiBin = std::string(LAPI_BIN_DIR) + "/lapi";
+
+/* Runs bpsim with exactly these arguments, expecting it to refuse them;
+ * its exit status, and its standard error in *pErr. */
+int RunRefused(const lapitest::TempRoot &root, const std::vector<std::string> &args,
+               std::string *pErr) {
+    lapitest::ServerOptions o;
+    o.binary = kBpSimBin;
+    o.rawArgs = args;
+    lapitest::ServerProcess p(root, o);
+    if (!p.Start()) {
+        return -1;
+    }
+    int rc = p.WaitExit(kWaitMs);
+    p.WaitOutputClosed();
+    *pErr = p.Text(lapitest::Stream::Stderr);
+    return rc;
+}
+
+bool Has(const std::string &text, const std::string &part) {
+    return text.find(part) != std::string::npos;
+}
+
+/* A lapi command's output lines, each with the time it arrived. */
+struct TimedLine {
+    int64_t ms;
+    std::string text;
+};
+
+std::vector<TimedLine> RunLapiTimed(const std::string &args) {
+    std::vector<TimedLine> lines;
+    std::string cmd = kLapiBin + " " + args + " 2>/dev/null";
+    FILE *p = popen(cmd.c_str(), "r");
+    if (p == nullptr) {
+        return lines;
+    }
+    char buf[4096];
+    while (fgets(buf, sizeof(buf), p) != nullptr) {
+        lines.push_back({lapitest::NowMs(), buf});
+    }
+    pclose(p);
+    return lines;
+}
+
+/* The value of a JSON number field of one line of lapi --json. */
+std::string JsonField(const std::string &line, const std::string &name) {
+    size_t at = line.find("\"" + name + "\":");
+    if (at == std::string::npos) {
+        return "";
+    }
+    at += name.size() + 3;
+    return line.substr(at, line.find_first_of(",}", at) - at);
+}
+
+}  // namespace
+
+TEST(BpSimCommandLine, RefusesARelativeRoot) {
+    lapitest::TempRoot root;
+    std::string err;
+    EXPECT_EQ(2, RunRefused(root, {"--root", "relative/dir"}, &err));
+    EXPECT_TRUE(Has(err, "bpsim: --root wants an absolute path, not 'relative/dir'")) << err;
+    EXPECT_TRUE(Has(err, "usage: bpsim --root DIR")) << err;
+}
+
+TEST(BpSimCommandLine, RefusesARootThatDoesNotExist) {
+    lapitest::TempRoot root;
+    std::string missing = root.Dir() + "/typo";
+    std::string err;
+    EXPECT_EQ(2, RunRefused(root, {"--root", missing}, &err));
+    EXPECT_TRUE(Has(err, "bpsim: --root '" + missing + "' is not an existing folder")) << err;
+    EXPECT_FALSE(root.Exists("/typo")) << "a mistyped root is not created";
+}
+
+TEST(BpSimCommandLine, RefusesARootAnotherSimulatorServes) {
+    lapitest::TempRoot root;
+    BpSimProgram first(root.Dir());
+    ASSERT_EQ("bpsim: ready " + root.Dir() + "/dev/mux18", first.WaitLine("bpsim: ready"));
+    char before[256] = {0};
+    ASSERT_GT(readlink(root.Path("/dev/mux18").c_str(), before, sizeof(before) - 1), 0);
+    std::string err;
+    EXPECT_EQ(1, RunRefused(root, {"--root", root.Dir()}, &err));
+    EXPECT_TRUE(
+        Has(err, "bpsim: --root '" + root.Dir() + "' is already served by another simulator (pid " +
+                     std::to_string(first.Pid()) + " holds " + root.Dir() + "/dev/bpsim.lock)"))
+        << err;
+    /* The refused one left the first one's link alone. */
+    char after[256] = {0};
+    ASSERT_GT(readlink(root.Path("/dev/mux18").c_str(), after, sizeof(after) - 1), 0);
+    EXPECT_STREQ(before, after);
+    EXPECT_EQ(0, first.Stop());
+    EXPECT_FALSE(root.Exists("/dev/mux18"));
+    EXPECT_FALSE(root.Exists("/dev/bpsim.lock"));
+}
+
+TEST(BpSimCommandLine, RefusesALinkToALiveTerminal) {
+    lapitest::TempRoot root;
+    lapitest::MuxPty pty(root); /* another BP end holds DIR/dev/mux18 */
+    ASSERT_TRUE(pty.ok());
+    std::string err;
+    EXPECT_EQ(1, RunRefused(root, {"--root", root.Dir()}, &err));
+    EXPECT_TRUE(Has(err, "is already served: " + root.Dir() +
+                             "/dev/mux18 leads to the live "
+                             "terminal"))
+        << err;
+}
+
+TEST(BpSimCommandLine, ReplacesAStaleLink) {
+    lapitest::TempRoot root;
+    ASSERT_TRUE(root.MakeDirs("/dev"));
+    ASSERT_EQ(0, symlink("/dev/pts/987654", root.Path("/dev/mux18").c_str()));
+    BpSimProgram bp(root.Dir());
+    EXPECT_EQ("bpsim: ready " + root.Dir() + "/dev/mux18", bp.WaitLine("bpsim: ready"));
+    EXPECT_EQ(0, bp.Stop());
+}
+
+TEST(BpSimCommandLine, BadNumbersNameTheArgument) {
+    lapitest::TempRoot root;
+    const struct {
+        std::vector<std::string> args;
+        std::string message;
+    } cases[] = {
+        {{"--lat", "north"}, "bpsim: --lat wants degrees from -90 to 90, not 'north'"},
+        {{"--lat", "90.5"}, "bpsim: --lat wants degrees from -90 to 90, not '90.5'"},
+        {{"--lon", "-181"}, "bpsim: --lon wants degrees from -180 to 180, not '-181'"},
+        {{"--alt", "1e400"}, "bpsim: --alt wants metres, not '1e400'"},
+        {{"--lat"}, "bpsim: --lat needs a value"},
+        {{"--speed", "1"}, "bpsim: unknown option '--speed'"},
+    };
+    for (const auto &c : cases) {
+        std::vector<std::string> args = {"--root", root.Dir()};
+        args.insert(args.end(), c.args.begin(), c.args.end());
+        std::string err;
+        EXPECT_EQ(2, RunRefused(root, args, &err)) << c.message;
+        EXPECT_TRUE(Has(err, c.message)) << err;
+    }
+    std::string err;
+    EXPECT_EQ(2, RunRefused(root, {}, &err));
+    EXPECT_TRUE(Has(err, "bpsim: --root DIR is required")) << err;
+}
+
+TEST(BpSimCommandLine, MissingNmeaFileIsAnError) {
+    lapitest::TempRoot root;
+    std::string err;
+    EXPECT_EQ(2, RunRefused(root, {"--root", root.Dir(), "--nmea", root.Dir() + "/no.nmea"}, &err));
+    EXPECT_TRUE(Has(
+        err, "bpsim: --nmea cannot read '" + root.Dir() + "/no.nmea': No such file or directory"))
+        << err;
+    EXPECT_FALSE(root.Exists("/dev/mux18"));
+}
+
+TEST(BpSimCommandLine, MissingOrBadScriptIsAnError) {
+    lapitest::TempRoot root;
+    std::string err;
+    EXPECT_EQ(2,
+              RunRefused(root, {"--root", root.Dir(), "--script", root.Dir() + "/no.txt"}, &err));
+    EXPECT_TRUE(Has(err, "bpsim: --script '" + root.Dir() + "/no.txt': No such file")) << err;
+    ASSERT_TRUE(root.WriteFile("/bad.txt", "# fine\nfix 1 2 3\nteleport 4 5\n"));
+    EXPECT_EQ(2, RunRefused(root, {"--root", root.Dir(), "--script", root.Path("/bad.txt")}, &err));
+    EXPECT_TRUE(Has(err, "line 3: unknown command 'teleport'")) << err;
+}
+
+TEST(BpSimCommandLine, HelpListsEveryCommand) {
+    FILE *p = popen((kBpSimBin + " --help").c_str(), "r");
+    ASSERT_NE(p, nullptr);
+    std::string out;
+    char buf[512];
+    while (fgets(buf, sizeof(buf), p) != nullptr) {
+        out += buf;
+    }
+    EXPECT_EQ(0, pclose(p));
+    for (const char *cmd :
+         {"send",      "raw",      "fix",    "silent",   "delay",  "answer", "result",
+          "statusrsp", "distance", "dbfile", "periodic", "status", "notify", "notifystatus",
+          "hit",       "report",   "areas",  "replay",   "sleep",  "quit"}) {
+        EXPECT_TRUE(Has(out, std::string("\n  ") + cmd + " ") ||
+                    Has(out, std::string("\n  ") + cmd + "\n"))
+            << cmd;
+    }
+    EXPECT_TRUE(Has(out, "--script FILE")) << out;
+}
+
+/* The server's periodic reports come as often as the request asks, with
+ * no command to the simulator. */
+TEST(BpSimPeriodic, DefaultSimulatorReportsAtTheRequestedInterval) {
+    lapitest::TempRoot root;
+    BpSimProgram bp(root.Dir(), {"--quiet"});
+    ASSERT_FALSE(bp.WaitLine("bpsim: ready").empty());
+    lapitest::ServerProcess srv(root);
+    ASSERT_TRUE(srv.StartAndWaitReady());
+    auto lines = RunLapiTimed("--root " + root.Dir() + " locate --periodic 1 --count 3 --json");
+    std::vector<int64_t> fixes;
+    for (const TimedLine &l : lines) {
+        if (l.text.rfind("{\"type\":\"getLocationRsp\"", 0) == 0) {
+            fixes.push_back(l.ms);
+        }
+    }
+    ASSERT_EQ(3u, fixes.size());
+    /* About a second apart: the first at once, the next two on the
+     * request's interval. */
+    EXPECT_GE(fixes[1] - fixes[0], 800);
+    EXPECT_GE(fixes[2] - fixes[1], 800);
+    ASSERT_FALSE(lines.empty());
+    EXPECT_EQ(0u, lines.back().text.find("{\"type\":\"abortLocationRsp\""));
+    EXPECT_EQ(0, srv.Stop());
+    EXPECT_EQ(0, bp.Stop());
+}
+
+/* A script: comments, sleep, commands of every kind, and the end. */
+TEST(BpSimScript, RunsCommandsInOrderWithSleeps) {
+    lapitest::TempRoot root;
+    ASSERT_TRUE(root.WriteFile("/s.txt",
+                               "# set up the answers\n"
+                               "\n"
+                               "fix 10.5 20.25 30\n"
+                               "statusrsp 1 2 3 4 5 6 7 8\n"
+                               "distance 1500 45\n"
+                               "dbfile 9 0a0b\n"
+                               "result 06 0\n"
+                               "silent 16\n"
+                               "answer 16\n"
+                               "delay 0e 10\n"
+                               "answer 0e\n"
+                               "periodic request\n"
+                               "areas\n"
+                               "sleep 400\n"
+                               "   # indented comment\n"
+                               "areas\n"
+                               "fix 1 2\n"));
+    BpSimProgram bp(root.Dir(), {"--script", root.Path("/s.txt")});
+    ASSERT_FALSE(bp.WaitLine("bpsim: ready").empty());
+    int64_t first = 0;
+    ASSERT_EQ("bpsim: areas", bp.WaitLine("bpsim: areas"));
+    first = lapitest::NowMs();
+    ASSERT_EQ("bpsim: areas", bp.WaitLine("bpsim: areas"));
+    EXPECT_GE(lapitest::NowMs() - first, 350) << "sleep 400 held the second 'areas' back";
+    /* A bad line names the file and the line, and the script goes on. */
+    EXPECT_EQ("bpsim: " + root.Path("/s.txt") + ":17: usage: fix LAT LON ALT",
+              bp.WaitLine("bpsim: " + root.Path("/s.txt")));
+
+    lapitest::ServerProcess srv(root);
+    ASSERT_TRUE(srv.StartAndWaitReady());
+    auto lines = RunLapiTimed("--root " + root.Dir() + " locate --json");
+    ASSERT_EQ(1u, lines.size());
+    EXPECT_EQ("10.5", JsonField(lines[0].text, "latitude"));
+    EXPECT_EQ("20.25", JsonField(lines[0].text, "longitude"));
+    lines = RunLapiTimed("--root " + root.Dir() + " distance 1 2 3 4 --json");
+    ASSERT_EQ(1u, lines.size());
+    EXPECT_EQ("1500", JsonField(lines[0].text, "distance"));
+    lines = RunLapiTimed("--root " + root.Dir() + " status --json");
+    ASSERT_EQ(1u, lines.size());
+    EXPECT_EQ("8", JsonField(lines[0].text, "iconStatus"));
+    EXPECT_EQ(0, srv.Stop());
+    EXPECT_EQ(0, bp.Stop());
+}
+
+TEST(BpSimScript, IndicationsFromAScriptReachTheClients) {
+    lapitest::TempRoot root;
+    lapitest::ServerProcess srv(root);
+    /* The script waits for the client below to register. */
+    ASSERT_TRUE(root.WriteFile("/s.txt",
+                               "sleep 2000\n"
+                               "status 1 2 3 4 5 -6 7 8\n"
+                               "notify 48 64 3 1 72 Bob tel:1\n"
+                               "notifystatus 48 64 -3\n"
+                               "send 08 00 00 00 00 00 09 00 00 00 09 00 00 00 09 00 00 00 09 "
+                               "00 00 00 09 00 00 00 09 00 00 00 09 00 00 00 09\n"
+                               "raw 50\n"
+                               "quit\n"));
+    BpSimProgram bp(root.Dir(), {"--script", root.Path("/s.txt"), "--quiet"});
+    ASSERT_FALSE(bp.WaitLine("bpsim: ready").empty());
+    ASSERT_TRUE(srv.StartAndWaitReady());
+    TestClient c(root.Dir());
+    ASSERT_TRUE(c.Handshake(LAPI_SERVICE_STATUS | LAPI_SERVICE_MTLR));
+    auto next = [&c]() {
+        auto m = c.Async().RecvMsg(kWaitMs);
+        return m ? m->Raw() : Bytes();
+    };
+    EXPECT_EQ(StatusRsp(LAPI_STATUS_CHANGE_IND, 0, 0, bpsim::Status{1, 2, 3, 4, 5, -6, 7, 8}),
+              next());
+    EXPECT_EQ(NotificationInd(48, 64, 3, 1, 72, "Bob", "tel:1"), next());
+    EXPECT_EQ(PairI32Rsp(LAPI_NOTIFICATION_STATUS_IND, 48, 64, -3), next());
+    EXPECT_EQ(StatusRsp(LAPI_STATUS_CHANGE_IND, 0, 0, bpsim::Status{9, 9, 9, 9, 9, 9, 9, 9}),
+              next());
+    /* quit ends the simulator. */
+    EXPECT_EQ(0, bp.WaitExit(kWaitMs));
+    EXPECT_EQ(0, srv.Stop());
+}
+
+/* A track replayed from a script moves the position that the periodic
+ * reports carry. */
+TEST(BpSimScript, ReplayMovesThePosition) {
+    lapitest::TempRoot root;
+    std::string track;
+    for (int i = 0; i < 8; ++i) {
+        char line[128];
+        /* 48 deg 51.000 + i minutes north: each step is 1/60 degree. */
+        snprintf(line, sizeof(line),
+                 "$GPGGA,1200%02d.00,48%02d.000,N,00221.132,E,1,08,0.9,%d.0,M,45.0,M,,*00\r\n", i,
+                 51 + i, 35 + i);
+        track += line;
+        snprintf(line, sizeof(line),
+                 "$GPRMC,1200%02d.00,A,48%02d.000,N,00221.132,E,10.0,90.0,"
+                 "010124,,*00\r\n",
+                 i, 51 + i);
+        track += line;
+    }
+    track += "$GPGSV,1,1,00*79\r\n";
+    ASSERT_TRUE(root.WriteFile("/track.nmea", track));
+    ASSERT_TRUE(root.WriteFile("/s.txt", "replay " + root.Path("/track.nmea") + " 400\n"));
+    BpSimProgram bp(root.Dir(), {"--script", root.Path("/s.txt")});
+    ASSERT_FALSE(bp.WaitLine("bpsim: ready").empty());
+    EXPECT_EQ("bpsim: replay 1/8 48.8500000 2.3522000", bp.WaitLine("bpsim: replay"));
+    lapitest::ServerProcess srv(root);
+    ASSERT_TRUE(srv.StartAndWaitReady());
+    auto lines =
+        RunLapiTimed("--root " + root.Dir() + " locate --periodic 1 --count 3 --nmea --json");
+    std::vector<double> lats;
+    for (const TimedLine &l : lines) {
+        if (l.text.rfind("{\"type\":\"getLocationRsp\"", 0) == 0) {
+            lats.push_back(atof(JsonField(l.text, "latitude").c_str()));
+            EXPECT_TRUE(Has(l.text, "$GPRMC,1200")) << "the epoch's sentences go along";
+            EXPECT_EQ("5.144", JsonField(l.text, "speed").substr(0, 5)) << "10 knots in m/s";
+        }
+    }
+    ASSERT_EQ(3u, lats.size());
+    EXPECT_LT(lats[0], lats[1]);
+    EXPECT_LT(lats[1], lats[2]);
+    EXPECT_FALSE(bp.WaitLine("bpsim: replay done").empty());
+    EXPECT_EQ(0, srv.Stop());
+    EXPECT_EQ(0, bp.Stop());
+}
+
+TEST(BpSimScript, ReplayOfAFileWithoutPositionsIsRefused) {
+    lapitest::TempRoot root;
+    ASSERT_TRUE(root.WriteFile("/empty.nmea", "$GPGSV,1,1,00*79\r\n$GPGGA,1,,,,,0,,,,,,,,*00\r\n"));
+    ASSERT_TRUE(root.WriteFile("/s.txt", "replay " + root.Path("/empty.nmea") + "\nreplay " +
+                                             root.Path("/none.nmea") + "\nreplay x 0\nareas\n"));
+    BpSimProgram bp(root.Dir(), {"--script", root.Path("/s.txt")});
+    ASSERT_FALSE(bp.WaitLine("bpsim: ready").empty());
+    std::string where = "bpsim: " + root.Path("/s.txt") + ":";
+    EXPECT_EQ(where + "1: replay: '" + root.Path("/empty.nmea") +
+                  "' holds no GGA or RMC sentence with a valid position",
+              bp.WaitLine(where + "1:"));
+    EXPECT_EQ(where + "2: replay: cannot read '" + root.Path("/none.nmea") +
+                  "': No such file or directory",
+              bp.WaitLine(where + "2:"));
+    EXPECT_EQ(where + "3: usage: replay FILE [MS]|stop", bp.WaitLine(where + "3:"));
+    EXPECT_EQ("bpsim: areas", bp.WaitLine("bpsim: areas"));
     EXPECT_EQ(0, bp.Stop());
 }

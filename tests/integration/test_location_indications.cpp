@@ -108,17 +108,8 @@ TEST_F(LocationIndications, StatusChangeReachesEveryStatusClient) {
 TEST_F(LocationIndications, NotificationReachesMtlrClientAndItsAnswerGoesBackWithBpPair) {
     auto mtlr = NewClient(LAPI_SERVICE_MTLR);
     auto status = NewClient(LAPI_SERVICE_STATUS);
-    Bytes body;
-    bpsim::PutU32(&body, 3);   /* notificationType */
-    bpsim::PutU32(&body, 1);   /* locationType */
-    bpsim::PutU8(&body, 0x48); /* dataCodingSchema */
-    bpsim::PutU8(&body, 6);    /* nameLength */
-    for (char ch : std::string("Bob")) {
-        bpsim::PutU16(&body, static_cast<uint16_t>(ch));
-    }
     const std::string addr = "tel:+123";
-    bpsim::PutU8(&body, static_cast<uint8_t>(addr.size()));
-    body.insert(body.end(), addr.begin(), addr.end());
+    Bytes body = NotificationBody("Bob", addr);
     ASSERT_TRUE(sim_.Send(bpsim::MakeMsg(LOCATION_NOTIFICATION_BPAP_IND, 0x30, 0x40, body)));
 
     LocationNotificationInd want = PairMsg<LocationNotificationInd>(

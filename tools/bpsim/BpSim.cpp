@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cmath>
 #include <fstream>
 #include <sstream>
 
@@ -208,6 +209,117 @@ std::optional<std::string> LoadNmeaFile(const std::string &path) {
         out += "\r\n";
     }
     return out;
+}
+
+namespace {
+
+/* ddmm.mmmm (or dddmm.mmmm) and a hemisphere letter to signed degrees. */
+std::optional<double> NmeaDegrees(const std::string &value, const std::string &hemi, char neg,
+                                  char pos, double limit) {
+    if (value.empty() || hemi.size() != 1 || (hemi[0] != neg && hemi[0] != pos)) {
+        return std::nullopt;
+    }
+    char *end = nullptr;
+    double raw = strtod(value.c_str(), &end);
+    if (end == value.c_str() || *end != '\0' || raw < 0) {
+        return std::nullopt;
+    }
+    double deg = static_cast<int>(raw / 100) + fmod(raw, 100.0) / 60.0;
+    if (deg > limit) {
+        return std::nullopt;
+    }
+    return hemi[0] == neg ? -deg : deg;
+}
+
+std::optional<double> NmeaNumber(const std::string &value) {
+    char *end = nullptr;
+    double v = strtod(value.c_str(), &end);
+    if (value.empty() || end == value.c_str() || *end != '\0' || !std::isfinite(v)) {
+        return std::nullopt;
+    }
+    return v;
+}
+
+constexpr double kKnotInMetresPerSecond = 1852.0 / 3600.0;
+
+}  // namespace
+
+std::optional<std::vector<TrackPoint>> LoadNmeaTrack(const std::string &path, std::string *error) {
+    std::ifstream in(path, std::ios::binary);
+    if (!in) {
+        *error = "cannot read '" + path + "': " + strerror(errno);
+        return std::nullopt;
+    }
+    std::vector<TrackPoint> track;
+    std::string lastTime;
+    std::string line;
+    while (std::getline(in, line)) {
+        if (!line.empty() && line.back() == '\r') {
+            line.pop_back();
+        }
+        if (line.size() < 7 || line[0] != '$') {
+            continue;
+        }
+        std::string body = line.substr(0, line.find('*'));
+        std::vector<std::string> f;
+        std::stringstream ss(body);
+        std::string field;
+        while (std::getline(ss, field, ',')) {
+            f.push_back(field);
+        }
+        if (!body.empty() && body.back() == ',') {
+            f.push_back("");
+        }
+        std::string kind = f[0].size() >= 6 ? f[0].substr(3, 3) : "";
+        std::optional<double> lat;
+        std::optional<double> lon;
+        TrackPoint p;
+        if (kind == "GGA" && f.size() >= 10 && f[6] != "0") {
+            lat = NmeaDegrees(f[2], f[3], 'S', 'N', 90.0);
+            lon = NmeaDegrees(f[4], f[5], 'W', 'E', 180.0);
+            p.altitude = NmeaNumber(f[9]);
+        } else if (kind == "RMC" && f.size() >= 9 && f[2] == "A") {
+            lat = NmeaDegrees(f[3], f[4], 'S', 'N', 90.0);
+            lon = NmeaDegrees(f[5], f[6], 'W', 'E', 180.0);
+            if (auto knots = NmeaNumber(f[7])) {
+                p.speed = *knots * kKnotInMetresPerSecond;
+            }
+            p.course = NmeaNumber(f[8]);
+        }
+        if (!lat || !lon) {
+            continue;
+        }
+        p.latitude = *lat;
+        p.longitude = *lon;
+        p.nmea = line + "\r\n";
+        const std::string &time = f[1];
+        if (!track.empty() && !time.empty() && time == lastTime &&
+            track.back().nmea.size() + p.nmea.size() <= static_cast<size_t>(LAPI_BP_MAX_NMEA_LEN)) {
+            TrackPoint &prev = track.back();
+            prev.nmea += p.nmea;
+            prev.altitude = prev.altitude ? prev.altitude : p.altitude;
+            prev.speed = prev.speed ? prev.speed : p.speed;
+            prev.course = prev.course ? prev.course : p.course;
+            continue;
+        }
+        lastTime = time;
+        track.push_back(std::move(p));
+    }
+    if (track.empty()) {
+        *error = "'" + path + "' holds no GGA or RMC sentence with a valid position";
+        return std::nullopt;
+    }
+    return track;
+}
+
+Fix ApplyTrackPoint(Fix fix, const TrackPoint &point) {
+    fix.latitude = point.latitude;
+    fix.longitude = point.longitude;
+    fix.altitude = point.altitude.value_or(fix.altitude);
+    fix.speed = point.speed.value_or(fix.speed);
+    fix.course = point.course.value_or(fix.course);
+    fix.nmea = point.nmea.substr(0, LAPI_BP_MAX_NMEA_LEN);
+    return fix;
 }
 
 std::optional<Bytes> ParseHex(const std::string &text) {
@@ -704,14 +816,22 @@ void Simulator::TrackLocked(const Message &msg, const Policy &policy) {
         return;
     }
     if (msg.SubCmdId() != GEOLOCATION_APBP_REQ || policy.answer == Answer::Silent || policy.build ||
-        results_.periodicMs <= 0 ||
         msg.U32(offsetof(BpGetLocationReq, reportCriteria)).value_or(0) != 1) {
+        return;
+    }
+    int intervalMs = results_.periodicMs;
+    if (intervalMs == Results::kPeriodicAsRequested) {
+        /* The request's interval is in seconds; a day at most keeps the
+         * product in range. */
+        uint32_t seconds = msg.U32(offsetof(BpGetLocationReq, interval)).value_or(0);
+        intervalMs = static_cast<int>(std::min<uint32_t>(seconds, 86400) * 1000);
+    }
+    if (intervalMs <= 0) {
         return;
     }
     int delay = policy.answer == Answer::After ? policy.delayMs : 0;
     periodic_.push_back(
-        Periodic{pair, results_.periodicMs,
-                 Clock::now() + std::chrono::milliseconds(delay + results_.periodicMs)});
+        Periodic{pair, intervalMs, Clock::now() + std::chrono::milliseconds(delay + intervalMs)});
 }
 
 void Simulator::HandleLocked(const Message &msg) {

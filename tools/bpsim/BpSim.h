@@ -144,6 +144,24 @@ std::vector<uint16_t> Ucs2(const std::string &text);
  * LAPI_BP_MAX_NMEA_LEN bytes. nullopt when the file cannot be read. */
 std::optional<std::string> LoadNmeaFile(const std::string &path);
 
+/* One position of an NMEA track: the sentences of one epoch (same time
+ * field) that carry a position, merged. */
+struct TrackPoint {
+    double latitude = 0.0;
+    double longitude = 0.0;
+    std::optional<double> altitude; /* from GGA, metres */
+    std::optional<double> speed;    /* from RMC, knots converted to m/s */
+    std::optional<double> course;   /* from RMC, degrees */
+    std::string nmea;               /* the epoch's sentences, CR LF after each */
+};
+
+/* Reads a track of GGA and RMC sentences (any talker): one point per epoch
+ * with a valid position; other sentences are skipped. nullopt with a reason
+ * in *error when the file cannot be read or holds no position. */
+std::optional<std::vector<TrackPoint>> LoadNmeaTrack(const std::string &path, std::string *error);
+/* The fix with the point's position, and its sentences as NMEA data. */
+Fix ApplyTrackPoint(Fix fix, const TrackPoint &point);
+
 /* "01 02 ab" or "0102ab" -> bytes; nullopt on anything else. */
 std::optional<Bytes> ParseHex(const std::string &text);
 /* Bytes -> "01 02 ab". */
@@ -216,7 +234,9 @@ struct Results {
     int32_t removeProximityStatus = 0; /* PROXIMITY_REM_APBP_RES */
     /* A periodic location request (reportCriteria 1) gets a report at once
      * and then one every periodicMs until its abort arrives; 0: only the
-     * first report. */
+     * first report; kPeriodicAsRequested: every interval seconds of the
+     * request itself (the bpsim program's default). */
+    static constexpr int kPeriodicAsRequested = -1;
     int periodicMs = 0;
 };
 

@@ -1,9 +1,11 @@
 #include "lapi_format.h"
 
 #include <math.h>
+#include <stdlib.h>
 #include <string.h>
 
 #include <algorithm>
+#include <iterator>
 
 namespace lapitool {
 
@@ -14,6 +16,11 @@ std::string Printf(const char *fmt, double v) {
     snprintf(buf, sizeof(buf), fmt, v);
     return buf;
 }
+
+/* Fixed point of the BP: 23 fraction bits. */
+constexpr double kFixedScale = 8388608.0;
+/* Beyond this a double no longer holds N + 0.5 exactly. */
+constexpr double kFixedExactLimit = 4503599627370496.0; /* 2^52 */
 
 std::string JsonDouble(double v) {
     if (!isfinite(v)) {
@@ -59,7 +66,7 @@ bool Printable(const uint8_t *p, size_t n) {
 }
 
 void AddPair(Record &r, uint8_t sessionId, uint8_t transactionId) {
-    r.Int("sessionId", sessionId).Int("transactionId", transactionId);
+    r.Int("sessionId", sessionId).Internal().Int("transactionId", transactionId).Internal();
 }
 
 /* A record whose first fields are the message's session and transaction. */
@@ -70,32 +77,38 @@ Record PairRecord(const std::string &type, const char *title, const Msg &m) {
     return r;
 }
 
+/* Every real of a fix travelled as BP fixed point except timeStamp, whose
+ * eight bytes the server only reverses. */
 template <typename Fix>
 void AddFix(Record &r, const Fix &m) {
-    r.Double("latitude", m.latitude, "%.7f")
-        .Double("longitude", m.longitude, "%.7f")
-        .Double("altitude", m.altitude, "%.2f")
-        .Double("latLonAccuracy", m.latLonAccuracy, "%.2f")
-        .Double("horizontalAccuracy", m.horizontalAccuracy, "%.2f")
-        .Double("verticalAccuracy", m.verticalAccuracy, "%.2f")
-        .Double("speed", m.speed, "%.2f")
-        .Double("course", m.course, "%.2f")
-        .Double("travelDirection", m.travelDirection, "%.2f")
-        .Double("pointingDirection", m.pointingDirection, "%.2f")
-        .Double("timeStamp", m.timeStamp, "%.3f")
-        .Int("locationMethod", m.locationMethod);
+    r.Fixed("latitude", m.latitude)
+        .Fixed("longitude", m.longitude)
+        .Fixed("altitude", m.altitude)
+        .Fixed("latLonAccuracy", m.latLonAccuracy)
+        .Fixed("horizontalAccuracy", m.horizontalAccuracy)
+        .Fixed("verticalAccuracy", m.verticalAccuracy)
+        .Fixed("speed", m.speed)
+        .Fixed("course", m.course)
+        .Fixed("travelDirection", m.travelDirection)
+        .Fixed("pointingDirection", m.pointingDirection)
+        .Double("timeStamp", m.timeStamp, "%.17g")
+        .Code("locationMethod", m.locationMethod, kMethodCodes);
 }
 
+/* fixResultStatus is a pair: one JSON object, two readable lines. */
 void AddStatus(Record &r, const GetStatusRsp &m) {
     AddPair(r, m.sessionId, m.transactionId);
-    r.Int("userStatus", m.userStatus)
-        .Int("hwStatus", m.hwStatus)
-        .Int("fixStatus", m.fixStatus)
-        .Int("emergencyStatus", m.emergencyStatus)
-        .Int("fixResultStatus.status", m.fixResultStatus.status)
-        .Int("fixResultStatus.cause", m.fixResultStatus.cause)
-        .Int("signalStatus", m.signalStatus)
-        .Int("iconStatus", m.iconStatus);
+    r.Code("userStatus", m.userStatus, kStatusCodes)
+        .Code("hwStatus", m.hwStatus, kStatusCodes)
+        .Code("fixStatus", m.fixStatus, kStatusCodes)
+        .Code("emergencyStatus", m.emergencyStatus, kStatusCodes)
+        .Raw("fixResultStatus",
+             "{\"status\":" + std::to_string(m.fixResultStatus.status) +
+                 ",\"cause\":" + std::to_string(m.fixResultStatus.cause) + "}",
+             kResultCodes.Text(m.fixResultStatus.status) + "; cause " +
+                 kCauseCodes.Text(m.fixResultStatus.cause))
+        .Code("signalStatus", m.signalStatus, kStatusCodes)
+        .Code("iconStatus", m.iconStatus, kStatusCodes);
 }
 
 void AddDbFiles(Record &r, uint16_t numFiles, const DbFile *files) {
@@ -119,7 +132,52 @@ void AddDbFiles(Record &r, uint16_t numFiles, const DbFile *files) {
     r.Raw("dbFile", json, n == 0 ? "none" : text);
 }
 
+constexpr CodeName kResultRows[] = {{0, "success"}};
+constexpr CodeName kCauseRows[] = {{0, "none"}};
+
 }  // namespace
+
+/* The server passes these numbers through; only the zeros that every
+ * answer of the BP uses for "no error" have a name of ours. */
+const CodeTable kResultCodes = {kResultRows, std::size(kResultRows), "failed, BP code"};
+const CodeTable kCauseCodes = {kCauseRows, std::size(kCauseRows), "BP cause"};
+const CodeTable kMethodCodes = {nullptr, 0, "BP method"};
+const CodeTable kStatusCodes = {nullptr, 0, "BP value"};
+
+std::string CodeTable::Text(int64_t value) const {
+    for (size_t i = 0; i < count; ++i) {
+        if (rows[i].value == value) {
+            return std::string(rows[i].name) + " (" + std::to_string(value) + ")";
+        }
+    }
+    return std::string(unknown) + " " + std::to_string(value);
+}
+
+std::string FixedText(double value) {
+    double scaled = value * kFixedScale;
+    if (!isfinite(value) || fabs(scaled) >= kFixedExactLimit) {
+        return JsonDouble(value);
+    }
+    /* The N the BP sent: the decoded value is N + 0.5 steps, and a value
+     * from elsewhere lies in the step of its own truncation. */
+    double n = floor(scaled);
+    if (scaled == n) {
+        n = trunc(scaled);
+    }
+    for (int digits = 0; digits <= 9; ++digits) {
+        char buf[64];
+        snprintf(buf, sizeof(buf), "%.*f", digits, value);
+        double back = strtod(buf, nullptr);
+        if (trunc(back * kFixedScale) == n) {
+            std::string s = buf;
+            if (s == "-0") {
+                s = "0";
+            }
+            return s;
+        }
+    }
+    return JsonDouble(value);
+}
 
 Record::Record(std::string type, std::string title)
     : type_(std::move(type)), title_(std::move(title)) {}
@@ -143,6 +201,24 @@ Record &Record::Uint(const char *name, uint64_t value) {
 
 Record &Record::Double(const char *name, double value, const char *fmt) {
     fields_.push_back({name, JsonDouble(value), Printf(fmt, value)});
+    return *this;
+}
+
+Record &Record::Fixed(const char *name, double value) {
+    std::string v = FixedText(value);
+    fields_.push_back({name, v, v});
+    return *this;
+}
+
+Record &Record::Code(const char *name, int64_t value, const CodeTable &kind) {
+    fields_.push_back({name, std::to_string(value), kind.Text(value)});
+    return *this;
+}
+
+Record &Record::Internal() {
+    if (!fields_.empty()) {
+        fields_.back().internal = true;
+    }
     return *this;
 }
 
@@ -170,7 +246,7 @@ std::string Record::Json() const {
     return s;
 }
 
-std::string Record::Text() const {
+std::string Record::Text(bool verbose) const {
     std::string s = title_;
     if (!note_.empty()) {
         s += " " + note_;
@@ -178,9 +254,14 @@ std::string Record::Text() const {
     s += "\n";
     size_t width = 0;
     for (const Field &f : fields_) {
-        width = std::max(width, f.name.size());
+        if (verbose || !f.internal) {
+            width = std::max(width, f.name.size());
+        }
     }
     for (const Field &f : fields_) {
+        if (f.internal && !verbose) {
+            continue;
+        }
         /* A value of several lines starts on the line after its name. */
         std::string pad = (!f.text.empty() && f.text[0] == '\n')
                               ? std::string()
@@ -190,8 +271,8 @@ std::string Record::Text() const {
     return s;
 }
 
-void Record::Print(FILE *out, bool json) const {
-    std::string s = json ? Json() + "\n" : Text();
+void Record::Print(FILE *out, bool json, bool verbose) const {
+    std::string s = json ? Json() + "\n" : Text(verbose);
     fputs(s.c_str(), out);
     fflush(out);
 }
@@ -248,7 +329,7 @@ Record MessageRecord(const lapi_msg &msg) {
             const GetLocationRsp &m = msg.u.getLocationRsp;
             Record r = PairRecord(type, "Location fix", m);
             AddFix(r, m);
-            r.Int("cause", m.cause).Uint("ageOfFix", m.ageOfFix);
+            r.Code("cause", m.cause, kCauseCodes).Uint("ageOfFix", m.ageOfFix);
             size_t n = std::min<size_t>(m.nmeaDataLength, LAPI_MAX_NMEA_LEN);
             std::string nmea(reinterpret_cast<const char *>(m.nmeaData), n);
             std::string text;
@@ -265,40 +346,44 @@ Record MessageRecord(const lapi_msg &msg) {
                 start = end + 1;
             }
             r.Raw("nmea", JsonString(nmea), text.empty() ? "none" : text);
-            return r.Str("conn", conn);
+            return r.Str("conn", conn).Internal();
         }
         case LAPI_ABORT_LOCATION_RSP: {
             const AbortLocationRsp &m = msg.u.abortLocationRsp;
             return PairRecord(type, "Location request aborted", m)
-                .Int("result", m.result)
-                .Str("conn", conn);
+                .Code("result", m.result, kResultCodes)
+                .Str("conn", conn)
+                .Internal();
         }
         case LAPI_TIME_OUT_RSP:
             return PairRecord(type, "The server timed the request out", msg.u.timeOutRsp)
-                .Str("conn", conn);
+                .Str("conn", conn)
+                .Internal();
         case LAPI_INVALID_REQUEST_RSP:
             return PairRecord(type, "The server refused the request as invalid",
                               msg.u.invalidRequestRsp)
-                .Str("conn", conn);
+                .Str("conn", conn)
+                .Internal();
         case LAPI_GET_GPS_DB_DATA_RSP: {
             const GetGpsDbDataRsp &m = msg.u.getGpsDbDataRsp;
             Record r = PairRecord(type, "Assistance data", m);
             r.Int("numFiles", m.numFiles);
             AddDbFiles(r, m.numFiles, m.dbFile);
-            return r.Int("result", m.result).Str("conn", conn);
+            return r.Code("result", m.result, kResultCodes).Str("conn", conn).Internal();
         }
         case LAPI_SET_GPS_DB_DATA_RSP: {
             const SetGpsDbDataRsp &m = msg.u.setGpsDbDataRsp;
             return PairRecord(type, "Assistance data written", m)
-                .Int("result", m.result)
-                .Str("conn", conn);
+                .Code("result", m.result, kResultCodes)
+                .Str("conn", conn)
+                .Internal();
         }
         case LAPI_GET_STATUS_RSP:
         case LAPI_STATUS_CHANGE_IND: {
             Record r(type, msg.msgId == LAPI_GET_STATUS_RSP ? "Positioning status"
                                                             : "Positioning status changed");
             AddStatus(r, msg.u.getStatusRsp);
-            return r.Str("conn", conn);
+            return r.Str("conn", conn).Internal();
         }
         case LAPI_LOCATION_NOTIFICATION_IND: {
             const LocationNotificationInd &m = msg.u.locationNotificationInd;
@@ -315,44 +400,55 @@ Record MessageRecord(const lapi_msg &msg) {
             } else {
                 r.Str("clientExternalAddr", HexBytes(m.clientExternalAddr, addrLen));
             }
-            return r.Str("conn", conn);
+            return r.Str("conn", conn).Internal();
         }
         case LAPI_NOTIFICATION_STATUS_IND: {
             const NotificationStatusInd &m = msg.u.notificationStatusInd;
             return PairRecord(type, "Network location request status", m)
-                .Int("cause", m.cause)
-                .Str("conn", conn);
+                .Code("cause", m.cause, kCauseCodes)
+                .Str("conn", conn)
+                .Internal();
         }
         case LAPI_DISTANCE_AZIMUTH_RSP: {
             const DistanceAzimuthRsp &m = msg.u.distanceAzimuthRsp;
             return PairRecord(type, "Distance and azimuth", m)
-                .Double("distance", m.distance, "%.3f")
-                .Double("azimuth", m.azimuth, "%.3f")
-                .Str("conn", conn);
+                .Fixed("distance", m.distance)
+                .Fixed("azimuth", m.azimuth)
+                .Str("conn", conn)
+                .Internal();
         }
         case LAPI_ADD_PROXIMITY_RSP: {
             const AddProximityRsp &m = msg.u.addProximityRsp;
             return PairRecord(type, "Proximity area added", m)
-                .Int("status", m.status)
-                .Str("conn", conn);
+                .Code("status", m.status, kResultCodes)
+                .Str("conn", conn)
+                .Internal();
         }
         case LAPI_REMOVE_PROXIMITY_RSP: {
             const RemoveProximityRsp &m = msg.u.removeProximityRsp;
             return PairRecord(type, "Proximity area removed", m)
-                .Int("status", m.status)
-                .Str("conn", conn);
+                .Code("status", m.status, kResultCodes)
+                .Str("conn", conn)
+                .Internal();
         }
         case LAPI_PROXIMITY_HIT_IND: {
             const ProximityHitInd &m = msg.u.proximityHitInd;
             Record r = PairRecord(type, "Proximity area reached", m);
             AddFix(r, m);
-            return r.Uint("ageOfFix", m.ageOfFix).Str("conn", conn);
+            return r.Uint("ageOfFix", m.ageOfFix).Str("conn", conn).Internal();
         }
         default: {
             Record r(type, "Message " + type);
-            return r.Int("msgId", msg.msgId).Int("msgLen", msg.u.header.msgLen).Str("conn", conn);
+            return r.Int("msgId", msg.msgId)
+                .Int("msgLen", msg.u.header.msgLen)
+                .Str("conn", conn)
+                .Internal();
         }
     }
+}
+
+void PrintMessage(const lapi_msg &msg, bool json, bool verbose) {
+    MessageRecord(msg).Print(stdout, json, verbose);
 }
 
 }  // namespace lapitool

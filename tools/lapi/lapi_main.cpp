@@ -10,6 +10,7 @@
 #include <errno.h>
 #include <math.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -50,7 +51,7 @@ struct OptSpec {
 
 const std::vector<OptSpec> kCommonOpts = {
     {"root", true}, {"socket", true}, {"json", false},  {"timeout", true}, {"mode", true},
-    {"sid", true},  {"tid", true},    {"trace", false}, {"help", false},
+    {"sid", true},  {"tid", true},    {"trace", false}, {"help", false},   {"verbose", false},
 };
 
 constexpr const char *kCommonHelp =
@@ -58,12 +59,23 @@ constexpr const char *kCommonHelp =
     "  --root DIR         the server started with 'lapi_srv_host --root DIR'\n"
     "                     (its socket is DIR/tmp/lapisock)\n"
     "  --socket PATH      the server's socket (default /tmp/lapisock)\n"
-    "  --json             one JSON object per line instead of readable text\n"
-    "  --timeout MS       how long to wait for the server's answer\n"
+    "  --json             one JSON object per line instead of readable text, errors\n"
+    "                     included (numbers stay numbers; keys are plain names)\n"
+    "  --verbose          also show the protocol's identifiers (session and\n"
+    "                     transaction ids, the connection of each answer)\n"
+    "  --timeout MS       how long to wait for the server's answer (defaults below)\n"
     "  --mode sync|async  the connection that carries the answers (default sync)\n"
     "  --sid N, --tid N   the request's session and transaction ids, 0-255 (default 1, 1)\n"
     "  --trace            dump every message sent and received on standard error\n"
-    "  -h, --help         show help\n";
+    "  -h, --help         show help\n"
+    "\n"
+    "Default timeouts: 5000 ms to connect and register; for the answer, locate\n"
+    "waits (response time / 1000 + 15) s, 45 s by default, plus the interval for\n"
+    "each periodic report; db-get, db-set, distance and geofence add 17 s; last,\n"
+    "abort, status and geofence remove 12 s; the abort that ends a periodic locate\n"
+    "10 s. The server itself gives the BP response time + 6 s for a fix (then\n"
+    "aborts it and gives the abort 5 s), 5 s for the last known location, and\n"
+    "answers timeOutRsp when the BP does not answer in time.\n";
 
 struct Args {
     std::map<std::string, std::string> opts;
@@ -75,6 +87,7 @@ struct Args {
 struct Ctx {
     std::string socketPath = LAPI_DEFAULT_SOCKET_PATH;
     bool json = false;
+    bool verbose = false;
     int timeoutMs = -1; /* -1: each command's own default */
     uint16_t mode = LAPI_MODE_SYNC;
     uint8_t sid = 1;
@@ -129,13 +142,37 @@ bool ParseDouble(const std::string &s, double *pOut) {
     return true;
 }
 
-int UsageError(const Ctx &ctx, const std::string &text) {
+/* A failure on standard error and, with --json, as one object on standard
+ * output; hint, when given, says what most likely happened and what to
+ * check. */
+int Failure(const Ctx &ctx, int exitCode, const char *kind, const std::string &text,
+            const std::string &hint = std::string()) {
     fprintf(stderr, "lapi: %s\n", text.c_str());
-    if (ctx.command.empty()) {
-        fprintf(stderr, "Try 'lapi --help'.\n");
-    } else {
-        fprintf(stderr, "Try 'lapi %s --help'.\n", ctx.command.c_str());
+    if (!hint.empty()) {
+        fprintf(stderr, "lapi: %s\n", hint.c_str());
     }
+    if (ctx.json) {
+        Record r("error", "");
+        r.Str("error", kind).Str("message", text);
+        if (!hint.empty()) {
+            r.Str("hint", hint);
+        }
+        r.Int("exitStatus", exitCode);
+        if (!ctx.command.empty()) {
+            r.Str("command", ctx.command);
+        }
+        r.Print(stdout, true);
+    }
+    return exitCode;
+}
+
+int UsageError(const Ctx &ctx, const std::string &text) {
+    std::string help = ctx.command.empty() ? std::string("Try 'lapi --help'.")
+                                           : "Try 'lapi " + ctx.command + " --help'.";
+    if (ctx.json) {
+        return Failure(ctx, kExitUsage, "usage", text, help);
+    }
+    fprintf(stderr, "lapi: %s\n%s\n", text.c_str(), help.c_str());
     return kExitUsage;
 }
 
@@ -231,6 +268,9 @@ int ApplyCommon(Ctx &ctx, const Args &args) {
     if (args.Has("trace")) {
         ctx.trace = true;
     }
+    if (args.Has("verbose")) {
+        ctx.verbose = true;
+    }
     long long v;
     if (args.Has("timeout")) {
         if (!ParseLong(args.Get("timeout"), 1, 24LL * 3600 * 1000, &v)) {
@@ -268,16 +308,75 @@ struct ClientCloser {
 };
 using ClientPtr = std::unique_ptr<lapi_client, ClientCloser>;
 
-/* Reports a failure on standard error and, with --json, as an object on
- * standard output. */
-int Failure(const Ctx &ctx, int exitCode, const char *kind, const std::string &text) {
-    fprintf(stderr, "lapi: %s\n", text.c_str());
-    if (ctx.json) {
-        Record r("error", "");
-        r.Str("error", kind).Str("message", text).Int("exitStatus", exitCode);
-        r.Print(stdout, true);
+/* The path of one of the server's files beside its socket: DIR + absPath
+ * for the socket DIR/tmp/lapisock, as lapi_srv_host lays out its root;
+ * unknown for a socket elsewhere. */
+std::string ServerPath(const Ctx &ctx, const char *absPath, const char *unknown) {
+    static const std::string kSock = "/tmp/lapisock";
+    const std::string &path = ctx.socketPath;
+    if (path.size() >= kSock.size() &&
+        path.compare(path.size() - kSock.size(), kSock.size(), kSock) == 0) {
+        return path.substr(0, path.size() - kSock.size()) + absPath;
     }
-    return exitCode;
+    return unknown;
+}
+
+std::string BpChannelOf(const Ctx &ctx) {
+    return ServerPath(ctx, "/dev/mux18", "its BP channel");
+}
+
+/* The server closes a client whose registration it refuses; the two
+ * reasons in practice are a BP channel that it cannot open and a second
+ * taker of network location requests. */
+std::string RefusedHint(const Ctx &ctx, uint32_t service) {
+    std::string mux = BpChannelOf(ctx);
+    struct stat st;
+    bool bMuxMissing = mux[0] == '/' && stat(mux.c_str(), &st) != 0;
+    std::string failOpen = "\"Fail to open " + mux + "\"";
+    if (bMuxMissing) {
+        std::string hint = "most likely no BP is attached: " + mux +
+                           " does not exist, so the server cannot open its BP channel (its "
+                           "diagnostics say " +
+                           failOpen +
+                           ") and refuses every client; start the BP simulator on the same root "
+                           "('bpsim --root " +
+                           ServerPath(ctx, "", "DIR") + "') and try again";
+        if (service & LAPI_SERVICE_MTLR) {
+            hint += "; also, only one client at a time may take network location requests";
+        }
+        return hint;
+    }
+    if (service & LAPI_SERVICE_MTLR) {
+        return "most likely another client already takes network location requests (only one "
+               "may; stop it or add --no-mtlr); otherwise check the server's diagnostics (its "
+               "standard error) for " +
+               failOpen;
+    }
+    return "most likely the server could not open its BP channel: check the server's "
+           "diagnostics (its standard error) for " +
+           failOpen + " and \"Fail to connect mux channel!\"";
+}
+
+/* What a timeOutRsp of the server means for this command. */
+std::string ServerTimeoutHint(const Ctx &ctx) {
+    std::string mux = BpChannelOf(ctx);
+    if (ctx.command == "locate") {
+        return "the server aborted the request at its deadline (response time + 6 s) and the "
+               "BP did not answer the abort within 5 s either: the BP on " +
+               mux +
+               " has most likely gone away; check the BP simulator and the server's diagnostics";
+    }
+    return "the BP did not answer within the server's deadline: check that the BP on " + mux +
+           " runs and answers this request (bpsim's 'silent' and 'delay' commands hold answers "
+           "back), and the server's diagnostics";
+}
+
+/* What an answer that never came means. */
+std::string NoAnswerHint(const Ctx &ctx) {
+    return "the server answers every request itself (timeOutRsp) when the BP does not, so it is "
+           "most likely stuck or very slow; check that it still runs (its pid file " +
+           ServerPath(ctx, "/tmp/lapi.pid", "lapi.pid") +
+           ") and its diagnostics, or allow more time with --timeout MS";
 }
 
 int TimeoutOr(const Ctx &ctx, int defaultMs) {
@@ -300,10 +399,7 @@ int Open(const Ctx &ctx, uint32_t service, ClientPtr &out) {
             return Failure(ctx, kExitUsage, "usage", text);
         }
         if (rc == LAPI_E_REFUSED) {
-            if (service & LAPI_SERVICE_MTLR) {
-                text += "; another client may already handle network location requests";
-            }
-            return Failure(ctx, kExitServerError, "refused", text);
+            return Failure(ctx, kExitServerError, "refused", text, RefusedHint(ctx, service));
         }
         return Failure(ctx, kExitNoServer, "connect", text);
     }
@@ -314,6 +410,17 @@ int Open(const Ctx &ctx, uint32_t service, ClientPtr &out) {
 int SendFailed(const Ctx &ctx, int rc, const char *what) {
     return Failure(ctx, kExitServerError, "send",
                    std::string("cannot send ") + what + ": " + lapi_strerror(rc));
+}
+
+/* A server message that ends the command with an error, and what it most
+ * likely means: on standard error, and as a field of the JSON object. */
+void PrintWithHint(const Ctx &ctx, const lapi_msg &msg, const std::string &hint) {
+    Record r = lapitool::MessageRecord(msg);
+    if (ctx.json) {
+        r.Str("hint", hint);
+    }
+    r.Print(stdout, ctx.json, ctx.verbose);
+    fprintf(stderr, "lapi: %s\n", hint.c_str());
 }
 
 /* The client pair of any answer (offsets 8 and 9 of every server message
@@ -357,7 +464,8 @@ int WaitAnswer(const Ctx &ctx, lapi_client *pClient, std::initializer_list<int> 
         }
         if (rc == LAPI_E_TIMEOUT) {
             return Failure(ctx, kExitServerError, "timeout",
-                           "no answer from the server within " + std::to_string(timeoutMs) + " ms");
+                           "no answer from the server within " + std::to_string(timeoutMs) + " ms",
+                           NoAnswerHint(ctx));
         }
         if (rc == LAPI_E_UNKNOWN_MSG || rc == LAPI_E_BAD_LENGTH) {
             fprintf(stderr, "lapi: %s (msgId %u)\n", lapi_strerror(rc), pMsg->msgId);
@@ -373,7 +481,12 @@ int WaitAnswer(const Ctx &ctx, lapi_client *pClient, std::initializer_list<int> 
             continue;
         }
         if (pMsg->msgId == LAPI_TIME_OUT_RSP || pMsg->msgId == LAPI_INVALID_REQUEST_RSP) {
-            lapitool::MessageRecord(*pMsg).Print(stdout, ctx.json);
+            std::string hint =
+                pMsg->msgId == LAPI_TIME_OUT_RSP
+                    ? ServerTimeoutHint(ctx)
+                    : "this client has no request with this pair (a new lapi process owns none) "
+                      "or the pair is already in use";
+            PrintWithHint(ctx, *pMsg, hint);
             return kExitServerError;
         }
         for (int id : msgIds) {
@@ -386,7 +499,7 @@ int WaitAnswer(const Ctx &ctx, lapi_client *pClient, std::initializer_list<int> 
 
 /* Prints the answer; a nonzero result or status is the server's error. */
 int PrintAnswer(const Ctx &ctx, const lapi_msg &m, int32_t result) {
-    lapitool::MessageRecord(m).Print(stdout, ctx.json);
+    lapitool::PrintMessage(m, ctx.json, ctx.verbose);
     return result == 0 ? kExitOk : kExitServerError;
 }
 
@@ -415,6 +528,16 @@ int Request(const Ctx &ctx, ClientPtr &client, const char *reqName, Send send, i
 }
 
 /* ---- commands ---- */
+
+/* An abort that this command did not ask for: the server's deadline for
+ * the fix passed. */
+std::string NoFixHint(const Ctx &ctx, uint32_t responseTimeMs) {
+    return "no fix came in time: the server gives the BP the response time + 6 s (" +
+           std::to_string(responseTimeMs / 1000 + 6) +
+           " s here) for a fix, then aborts the request, and the abort's answer is shown; "
+           "check that the BP on " +
+           BpChannelOf(ctx) + " answers location requests, and the server's diagnostics";
+}
 
 int RunLocate(Ctx &ctx, const Args &args) {
     lapi_location_params p;
@@ -481,8 +604,12 @@ int RunLocate(Ctx &ctx, const Args &args) {
         if (rc != kExitOk) {
             return StopByInterrupt(rc);
         }
-        lapitool::MessageRecord(msg).Print(stdout, ctx.json);
-        return msg.msgId == LAPI_GET_LOCATION_RSP ? kExitOk : kExitServerError;
+        if (msg.msgId == LAPI_GET_LOCATION_RSP) {
+            lapitool::PrintMessage(msg, ctx.json, ctx.verbose);
+            return kExitOk;
+        }
+        PrintWithHint(ctx, msg, NoFixHint(ctx, p.responseTime));
+        return kExitServerError;
     }
     int reportMs = TimeoutOr(ctx, fixMs + static_cast<int>(p.interval) * 1000);
     long long received = 0;
@@ -495,7 +622,7 @@ int RunLocate(Ctx &ctx, const Args &args) {
         if (rc != kExitOk) {
             return rc;
         }
-        lapitool::MessageRecord(msg).Print(stdout, ctx.json);
+        lapitool::PrintMessage(msg, ctx.json, ctx.verbose);
         if (msg.msgId == LAPI_ABORT_LOCATION_RSP) {
             /* Another client's abort-all ended the reports. */
             return kExitOk;
@@ -564,9 +691,9 @@ int RunAbortAll(Ctx &ctx, const Args &) {
         return Failure(ctx, kExitServerError, "connection",
                        std::string("the server did not confirm: ") + lapi_strerror(rc));
     }
-    Record r("abortAllLocationReq", "Every running location request is being aborted");
+    Record r("abort-all", "abort-all: every running location request is being aborted");
     r.Bool("accepted", true);
-    r.Print(stdout, ctx.json);
+    r.Print(stdout, ctx.json, ctx.verbose);
     return kExitOk;
 }
 
@@ -654,7 +781,7 @@ int RunWatch(Ctx &ctx, const Args &args) {
             return Failure(ctx, kExitServerError, "connection",
                            std::string("lost the server: ") + lapi_strerror(rc));
         }
-        lapitool::MessageRecord(msg).Print(stdout, ctx.json);
+        lapitool::PrintMessage(msg, ctx.json, ctx.verbose);
         ++seen;
         if (answer && msg.msgId == LAPI_LOCATION_NOTIFICATION_IND) {
             const LocationNotificationInd &ind = msg.u.locationNotificationInd;
@@ -665,9 +792,11 @@ int RunWatch(Ctx &ctx, const Args &args) {
             }
             Record r("locationNotificationCfm", "Answered the network location request");
             r.Int("sessionId", ind.sessionId)
+                .Internal()
                 .Int("transactionId", ind.transactionId)
+                .Internal()
                 .Uint("responseType", responseType);
-            r.Print(stdout, ctx.json);
+            r.Print(stdout, ctx.json, ctx.verbose);
         }
     }
     return kExitOk;
@@ -891,7 +1020,9 @@ const std::vector<Command> &Commands() {
          "Options:\n"
          "  --periodic SECONDS     periodic reports at this interval\n"
          "  --count N              stop after N reports (with --periodic)\n"
-         "  --response-time MS     time allowed for a fix (default 30000)\n"
+         "  --response-time MS     time allowed for a fix (default 30000); the server\n"
+         "                         aborts the request after MS / 1000 + 6 s without\n"
+         "                         one, and this command waits MS / 1000 + 15 s\n"
          "  --accuracy N           horizontal accuracy wanted\n"
          "  --vertical-accuracy N  vertical accuracy wanted\n"
          "  --power N              preferred power consumption\n"
@@ -927,7 +1058,8 @@ const std::vector<Command> &Commands() {
         {"abort-all",
          "lapi abort-all [OPTIONS]",
          "Aborts every running location request of every client. The owners get\n"
-         "the abort answers; this command reports that the server took it.\n",
+         "the abort answers; this command reports, as 'abort-all', that the server\n"
+         "took it (the request has no answer of its own).\n",
          {},
          0,
          0,
@@ -945,7 +1077,10 @@ const std::vector<Command> &Commands() {
          "arrive, until interrupted, --count messages, or --timeout MS has passed.\n"
          "Only one client at a time may take network location requests.\n\n"
          "Options:\n"
-         "  --answer TYPE   answer every network location request with this response type\n"
+         "  --answer TYPE   answer every network location request with this response type:\n"
+         "                  a number from 0 to 4294967295 that the server hands to the\n"
+         "                  BP unchanged (the BP defines what each value means; the\n"
+         "                  BP simulator takes any)\n"
          "  --count N       stop after N messages\n"
          "  --no-mtlr       do not take network location requests\n"
          "  --no-status     do not take status changes\n",
@@ -955,7 +1090,10 @@ const std::vector<Command> &Commands() {
          RunWatch},
         {"db-get",
          "lapi db-get FILEID [OPTIONS]",
-         "Reads the assistance database file FILEID.\n",
+         "Reads the assistance database file FILEID: a number from 0 to 4294967295\n"
+         "(decimal, or hexadecimal with 0x) that the server hands to the BP\n"
+         "unchanged; which files exist is the BP's matter. The BP simulator answers\n"
+         "any FILEID with the data 01 02 03 04 unless told otherwise ('dbfile').\n",
          {},
          1,
          1,
@@ -963,7 +1101,8 @@ const std::vector<Command> &Commands() {
         {"db-set",
          "lapi db-set FILEID:HEX [FILEID:HEX...] [OPTIONS]",
          "Writes assistance database files, each with 1 to 4 data bytes given in\n"
-         "hexadecimal (e.g. 3:0a0b). At most 22 files.\n",
+         "hexadecimal (e.g. 3:0a0b). At most 22 files. FILEID is a number from 0 to\n"
+         "4294967295 handed to the BP unchanged (see 'lapi db-get --help').\n",
          {},
          1,
          LAPI_MAX_DB_FILES,
@@ -1070,6 +1209,12 @@ int main(int argc, char **argv) {
         return kExitOk;
     }
     Ctx ctx;
+    /* --json anywhere asks for JSON from the first usage error on. */
+    for (int k = 1; k < argc && strcmp(argv[k], "--") != 0; ++k) {
+        if (strcmp(argv[k], "--json") == 0) {
+            ctx.json = true;
+        }
+    }
     /* Common options before the command. */
     int i = 1;
     Args early;
@@ -1082,6 +1227,9 @@ int main(int argc, char **argv) {
         return kExitOk;
     }
     if (i >= argc) {
+        if (ctx.json) {
+            return UsageError(ctx, "no command given");
+        }
         PrintTopHelp(stderr);
         return kExitUsage;
     }

@@ -101,12 +101,53 @@ void MakeParentDirs(const char *absPath) {
     }
 }
 
+/* What -h and --help print: the launcher, the root and the stand-ins. */
+constexpr const char kHelp[] =
+    "\n"
+    "Runs the handset's location server on an ordinary Linux machine. The server\n"
+    "code is the handset daemon's (build/bin/lapi_srv, fixed paths, no options);\n"
+    "this launcher only takes every fixed path below DIR and links host stand-ins\n"
+    "in place of the handset's platform libraries.\n"
+    "\n"
+    "  --root DIR     an absolute path (required); DIR + /tmp/lapisock must fit\n"
+    "                 107 bytes\n"
+    "  --push-port N  UDP port of the WAP push intake, 1 to 65535 (default 2948)\n"
+    "  -h, --help     this text\n"
+    "  --version      the version\n"
+    "\n"
+    "Paths below DIR (the launcher creates the missing folders):\n"
+    "  DIR/tmp/lapisock     the clients' socket (lapi --root DIR talks to it)\n"
+    "  DIR/tmp/lapi.pid     the running server's pid; SIGTERM to that pid stops it\n"
+    "  DIR/dev/mux18        the BP channel: a link to a raw pseudo-terminal whose\n"
+    "                       other end the BP simulator holds (bpsim --root DIR)\n"
+    "  DIR/zel_user/download/appwrite/setup/zel_agps.cfg\n"
+    "                       configuration: LogFileSize, AGPSProfileName,\n"
+    "                       WAPPushSendingNumber\n"
+    "  DIR/zellocal/download/appwrite/location_fix.log\n"
+    "                       the fix log, written when feature flag 367 is on\n"
+    "\n"
+    "Stand-ins of the platform libraries:\n"
+    "  feature flags   flag N is on when the file DIR/etc/flex/N exists\n"
+    "  network link    FIFO DIR/run/napi.fifo: each link opened answers success,\n"
+    "                  or failure for a profile name that begins with FAIL\n"
+    "  telephony       FIFO DIR/run/tapi.fifo: SMS-port messages written there\n"
+    "  TLS, certificates  OpenSSL; trusted roots are the PEM files in DIR/etc/certs\n"
+    "  name resolution the machine's own resolver\n"
+    "\n"
+    "The server starts exactly as on the handset: started from a shell (as a\n"
+    "process-group leader) it forks, the first process exits 0 and the server\n"
+    "runs on in the background; only one server per DIR; diagnostics go to\n"
+    "standard error, a few plain lines (NMEA dumps) to standard output, so send\n"
+    "both to files. It runs until SIGTERM, then removes its pid file and exits 0.\n"
+    "Exit statuses: 2 bad command line, 1 start-up failed, 255 another server\n"
+    "runs on DIR (or the pid file cannot be written).\n";
+
 }  // namespace
 
 int main(int argc, char **argv) {
     for (int i = 1; i < argc; ++i) {
-        if (strcmp(argv[i], "--help") == 0) {
-            printf("%s\n", kUsage);
+        if (strcmp(argv[i], "--help") == 0 || strcmp(argv[i], "-h") == 0) {
+            printf("%s\n%s", kUsage, kHelp);
             return 0;
         }
         if (strcmp(argv[i], "--version") == 0) {
