@@ -1059,6 +1059,11 @@ const char *TestEmulator() {
     return (pEmulator != nullptr && pEmulator[0] != '\0') ? pEmulator : nullptr;
 }
 
+std::string EmulatorPrefix() {
+    const char *pEmulator = TestEmulator();
+    return pEmulator != nullptr ? std::string(pEmulator) + " " : std::string();
+}
+
 std::vector<char *> UnderEmulator(std::vector<char *> argv) {
     if (const char *pEmulator = TestEmulator()) {
         argv.insert(argv.begin(), const_cast<char *>(pEmulator));

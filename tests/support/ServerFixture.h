@@ -305,6 +305,9 @@ const char *TestEmulator();
 /* argv (null-terminated) behind TestEmulator() when there is one. Built
  * before fork; the child calls execv(result[0], result.data()). */
 std::vector<char *> UnderEmulator(std::vector<char *> argv);
+/* The same for a shell command line: "EMULATOR " to put before the program,
+ * or "". */
+std::string EmulatorPrefix();
 
 }  // namespace lapitest
 

@@ -229,9 +229,7 @@ TEST(LapiClientErrors, UnknownCodeHasGenericText) {
 }
 
 TEST(LapiClientErrors, CProgramUsesThePublicHeader) {
-    const char *pEmulator = lapitest::TestEmulator();
-    std::string cmd = (pEmulator != nullptr ? std::string(pEmulator) + " " : std::string()) +
-                      LAPI_BIN_DIR + "/lapi_c_check > /dev/null";
+    std::string cmd = lapitest::EmulatorPrefix() + LAPI_BIN_DIR + "/lapi_c_check > /dev/null";
     int status = system(cmd.c_str());
     ASSERT_TRUE(WIFEXITED(status));
     EXPECT_EQ(WEXITSTATUS(status), 0);
