@@ -2,7 +2,8 @@
 # The whole system in one command: builds the location server, the BP
 # simulator and the lapi tool, starts the simulator and the server on a
 # private temporary root, asks the server for a location fix and for a
-# distance, prints the answers, and stops everything again.
+# distance, prints the answers, delivers a SUPL INIT push as an SMS for the
+# WAP push port and shows the engine receiving it, and stops everything.
 #
 #   scripts/demo.sh [--build-dir DIR] [--keep]
 #
@@ -28,8 +29,9 @@ usage() {
     cat <<EOF
 Usage: scripts/demo.sh [--build-dir DIR] [--keep]
 
-Builds lapi_srv_host, bpsim and lapi, runs the server against the BP
-simulator on a temporary root, and shows 'lapi locate' and 'lapi distance'.
+Builds lapi_srv_host, bpsim, lapi and lapi_push, runs the server against the
+BP simulator on a temporary root, shows 'lapi locate' and 'lapi distance',
+then sends a SUPL INIT push with 'lapi_push' and shows the engine getting it.
 
   --build-dir DIR  build in DIR (default: build/ in the repository)
   --keep           keep the temporary root (logs, socket folder) afterwards
@@ -85,15 +87,16 @@ if [ ${#missing[@]} -gt 0 ]; then
 fi
 
 # ---- 2. build ---------------------------------------------------------------
-step "Building the server, the BP simulator and the lapi tool in $BUILD"
+step "Building the server, the BP simulator and the lapi and lapi_push tools in $BUILD"
 if [ ! -e "$BUILD/CMakeCache.txt" ]; then
     cmake -S "$REPO" -B "$BUILD" -G Ninja || fail "cmake could not configure the build"
 fi
-cmake --build "$BUILD" --target lapi_srv_host bpsim lapi_tool || fail "the build failed"
+cmake --build "$BUILD" --target lapi_srv_host bpsim lapi_tool lapi_push || fail "the build failed"
 SRV_BIN="$BUILD/bin/lapi_srv_host"
 SIM_BIN="$BUILD/bin/bpsim"
 LAPI_BIN="$BUILD/bin/lapi"
-for b in "$SRV_BIN" "$SIM_BIN" "$LAPI_BIN"; do
+PUSH_BIN="$BUILD/bin/lapi_push"
+for b in "$SRV_BIN" "$SIM_BIN" "$LAPI_BIN" "$PUSH_BIN"; do
     [ -x "$b" ] || fail "the build did not produce $b"
 done
 
@@ -206,6 +209,25 @@ echo " initial bearing in degrees, computed by this script: $DIST m, $AZ deg)"
 "$LAPI_BIN" --root "$ROOT" distance "$FIX_LAT" "$FIX_LON" "$TO_LAT" "$TO_LON" ||
     fail "'lapi distance' did not get an answer"
 
+# A network-initiated session starts with a SUPL INIT from the network,
+# delivered as a WAP push in an SMS for application port 2948 (here through
+# the telephony stand-in's FIFO; no UDP port is needed).
+SUPL_INIT="00 2a 02 00 00 40 0c 1a 80 01 02 03 04 05 06 07 08 09 10 60 00 a0 8c 00"
+step "lapi_push --root $ROOT --supl-init --hex '$SUPL_INIT'"
+echo "(a SUPL INIT wrapped in a WSP push PDU, sent as an SMS for port 2948; the"
+echo " server decodes the push and forwards its body to the engine)"
+"$PUSH_BIN" --root "$ROOT" --supl-init --hex "$SUPL_INIT" || fail "'lapi_push' could not send"
+pushed=0
+for _ in $(seq 50); do
+    if grep -q '^bpsim: push indication' "$ROOT/bpsim.log"; then
+        pushed=1
+        break
+    fi
+    sleep 0.1
+done
+[ $pushed -eq 1 ] || fail "the engine did not receive the push indication"
+grep '^bpsim: push indication' "$ROOT/bpsim.log" | head -n 1
+
 step "Stopping the server and the simulator"
 stop_pid "$SRV_PID"
 [ "$LAUNCHER_PID" = "$SRV_PID" ] || stop_pid "$LAUNCHER_PID"
@@ -216,4 +238,5 @@ SRV_PID=""
 LAUNCHER_PID=""
 stop_pid "$SIM_PID"
 SIM_PID=""
-printf '\nDemo finished: the server answered a location request and a distance request.\n'
+printf '\nDemo finished: the server answered a location request and a distance request,\n'
+printf 'and forwarded a SUPL INIT push to the engine.\n'

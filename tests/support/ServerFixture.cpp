@@ -965,20 +965,33 @@ bool ServerProcess::WaitForTraceContaining(const std::string &substr, int timeou
 /* Free helpers                                                              */
 /* ------------------------------------------------------------------------ */
 
-int PickFreeUdpPort() {
+int BindUdpPort(int port) {
     int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     if (fd < 0) {
-        return 0;
+        return -1;
     }
     struct sockaddr_in addr;
     memset(&addr, 0, sizeof(addr));
     addr.sin_family = AF_INET;
     addr.sin_addr.s_addr = htonl(INADDR_ANY);
-    addr.sin_port = 0;
+    addr.sin_port = htons(static_cast<uint16_t>(port));
+    if (bind(fd, reinterpret_cast<struct sockaddr *>(&addr), sizeof(addr)) != 0) {
+        close(fd);
+        return -1;
+    }
+    return fd;
+}
+
+int PickFreeUdpPort() {
+    int fd = BindUdpPort(0);
+    if (fd < 0) {
+        return 0;
+    }
+    struct sockaddr_in addr;
+    memset(&addr, 0, sizeof(addr));
     int port = 0;
     socklen_t len = sizeof(addr);
-    if (bind(fd, reinterpret_cast<struct sockaddr *>(&addr), sizeof(addr)) == 0 &&
-        getsockname(fd, reinterpret_cast<struct sockaddr *>(&addr), &len) == 0) {
+    if (getsockname(fd, reinterpret_cast<struct sockaddr *>(&addr), &len) == 0) {
         port = ntohs(addr.sin_port);
     }
     close(fd);

@@ -285,6 +285,10 @@ class ServerProcess {
 
 /* A free UDP port on this machine (0 when none could be found). */
 int PickFreeUdpPort();
+/* A UDP socket bound to the port on every address, as the server's push
+ * intake binds it (0: any port); the descriptor, or -1. Holding it makes
+ * the server's bind fail. */
+int BindUdpPort(int port);
 /* Connects a stream socket to the Unix socket path; the descriptor, or -1. */
 int ConnectUnix(const std::string &path);
 /* Everything the socket holds now, taken without waiting. */

@@ -322,6 +322,17 @@ Fix ApplyTrackPoint(Fix fix, const TrackPoint &point) {
     return fix;
 }
 
+std::optional<Bytes> PushContent(const Message &msg) {
+    constexpr size_t kHeadLen = LAPI_BP_MSG_HEADER_LEN + 4;
+    if (msg.SubCmdId() != WAP_PUSH_APBP_IND || msg.Size() < kHeadLen) {
+        return std::nullopt;
+    }
+    if (msg.U32(LAPI_BP_MSG_HEADER_LEN).value_or(0) != msg.Size() - kHeadLen) {
+        return std::nullopt;
+    }
+    return Bytes(msg.bytes.begin() + kHeadLen, msg.bytes.end());
+}
+
 std::optional<Bytes> ParseHex(const std::string &text) {
     Bytes out;
     int hi = -1;

@@ -57,6 +57,11 @@ struct Message {
     std::optional<double> Fixed(size_t offset) const;
 };
 
+/* The content of a push indication (WAP_PUSH_APBP_IND): the bytes after its
+ * u32 length. nullopt for another message, or when the length does not match
+ * what the message holds. */
+std::optional<Bytes> PushContent(const Message &msg);
+
 /* ---- building messages and frames ---- */
 
 /* 0x50, frameLen (big-endian), msg, 0xCF 0xB0. */

@@ -9,6 +9,8 @@
  * they ask for. Commands, one per line, come from standard input and from
  * the script file; the table kCommands below lists them. Unless --quiet,
  * every message is echoed on standard output as "bpsim: recv HEX" or
+ * Every push indication is shown, quiet or not, as
+ * "bpsim: push indication, N bytes: HEX" (its content).
  * "bpsim: sent HEX". SIGTERM and SIGINT end it cleanly, removing the link.
  * One thread, one poll loop.
  *
@@ -63,7 +65,7 @@ const char kHelp[] =
     "  --alt Z        altitude of the answers (metres, default 0)\n"
     "  --nmea FILE    NMEA sentences sent with every position\n"
     "  --script FILE  run the commands of FILE, one per line, from the start\n"
-    "  --quiet        do not echo the messages\n"
+    "  --quiet        do not echo the messages (push indications are still shown)\n"
     "  -h, --help     this text\n"
     "  --version      the version\n"
     "\n"
@@ -869,12 +871,22 @@ int main(int argc, char **argv) {
     bpsim::Results results = sim.GetResults();
     results.periodicMs = bpsim::Results::kPeriodicAsRequested;
     sim.SetResults(results);
-    if (!cfg.quiet) {
-        sim.SetTrace([](const char *what, const bpsim::Bytes &bytes) {
+    /* Push indications are the engine's network-initiated triggers: shown
+     * even with --quiet. */
+    const bool quiet = cfg.quiet;
+    sim.SetTrace([quiet](const char *what, const bpsim::Bytes &bytes) {
+        if (!quiet) {
             printf("bpsim: %s %s\n", what, bpsim::ToHex(bytes).c_str());
-            fflush(stdout);
-        });
-    }
+        }
+        if (strcmp(what, "recv") == 0) {
+            auto content = bpsim::PushContent(bpsim::Message{bytes});
+            if (content) {
+                printf("bpsim: push indication, %zu bytes: %s\n", content->size(),
+                       bpsim::ToHex(*content).c_str());
+            }
+        }
+        fflush(stdout);
+    });
     std::string error;
     if (!sim.Open(&error)) {
         fprintf(stderr, "bpsim: %s\n", error.c_str());
