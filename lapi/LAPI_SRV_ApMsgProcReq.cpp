@@ -197,7 +197,7 @@ static Transaction *StartTransaction(Client *pClient, const MsgHeader &hdr, cons
         return nullptr;
     }
     pTran->subCmdId = subCmdId;
-    pTran->expireTime = LAPI_SRV_TicksAhead(deadlineSec);
+    LAPI_SRV_SetTranExpireTime(pTran, LAPI_SRV_TicksAhead(deadlineSec));
     return pTran;
 }
 
@@ -247,7 +247,7 @@ int LAPI_SRV_AbortLocationReq(Transaction *pTran, uint32_t isSync) {
     }
     pTran->isSync = static_cast<uint8_t>(isSync);
     pTran->subCmdId = GEOLOCATION_ABORT_APBP_REQ;
-    pTran->expireTime = LAPI_SRV_TicksAhead(LAPI_SRV_ABORT_DEADLINE_SEC);
+    LAPI_SRV_SetTranExpireTime(pTran, LAPI_SRV_TicksAhead(LAPI_SRV_ABORT_DEADLINE_SEC));
 
     uint8_t frame[LAPI_BP_ABORT_LOCATION_REQ_LEN + LAPI_BP_FRAME_OVERHEAD];
     BpMsgWriter w = {frame, 0};
@@ -667,7 +667,7 @@ int LAPI_SRV_ProcRemoveProximityMsg(uint8_t *pMsg, Fdops *pFdops) {
                                                req.transactionId);
     }
     pTran->subCmdId = PROXIMITY_REM_APBP_REQ;
-    pTran->expireTime = LAPI_SRV_TicksAhead(LAPI_SRV_REMOVE_PROXIMITY_DEADLINE_SEC);
+    LAPI_SRV_SetTranExpireTime(pTran, LAPI_SRV_TicksAhead(LAPI_SRV_REMOVE_PROXIMITY_DEADLINE_SEC));
     pTran->isSync = static_cast<uint8_t>(isSync);
     pTran->reqParam = req.removeType;
     SendRemoveProximityReq(pTran, req.removeType, hdr, LOG_SITE);
@@ -703,10 +703,17 @@ int LAPI_SRV_TranTimeOut(Transaction *pTran) {
 void LAPI_SRV_ScanTranList(struct timeval *pTimeout) {
     long wait = LAPI_SRV_MAX_TIMEOUT_TICKS;
     long now = LAPI_SRV_Times();
-    if (now >= 0) {
+    int32_t bound = 0;
+    if (now >= 0 && LAPI_SRV_GetTranScanBound(&bound) && LAPI_SRV_TicksLeft(bound, now) > 0) {
+        /* Nothing can have expired yet: the walk is skipped, so a turn of
+         * the loop costs the same with one or 60 000 transactions alive. */
+        int32_t left = LAPI_SRV_TicksLeft(bound, now);
+        if (left < wait) {
+            wait = left;
+        }
+    } else if (now >= 0) {
         ListNode *pPos = List_GetHeadPos(&LAPI_SRV_tranList);
         while (pPos != nullptr) {
-            ListNode *pCur = pPos;
             Transaction *pTran =
                 static_cast<Transaction *>(List_GetNext(&LAPI_SRV_tranList, &pPos));
             if (pTran == nullptr) {
@@ -719,7 +726,7 @@ void LAPI_SRV_ScanTranList(struct timeval *pTimeout) {
                 }
                 continue;
             }
-            List_RemoveAt(&LAPI_SRV_tranList, pCur);
+            LAPI_SRV_UnlinkTran(pTran);
             LAPI_SRV_tranListChanged = 0;
             if (LAPI_SRV_TranTimeOut(pTran)) {
                 free(pTran);
@@ -734,6 +741,11 @@ void LAPI_SRV_ScanTranList(struct timeval *pTimeout) {
                 }
                 pPos = List_GetHeadPos(&LAPI_SRV_tranList);
             }
+        }
+        if (now >= 0) {
+            /* Every listed deadline lies at or after this moment. */
+            LAPI_SRV_SetTranScanBound(
+                static_cast<int32_t>(static_cast<uint32_t>(now) + static_cast<uint32_t>(wait)));
         }
     }
     if (pTimeout != nullptr) {

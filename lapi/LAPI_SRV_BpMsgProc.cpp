@@ -281,8 +281,10 @@ void LAPI_SRV_InitBpMsgProc(void) {
     bpMsgProc[PROXIMITY_ADD_APBP_RES].proc = LAPI_SRV_ProcBpAddProximityRspMsg;
     bpMsgProc[PROXIMITY_REM_APBP_RES].proc = LAPI_SRV_ProcBpRemoveProximityRspMsg;
     bpMsgProc[PROXIMITY_HIT_APBP_IND].proc = LAPI_SRV_ProcBpProximityHitIndMsg;
-    /* OPEN_SOCKET_BPAP_REQ, SEND_DATA_BPAP_REQ, CLOSE_SOCKET_BPAP_REQ and
-     * TLS_SESSION_BPAP_REQ join the table with the network proxy. */
+    bpMsgProc[OPEN_SOCKET_BPAP_REQ].proc = LAPI_SRV_ProcBpOpenSocketReqMsg;
+    bpMsgProc[SEND_DATA_BPAP_REQ].proc = LAPI_SRV_ProcBpSendDataReqMsg;
+    bpMsgProc[CLOSE_SOCKET_BPAP_REQ].proc = LAPI_SRV_ProcBpCloseSocketReqMsg;
+    bpMsgProc[TLS_SESSION_BPAP_REQ].proc = LAPI_SRV_ProcBpTlsSessionReqMsg;
 }
 
 /* ------------------------------------------------------------------------ */

@@ -32,6 +32,35 @@ void LAPI_SRV_ProcBpProximityHitIndMsg(uint8_t *pMsg, uint16_t msgLen);
 /* Answers every proximity area of every client after a successful remove-all
  * (called by LAPI_SRV_ProcBpRemoveProximityRspMsg; no table entry). */
 void LAPI_SRV_ProcBpRemoveAllProximityRspMsg(uint8_t *pMsg);
+
+/* ---- BP socket service ---- */
+
+/* Requests of the BP's network proxy. */
+void LAPI_SRV_ProcBpOpenSocketReqMsg(uint8_t *pMsg, uint16_t msgLen);
+void LAPI_SRV_ProcBpSendDataReqMsg(uint8_t *pMsg, uint16_t msgLen);
+void LAPI_SRV_ProcBpCloseSocketReqMsg(uint8_t *pMsg, uint16_t msgLen);
+void LAPI_SRV_ProcBpTlsSessionReqMsg(uint8_t *pMsg, uint16_t msgLen);
+
+/* SOCKET_MSG_RES_T (subCmdId 10, 12 or 15) to the BP. */
+void LAPI_SRV_SendSocketRes(uint8_t subCmdId, uint8_t sessionId, uint8_t transactionId,
+                            uint32_t linkId, int32_t result);
+/* TLS_MSG_RES_T to the BP. */
+void LAPI_SRV_SendTLSRes(uint8_t sessionId, uint8_t transactionId, uint32_t linkId, uint8_t result);
+/* Received-data indication: length bytes of pData and the result. */
+void LAPI_SRV_SendSocketDataInd(uint8_t sessionId, uint8_t transactionId, uint32_t linkId,
+                                uint32_t length, const uint8_t *pData, int32_t result);
+/* Writes or queues data on the socket of linkId: 0, or -1 after answering
+ * the send with -1. */
+int LAPI_SRV_SendData(uint8_t sessionId, uint8_t transactionId, uint32_t linkId, uint32_t length,
+                      const uint8_t *pData);
+
+/* How a BP message's length is checked. */
+enum LenRule { LEN_EXACT, LEN_AT_LEAST };
+/* Identifier and length of a BP message, with the procedure's own length
+ * text (which takes the length received and the length wanted); errors are
+ * reported in the name of func. */
+bool CheckBpMsg(const uint8_t *pMsg, uint16_t msgLen, uint8_t subCmdId, LenRule rule,
+                uint16_t wantLen, const char *pLenFmt, const char *func);
 /* Moves *ppPos on by n bytes; -1 (and *ppPos left alone) when that would pass
  * pEnd, the first byte after the message. Reaching pEnd exactly is allowed. */
 int LAPI_SRV_IncreasePtrAndCheck(const uint8_t **ppPos, const uint8_t *pEnd, int n);

@@ -89,15 +89,8 @@ static void RelinkTran(Transaction *pTran, const char *pFailText, const char *fu
 static const char kRelinkFail[] = "Fail to add pTran into LAPI_SRV_tranList!";
 static const char kRelinkFail2[] = "Fail to add pTran into LAPI_SRV_tranList 2!";
 
-/* How a BP message's length is checked. */
-enum LenRule { LEN_EXACT, LEN_AT_LEAST };
-
-/*
- * Identifier and length of a BP message, with the procedure's own length
- * text (which takes the length received and the length wanted).
- */
-static bool CheckBpMsg(const uint8_t *pMsg, uint16_t msgLen, uint8_t subCmdId, LenRule rule,
-                       uint16_t wantLen, const char *pLenFmt, const char *func) {
+bool CheckBpMsg(const uint8_t *pMsg, uint16_t msgLen, uint8_t subCmdId, LenRule rule,
+                uint16_t wantLen, const char *pLenFmt, const char *func) {
     if (pMsg == nullptr || msgLen < 1 || pMsg[0] != subCmdId) {
         BP_RSP_ERR(func, "pBpMsgHeader->subCmdId : 0x%02x is not expected, msgLen : %d!",
                    (pMsg != nullptr && msgLen >= 1) ? pMsg[0] : 0xFF, msgLen);
@@ -477,7 +470,7 @@ void LAPI_SRV_ProcBpGetGpsDbDataRspMsg(uint8_t *pMsg, uint16_t msgLen) {
  * connection from now on. */
 static void MakeAreaActive(Transaction *pTran, const char *func) {
     pTran->subCmdId = LAPI_SRV_PROXIMITY_ACTIVE;
-    pTran->expireTime = LAPI_SRV_TicksAhead(LAPI_SRV_PROXIMITY_DEADLINE_SEC);
+    LAPI_SRV_SetTranExpireTime(pTran, LAPI_SRV_TicksAhead(LAPI_SRV_PROXIMITY_DEADLINE_SEC));
     pTran->isSync = 0;
     RelinkTran(pTran, kRelinkFail2, func);
 }
@@ -531,7 +524,6 @@ void LAPI_SRV_ProcBpRemoveAllProximityRspMsg(uint8_t *pMsg) {
     int32_t status = GetI32(pMsg + offsetof(BpRemoveProximityRsp, status));
     ListNode *pPos = List_GetHeadPos(&LAPI_SRV_tranList);
     while (pPos != nullptr) {
-        ListNode *pCur = pPos;
         Transaction *pTran = static_cast<Transaction *>(List_GetNext(&LAPI_SRV_tranList, &pPos));
         if (pTran == nullptr || (pTran->subCmdId != PROXIMITY_ADD_APBP_REQ &&
                                  pTran->subCmdId != LAPI_SRV_PROXIMITY_ACTIVE &&
@@ -541,7 +533,7 @@ void LAPI_SRV_ProcBpRemoveAllProximityRspMsg(uint8_t *pMsg) {
         Fdops *pFdops = TranFdops(pTran);
         uint8_t clientSid = pTran->clientSid;
         uint8_t clientTid = pTran->clientTid;
-        List_RemoveAt(&LAPI_SRV_tranList, pCur);
+        LAPI_SRV_UnlinkTran(pTran);
         free(pTran);
         LAPI_SRV_tranListChanged = 0;
         SendProximityRsp(pFdops, LAPI_REMOVE_PROXIMITY_RSP, clientSid, clientTid, status,

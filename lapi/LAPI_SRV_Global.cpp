@@ -55,6 +55,17 @@ uint8_t LAPI_SRV_tranListChanged;
 uint8_t LAPI_SRV_nextSid = 2;
 uint8_t LAPI_SRV_nextTid = 1;
 
+SocketInfo socketInfoTable[LAPI_SRV_MAX_SOCKET_NUM];
+
+/* The index beside LAPI_SRV_tranList: its records in list order, the
+ * listed records of each BP pair (one, unless a test forces more), and the
+ * timer scan's lower bound on every listed deadline. */
+static Transaction *gTranFirst;
+static Transaction *gTranLast;
+static Transaction *gPairIndex[256 * 256];
+static bool gScanBoundKnown;
+static int32_t gScanBound;
+
 /* ------------------------------------------------------------------------ */
 /* List container                                                            */
 /* ------------------------------------------------------------------------ */
@@ -439,12 +450,16 @@ void LAPI_SRV_InitGlobals(void) {
     List_Init(&LAPI_SRV_statusClientList);
     List_Init(&LAPI_SRV_mtlrClientList);
     List_Init(&LAPI_SRV_tranList);
+    gTranFirst = nullptr;
+    gTranLast = nullptr;
+    memset(gPairIndex, 0, sizeof(gPairIndex));
+    gScanBoundKnown = false;
     LAPI_SRV_tranListChanged = 0;
     LAPI_SRV_nextSid = 2;
     LAPI_SRV_nextTid = 1;
     LAPI_SRV_pMuxFdops = nullptr;
     LAPI_SRV_muxConnected = 0;
-    /* The network socket table is zeroed here once the proxy has one. */
+    memset(socketInfoTable, 0, sizeof(socketInfoTable));
 }
 
 /* ------------------------------------------------------------------------ */
@@ -801,6 +816,9 @@ Client *LAPI_SRV_CreateClient(uint32_t pid, uint32_t service, Fdops *pFdops) {
     pClient->service = service;
     pClient->pSyncFdops = pFdops;
     pClient->pAsyncFdops = nullptr;
+    pClient->pTranFirst = nullptr;
+    pClient->pTranLast = nullptr;
+    pClient->tranCount = 0;
 
     if (List_AddTail(&LAPI_SRV_allClientList, pClient) == nullptr) {
         LAPI_SRV_ERR("Fail to add pClient into LAPI_SRV_allClientList!");
@@ -854,31 +872,20 @@ void LAPI_SRV_RemoveAllTransByClient(Client *pClient) {
     if (pClient == nullptr) {
         return;
     }
-    /* The abort sent to the BP may touch the list, so every removal starts
-     * the walk again from the head. */
-    bool restart = true;
-    while (restart) {
-        restart = false;
-        ListNode *pPos = List_GetHeadPos(&LAPI_SRV_tranList);
-        while (pPos != nullptr) {
-            Transaction *pTran =
-                static_cast<Transaction *>(List_GetNext(&LAPI_SRV_tranList, &pPos));
-            if (pTran == nullptr || pTran->pClient != pClient) {
-                continue;
-            }
-            if (pTran->subCmdId == 0x00 || pTran->subCmdId == 0x16) {
-                LAPI_SRV_TRACE(
-                    "client[pid=%d] forgot to abort location or                     it crash and "
-                    "leave an active location",
-                    static_cast<int>(pClient->pid));
-                LAPI_SRV_AbortLocationReq(pTran, 0);
-            }
-            List_Remove(&LAPI_SRV_tranList, pTran);
-            LAPI_SRV_tranListChanged = 1;
-            free(pTran);
-            restart = true;
-            break;
+    /* The client's chain holds its transactions in list order, so each turn
+     * takes the first of them left in the list. */
+    while (pClient->pTranFirst != nullptr) {
+        Transaction *pTran = pClient->pTranFirst;
+        if (pTran->pClient == pClient && (pTran->subCmdId == 0x00 || pTran->subCmdId == 0x16)) {
+            LAPI_SRV_TRACE(
+                "client[pid=%d] forgot to abort location or                     it crash and "
+                "leave an active location",
+                static_cast<int>(pClient->pid));
+            LAPI_SRV_AbortLocationReq(pTran, 0);
         }
+        LAPI_SRV_UnlinkTran(pTran);
+        LAPI_SRV_tranListChanged = 1;
+        free(pTran);
     }
 }
 
@@ -897,26 +904,170 @@ static void AdvanceBpPair(void) {
     }
 }
 
-/* Pairs in use, one bit per (sid, tid), built from the list in one pass. */
-struct BpPairMap {
-    uint8_t bits[256 * 256 / 8];
-};
+static unsigned PairKey(uint8_t sid, uint8_t tid) {
+    return (static_cast<unsigned>(sid) << 8) | tid;
+}
 
-static void MarkBpPairsInUse(BpPairMap *pMap) {
-    memset(pMap->bits, 0, sizeof(pMap->bits));
-    ListNode *pPos = List_GetHeadPos(&LAPI_SRV_tranList);
-    while (pPos != nullptr) {
-        Transaction *pTran = static_cast<Transaction *>(List_GetNext(&LAPI_SRV_tranList, &pPos));
-        if (pTran != nullptr) {
-            unsigned bit = (static_cast<unsigned>(pTran->sid) << 8) | pTran->tid;
-            pMap->bits[bit >> 3] = static_cast<uint8_t>(pMap->bits[bit >> 3] | (1u << (bit & 7)));
+/* Puts a record that has just joined the list (at its tail) into the index. */
+static void IndexTran(Transaction *pTran, ListNode *pNode) {
+    pTran->pNode = pNode;
+    pTran->pListPrev = gTranLast;
+    pTran->pListNext = nullptr;
+    if (gTranLast != nullptr) {
+        gTranLast->pListNext = pTran;
+    } else {
+        gTranFirst = pTran;
+    }
+    gTranLast = pTran;
+
+    pTran->pPairNext = nullptr;
+    Transaction **ppLink = &gPairIndex[PairKey(pTran->sid, pTran->tid)];
+    while (*ppLink != nullptr) {
+        ppLink = &(*ppLink)->pPairNext;
+    }
+    *ppLink = pTran;
+
+    Client *pClient = pTran->pClient;
+    pTran->pIndexClient = pClient;
+    pTran->pClientNext = nullptr;
+    pTran->pClientPrev = nullptr;
+    if (pClient != nullptr) {
+        pTran->pClientPrev = pClient->pTranLast;
+        if (pClient->pTranLast != nullptr) {
+            pClient->pTranLast->pClientNext = pTran;
+        } else {
+            pClient->pTranFirst = pTran;
         }
+        pClient->pTranLast = pTran;
+        pClient->tranCount++;
     }
 }
 
-static bool BpPairInUse(const BpPairMap *pMap, uint8_t sid, uint8_t tid) {
-    unsigned bit = (static_cast<unsigned>(sid) << 8) | tid;
-    return (pMap->bits[bit >> 3] & (1u << (bit & 7))) != 0;
+static void UnindexPair(Transaction *pTran) {
+    Transaction **ppLink = &gPairIndex[PairKey(pTran->sid, pTran->tid)];
+    while (*ppLink != nullptr && *ppLink != pTran) {
+        ppLink = &(*ppLink)->pPairNext;
+    }
+    if (*ppLink == pTran) {
+        *ppLink = pTran->pPairNext;
+    }
+    pTran->pPairNext = nullptr;
+}
+
+static void UnindexTran(Transaction *pTran) {
+    if (pTran->pListPrev != nullptr) {
+        pTran->pListPrev->pListNext = pTran->pListNext;
+    } else if (gTranFirst == pTran) {
+        gTranFirst = pTran->pListNext;
+    }
+    if (pTran->pListNext != nullptr) {
+        pTran->pListNext->pListPrev = pTran->pListPrev;
+    } else if (gTranLast == pTran) {
+        gTranLast = pTran->pListPrev;
+    }
+    UnindexPair(pTran);
+    Client *pClient = pTran->pIndexClient;
+    if (pClient != nullptr) {
+        if (pTran->pClientPrev != nullptr) {
+            pTran->pClientPrev->pClientNext = pTran->pClientNext;
+        } else if (pClient->pTranFirst == pTran) {
+            pClient->pTranFirst = pTran->pClientNext;
+        }
+        if (pTran->pClientNext != nullptr) {
+            pTran->pClientNext->pClientPrev = pTran->pClientPrev;
+        } else if (pClient->pTranLast == pTran) {
+            pClient->pTranLast = pTran->pClientPrev;
+        }
+        if (pClient->tranCount > 0) {
+            pClient->tranCount--;
+        }
+    }
+    pTran->pNode = nullptr;
+    pTran->pListPrev = nullptr;
+    pTran->pListNext = nullptr;
+    pTran->pIndexClient = nullptr;
+    pTran->pClientPrev = nullptr;
+    pTran->pClientNext = nullptr;
+}
+
+/* Appends to the list and the index; the changed flag is the caller's. */
+static int LinkTran(Transaction *pTran) {
+    ListNode *pNode = List_AddTail(&LAPI_SRV_tranList, pTran);
+    if (pNode == nullptr) {
+        return -1;
+    }
+    IndexTran(pTran, pNode);
+    return 0;
+}
+
+void LAPI_SRV_UnlinkTran(Transaction *pTran) {
+    if (pTran == nullptr) {
+        return;
+    }
+    ListNode *pNode = pTran->pNode;
+    if (pNode == nullptr) {
+        /* Not indexed: put on the list by other means. */
+        List_Remove(&LAPI_SRV_tranList, pTran);
+        return;
+    }
+    /* The node before it is the node of the record before it, in O(1); the
+     * list's own removal would walk from the head to find it. */
+    ListNode *pPrevNode = pTran->pListPrev != nullptr ? pTran->pListPrev->pNode : nullptr;
+    bool bLinked =
+        pPrevNode != nullptr ? pPrevNode->next == pNode : LAPI_SRV_tranList.head == pNode;
+    UnindexTran(pTran);
+    if (!bLinked) {
+        /* Something else changed the list behind the index: walk. */
+        List_RemoveAt(&LAPI_SRV_tranList, pNode);
+        return;
+    }
+    if (pPrevNode == nullptr) {
+        LAPI_SRV_tranList.head = pNode->next;
+        if (LAPI_SRV_tranList.head == nullptr) {
+            LAPI_SRV_tranList.tail = nullptr;
+        }
+    } else {
+        pPrevNode->next = pNode->next;
+        if (LAPI_SRV_tranList.tail == pNode) {
+            LAPI_SRV_tranList.tail = pPrevNode;
+        }
+    }
+    free(pNode);
+    if (LAPI_SRV_tranList.count > 0) {
+        LAPI_SRV_tranList.count--;
+    }
+}
+
+/* Signed distance, as every deadline comparison makes it (ticks wrap). */
+static bool TicksBefore(int32_t a, int32_t b) {
+    return static_cast<int32_t>(static_cast<uint32_t>(a) - static_cast<uint32_t>(b)) < 0;
+}
+
+static void LowerScanBound(int32_t expireTime) {
+    if (gScanBoundKnown && TicksBefore(expireTime, gScanBound)) {
+        gScanBound = expireTime;
+    }
+}
+
+void LAPI_SRV_SetTranExpireTime(Transaction *pTran, int32_t expireTime) {
+    if (pTran == nullptr) {
+        return;
+    }
+    pTran->expireTime = expireTime;
+    LowerScanBound(expireTime);
+}
+
+int LAPI_SRV_GetTranScanBound(int32_t *pBound) {
+    if (!gScanBoundKnown) {
+        return 0;
+    }
+    *pBound = gScanBound;
+    return 1;
+}
+
+void LAPI_SRV_SetTranScanBound(int32_t bound) {
+    gScanBound = bound;
+    gScanBoundKnown = true;
 }
 
 /* Number of distinct pairs: sid 2..255, tid 1..255. */
@@ -927,39 +1078,47 @@ Transaction *LAPI_SRV_CreateTransaction(uint32_t clientSid, uint32_t clientTid, 
     if (pClient == nullptr) {
         return nullptr;
     }
+    /* One client must not take every BP pair from the others. */
+    if (pClient->tranCount >= LAPI_SRV_MAX_TRANS_PER_CLIENT) {
+        LAPI_SRV_ERR("Client pid %d already holds %d transactions, refuse!",
+                     static_cast<int>(pClient->pid), LAPI_SRV_MAX_TRANS_PER_CLIENT);
+        return nullptr;
+    }
     Transaction *pTran = static_cast<Transaction *>(malloc(sizeof(Transaction)));
     if (pTran == nullptr) {
         LAPI_SRV_ERR("Can not get Transaction, No memory!");
         return nullptr;
     }
     memset(pTran, 0, sizeof(Transaction));
-    if (LAPI_SRV_AddTranList(pTran) != 0) {
+    /* Listed with the pair (0, 0), which is never handed out, and moved to
+     * its own pair below. Its deadline is set by the caller through
+     * LAPI_SRV_SetTranExpireTime before the loop turns again. */
+    pTran->pClient = pClient;
+    if (LinkTran(pTran) != 0) {
         LAPI_SRV_ERR("Fail to add pTran into LAPI_SRV_tranList!");
         free(pTran);
         return nullptr;
     }
-    /* The new record is still zero, and (0, 0) is never handed out. */
-    BpPairMap used;
-    MarkBpPairsInUse(&used);
+    LAPI_SRV_tranListChanged = 1;
     /* Every pair taken: refuse rather than search for ever. */
     int tries = 0;
-    while (BpPairInUse(&used, LAPI_SRV_nextSid, LAPI_SRV_nextTid)) {
+    while (gPairIndex[PairKey(LAPI_SRV_nextSid, LAPI_SRV_nextTid)] != nullptr) {
         if (++tries >= LAPI_SRV_BP_PAIR_COUNT) {
             LAPI_SRV_ERR("No free BP sid/tid pair, %d transactions!",
                          static_cast<int>(LAPI_SRV_tranList.count));
-            List_Remove(&LAPI_SRV_tranList, pTran);
-            LAPI_SRV_tranListChanged = 1;
+            LAPI_SRV_UnlinkTran(pTran);
             free(pTran);
             return nullptr;
         }
         AdvanceBpPair();
     }
+    UnindexPair(pTran);
     pTran->sid = LAPI_SRV_nextSid;
     pTran->tid = LAPI_SRV_nextTid;
+    gPairIndex[PairKey(pTran->sid, pTran->tid)] = pTran;
     AdvanceBpPair();
     pTran->clientSid = static_cast<uint8_t>(clientSid);
     pTran->clientTid = static_cast<uint8_t>(clientTid);
-    pTran->pClient = pClient;
     pTran->isSync = static_cast<uint8_t>(isSync);
     return pTran;
 }
@@ -968,22 +1127,23 @@ int LAPI_SRV_AddTranList(Transaction *pTran) {
     if (pTran == nullptr) {
         return -1;
     }
-    if (List_AddTail(&LAPI_SRV_tranList, pTran) == nullptr) {
+    if (LinkTran(pTran) != 0) {
         return -1;
     }
+    /* A record put back keeps the deadline it has. */
+    LowerScanBound(pTran->expireTime);
     LAPI_SRV_tranListChanged = 1;
     return 0;
 }
 
 Transaction *LAPI_SRV_GetTranByBpId(uint32_t sid, uint32_t tid, uint32_t remove) {
-    ListNode *pPos = List_GetHeadPos(&LAPI_SRV_tranList);
-    while (pPos != nullptr) {
-        ListNode *pCur = pPos;
-        Transaction *pTran = static_cast<Transaction *>(List_GetNext(&LAPI_SRV_tranList, &pPos));
-        if (pTran != nullptr && pTran->sid == static_cast<uint8_t>(sid) &&
-            pTran->tid == static_cast<uint8_t>(tid)) {
+    uint8_t sid8 = static_cast<uint8_t>(sid);
+    uint8_t tid8 = static_cast<uint8_t>(tid);
+    for (Transaction *pTran = gPairIndex[PairKey(sid8, tid8)]; pTran != nullptr;
+         pTran = pTran->pPairNext) {
+        if (pTran->sid == sid8 && pTran->tid == tid8) {
             if (static_cast<uint8_t>(remove) != 0) {
-                List_RemoveAt(&LAPI_SRV_tranList, pCur);
+                LAPI_SRV_UnlinkTran(pTran);
                 LAPI_SRV_tranListChanged = 1;
             }
             return pTran;
@@ -994,15 +1154,15 @@ Transaction *LAPI_SRV_GetTranByBpId(uint32_t sid, uint32_t tid, uint32_t remove)
 
 Transaction *LAPI_SRV_GetTranByClientId(Client *pClient, uint32_t clientSid, uint32_t clientTid,
                                         uint32_t remove) {
-    ListNode *pPos = List_GetHeadPos(&LAPI_SRV_tranList);
-    while (pPos != nullptr) {
-        ListNode *pCur = pPos;
-        Transaction *pTran = static_cast<Transaction *>(List_GetNext(&LAPI_SRV_tranList, &pPos));
-        if (pTran != nullptr && pTran->pClient == pClient &&
-            pTran->clientSid == static_cast<uint8_t>(clientSid) &&
-            pTran->clientTid == static_cast<uint8_t>(clientTid)) {
+    uint8_t sid8 = static_cast<uint8_t>(clientSid);
+    uint8_t tid8 = static_cast<uint8_t>(clientTid);
+    /* A client's own chain holds at most LAPI_SRV_MAX_TRANS_PER_CLIENT; the
+     * records of no client are found by walking the list. */
+    Transaction *pTran = pClient != nullptr ? pClient->pTranFirst : gTranFirst;
+    for (; pTran != nullptr; pTran = pClient != nullptr ? pTran->pClientNext : pTran->pListNext) {
+        if (pTran->pClient == pClient && pTran->clientSid == sid8 && pTran->clientTid == tid8) {
             if (static_cast<uint8_t>(remove) != 0) {
-                List_RemoveAt(&LAPI_SRV_tranList, pCur);
+                LAPI_SRV_UnlinkTran(pTran);
                 LAPI_SRV_tranListChanged = 1;
             }
             return pTran;

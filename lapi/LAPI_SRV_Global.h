@@ -172,13 +172,25 @@ enum {
     LAPI_SERVICE_STATUS = 0x4,
 };
 
+struct Transaction;
+
 struct Client {
     uint32_t globalId;
     uint32_t pid;
     uint32_t service;
     Fdops *pSyncFdops;
     Fdops *pAsyncFdops;
+    /* Its listed transactions in list order, kept by the transaction list's
+     * operations below (zero in a new record). */
+    Transaction *pTranFirst;
+    Transaction *pTranLast;
+    uint32_t tranCount;
 };
+
+/* Most transactions one client may hold at once: far above what any
+ * application keeps running, far below the 64 770 BP pairs, so one client
+ * can never take every pair from the others. */
+#define LAPI_SRV_MAX_TRANS_PER_CLIENT 256
 
 struct Transaction {
     uint8_t sid;
@@ -190,6 +202,17 @@ struct Transaction {
     int32_t expireTime;
     uint8_t isSync;
     Client *pClient;
+    /* Index beside LAPI_SRV_tranList, so that finding a transaction by its
+     * BP pair or its client's pair, and taking it off the list, cost the
+     * same with one or 64 000 alive. Kept by the list operations below;
+     * null while the record is off the list. */
+    ListNode *pNode;        /* its node in LAPI_SRV_tranList */
+    Transaction *pListPrev; /* neighbours in list order */
+    Transaction *pListNext;
+    Transaction *pPairNext;   /* next listed one with the same BP pair */
+    Client *pIndexClient;     /* the client whose chain holds it */
+    Transaction *pClientPrev; /* neighbours in that chain */
+    Transaction *pClientNext;
 };
 
 extern List LAPI_SRV_allClientList;
@@ -207,6 +230,18 @@ Client *LAPI_SRV_GetClientByGlobalId(uint32_t globalId);
 Transaction *LAPI_SRV_CreateTransaction(uint32_t clientSid, uint32_t clientTid, Client *pClient,
                                         uint32_t isSync);
 int LAPI_SRV_AddTranList(Transaction *pTran);
+/* Takes pTran off LAPI_SRV_tranList (not freed), leaving the changed flag to
+ * the caller. */
+void LAPI_SRV_UnlinkTran(Transaction *pTran);
+/* Sets a transaction's deadline. Every deadline is set through it, so that
+ * the timer scan knows, without walking the list, the earliest moment at
+ * which anything can expire. */
+void LAPI_SRV_SetTranExpireTime(Transaction *pTran, int32_t expireTime);
+/* The earliest moment at which a listed transaction can expire: 1 with
+ * *pBound set, or 0 when unknown (the scan then walks the list and records
+ * what it found with LAPI_SRV_SetTranScanBound). */
+int LAPI_SRV_GetTranScanBound(int32_t *pBound);
+void LAPI_SRV_SetTranScanBound(int32_t bound);
 Transaction *LAPI_SRV_GetTranByBpId(uint32_t sid, uint32_t tid, uint32_t remove);
 Transaction *LAPI_SRV_GetTranByClientId(Client *pClient, uint32_t clientSid, uint32_t clientTid,
                                         uint32_t remove);
@@ -214,5 +249,60 @@ int LAPI_SRV_SendMsgToClient(Fdops *pFdops, const void *pBuf, int len);
 int LAPI_SRV_BroadcastMsgToClient(List *pList, const void *pBuf, int len);
 int LAPI_SRV_BroadcastMsgToStatusClient(const void *pBuf, int len);
 int LAPI_SRV_BroadcastMsgToMtlrClient(const void *pBuf, int len);
+
+/* ------------------------------------------------------------------------ */
+/* Network sockets opened for the BP                                         */
+/* ------------------------------------------------------------------------ */
+
+struct TLSContext;
+
+/* fdStatus of a SocketInfo. */
+enum {
+    LAPI_SRV_SOCK_UNATTACHED = 0, /* not attached to the network */
+    LAPI_SRV_SOCK_CONNECTING = 1,
+    LAPI_SRV_SOCK_CONNECTED = 2,
+    LAPI_SRV_SOCK_TLS_HANDSHAKE = 3,
+};
+
+/* addrType of a SocketInfo (and of the open-socket request). */
+enum {
+    LAPI_SRV_ADDR_IPV4 = 0,
+    LAPI_SRV_ADDR_FQDN = 1,
+};
+
+enum {
+    LAPI_SRV_MAX_SOCKET_NUM = 16,   /* entries of socketInfoTable */
+    LAPI_SRV_SOCK_ADDR_LEN = 256,   /* address: 4 IPv4 bytes or a NUL-terminated FQDN */
+    LAPI_SRV_SOCK_NAME_LEN = 256,   /* serverName, NUL-terminated */
+    LAPI_SRV_SOCK_RBUF_SIZE = 235,  /* read size of a network socket: the BP's piece */
+    LAPI_SRV_SOCK_WBUF_SIZE = 1024, /* one send request at a time */
+};
+
+/* One network connection opened for the BP. An entry is free exactly when
+ * its fd is 0: an entry that is still dialling (fd 0) can be handed out a
+ * second time. */
+struct SocketInfo {
+    uint8_t sessionId;     /* BP pair of the request being served */
+    uint8_t transactionId; /* (set at open, overwritten by each send) */
+    uint32_t linkId;       /* the BP's own name of this socket */
+    int32_t napiLink;      /* data-link handle */
+    int32_t fd;            /* TCP descriptor; 0: entry free */
+    uint8_t fdStatus;      /* LAPI_SRV_SOCK_* */
+    uint32_t addrType;     /* LAPI_SRV_ADDR_* */
+    char address[LAPI_SRV_SOCK_ADDR_LEN];
+    uint16_t port; /* host order */
+    Fdops *pFdops; /* null until the socket exists */
+    char serverName[LAPI_SRV_SOCK_NAME_LEN];
+    List sendDataList; /* send requests waiting for wbuf */
+    uint8_t bIsTlsSession;
+    TLSContext *pTlsContext; /* from CD_malloc */
+    uintptr_t cmContext;     /* certificate-manager context handle */
+    uint8_t closeSessionId;  /* pair of a deferred close request */
+    uint8_t closeTransactionId;
+    uint8_t bClosePending; /* 1 while a close waits for wbuf to drain */
+    uint8_t dialCount;     /* re-dials made after a link failure */
+};
+
+extern SocketInfo socketInfoTable[LAPI_SRV_MAX_SOCKET_NUM];
 
 #endif /* LAPI_SRV_GLOBAL_H */

@@ -11,10 +11,13 @@
 
 #include <ctype.h>
 #include <errno.h>
+#include <fcntl.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/stat.h>
 #include <time.h>
+#include <unistd.h>
 
 #include "LAPI_Log.h"
 #include "LAPI_SRV_Paths.h"
@@ -40,6 +43,36 @@ static_assert(kLogLineBufSize > LAPI_SRV_LOG_MAX_RECORD_LEN, "a cut line is stil
 /* The open log stream: opened by the first record, kept for the life of the
  * process. A plain pointer, so exit() from the signal handler is safe. */
 FILE *pLogFile = nullptr;
+
+/*
+ * Opens path as a stream without ever waiting on it, and only when it is a
+ * regular file: a FIFO or a device put in its place would stop the server
+ * (a FIFO blocks the open or the first read for good, /dev/zero never ends).
+ * Null with *pNotRegular set when something other than a regular file is
+ * there (the caller reports it); null with it clear when nothing could be
+ * opened (errno kept).
+ */
+FILE *OpenRegularFile(const char *path, int flags, const char *mode, bool *pNotRegular) {
+    *pNotRegular = false;
+    int fd = open(path, flags | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, 0644);
+    if (fd < 0) {
+        return nullptr;
+    }
+    struct stat st;
+    if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+        *pNotRegular = true;
+        close(fd);
+        errno = EINVAL;
+        return nullptr;
+    }
+    FILE *fp = fdopen(fd, mode);
+    if (fp == nullptr) {
+        int savedErrno = errno;
+        close(fd);
+        errno = savedErrno;
+    }
+    return fp;
+}
 
 bool IsSpace(char c) {
     return isspace(static_cast<unsigned char>(c)) != 0;
@@ -165,8 +198,12 @@ char *get_entry_value(const char *filename, const char *entry_name) {
         return nullptr;
     }
 
-    FILE *fp = fopen(filename, "r");
+    bool bNotRegular = false;
+    FILE *fp = OpenRegularFile(filename, O_RDONLY, "r", &bNotRegular);
     if (fp == nullptr) {
+        if (bNotRegular) {
+            LAPI_SRV_ERR("config file %s is not a regular file, ignored!", filename);
+        }
         LAPI_SRV_TRACE("open config file %s fail!\n\n", filename);
         return nullptr;
     }
@@ -181,7 +218,16 @@ char *get_entry_value(const char *filename, const char *entry_name) {
     /* A line longer than the buffer comes in pieces, each searched alone. */
     char line[LAPI_SRV_CFG_LINE_SIZE];
     memset(line, 0, sizeof(line));
+    size_t bytesRead = 0;
     while (fgets(line, sizeof(line), fp) != nullptr) {
+        /* A file that grows without end (a log written in its place) is
+         * searched only up to the bound; past it the key counts as missing. */
+        bytesRead += strlen(line);
+        if (bytesRead > LAPI_SRV_CFG_MAX_FILE_BYTES) {
+            LAPI_SRV_ERR("config file %s is longer than %d bytes, the rest is ignored!", filename,
+                         LAPI_SRV_CFG_MAX_FILE_BYTES);
+            break;
+        }
         if (find_entry(line, entry_name, pValue) == 1) {
             fclose(fp);
             return pValue;
@@ -230,9 +276,14 @@ void LAPI_SRV_LOG_Init(void) {
 
 int LAPI_SRV_LOG_Open(void) {
     const char *path = LAPI_SRV_fixLogFile;
-    FILE *fp = fopen(path, "r+");
+    bool bNotRegular = false;
+    FILE *fp = OpenRegularFile(path, O_RDWR, "r+", &bNotRegular);
+    if (fp == nullptr && bNotRegular) {
+        LAPI_SRV_ERR("fix log %s is not a regular file, ignored!", path);
+        return -1;
+    }
     if (fp == nullptr) {
-        fp = fopen(path, "w+");
+        fp = OpenRegularFile(path, O_RDWR | O_CREAT | O_TRUNC, "w+", &bNotRegular);
         if (fp == nullptr) {
             LAPI_SRV_ERR("Fail to create %s, error%s:!", path, strerror(errno));
             return -1;
@@ -241,7 +292,7 @@ int LAPI_SRV_LOG_Open(void) {
         (void)fseek(fp, 0, SEEK_SET);
         fprintf(fp, "%d", LAPI_SRV_LOG_HEADER_LEN);
         fclose(fp);
-        fp = fopen(path, "r+");
+        fp = OpenRegularFile(path, O_RDWR, "r+", &bNotRegular);
         if (fp == nullptr) {
             LAPI_SRV_ERR("Fail to open %s, error%s:!", path, strerror(errno));
             return -1;
@@ -278,7 +329,7 @@ int LAPI_SRV_LOG_Write(const char *text) {
         gLogoffset = LAPI_SRV_LOG_HEADER_LEN;
     }
     (void)fseek(pLogFile, static_cast<long>(gLogoffset), SEEK_SET);
-    (void)fwrite(text, 1, len, pLogFile);
+    bool bWritten = fwrite(text, 1, len, pLogFile) == len;
     long pos = ftell(pLogFile);
     gLogoffset = (pos >= 0) ? static_cast<uint32_t>(pos) : gLogoffset + static_cast<uint32_t>(len);
 
@@ -287,7 +338,11 @@ int LAPI_SRV_LOG_Write(const char *text) {
     (void)fwrite(kLogHeaderMarker, 1, LAPI_SRV_LOG_HEADER_LEN, pLogFile);
     (void)fseek(pLogFile, 0, SEEK_SET);
     fprintf(pLogFile, "%u", gLogoffset);
-    fflush(pLogFile);
+    /* A full disk or a failing medium loses the record, but never silently. */
+    if (fflush(pLogFile) != 0 || !bWritten || ferror(pLogFile)) {
+        LAPI_SRV_ERR("Fail to write %s, error:%s!", LAPI_SRV_fixLogFile, strerror(errno));
+        clearerr(pLogFile);
+    }
     (void)fseek(pLogFile, static_cast<long>(gLogoffset), SEEK_SET);
     return 0;
 }

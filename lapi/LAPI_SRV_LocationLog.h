@@ -18,6 +18,9 @@ enum {
     /* Longest value that fits the block with its terminating zero; a longer
      * value is refused (the key counts as missing on that line). */
     LAPI_SRV_CFG_VALUE_MAX_LEN = LAPI_SRV_CFG_VALUE_SIZE - 1,
+    /* Most bytes of the file searched for one key; the file holds three
+     * short settings, so anything longer is not a configuration file. */
+    LAPI_SRV_CFG_MAX_FILE_BYTES = 64 * 1024,
 };
 
 /* A new zero-filled 64-byte block with the key's value (caller frees), or null. */

@@ -13,10 +13,12 @@
 #include "LAPI_SRV_Main.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <signal.h>
 #include <stddef.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/resource.h>
 #include <sys/select.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -52,6 +54,51 @@ constexpr socklen_t kAcceptAddrLen = 16;
 
 bool FdInSet(int fd, const fd_set *pSet) {
     return fd >= 0 && fd < FD_SETSIZE && FD_ISSET(fd, pSet);
+}
+
+/* Descriptors kept above FD_SETSIZE under the soft limit: an accept that
+ * lands there is refused by CreateFdops and closed, instead of failing with
+ * EMFILE, which would close the listening socket for good; the rest is room
+ * for the files opened while every watched descriptor is taken. */
+constexpr rlim_t kFdLimitMargin = 64;
+
+/* 1 from just before the wait until it returns: a shutdown signal that
+ * arrives then finds every list whole. */
+volatile sig_atomic_t gInWait = 0;
+/* A fault signal sent by another process outside the wait, kept for the
+ * wait; 0 when none. */
+volatile sig_atomic_t gDeferredSig = 0;
+
+/* Signals that end the server: let in only by the wait. */
+void ShutdownSignals(sigset_t *pSet) {
+    sigemptyset(pSet);
+    sigaddset(pSet, SIGTERM);
+}
+
+/*
+ * SIGFPE and SIGSEGV cannot be blocked: a real fault while they are blocked
+ * kills the process without the clean-up. So they stay open, and one that
+ * another process sent (si_code <= 0: kill, sigqueue, tgkill) outside the
+ * wait is kept and turned into a pending SIGTERM, which the wait lets in;
+ * the handler then reports the signal that was sent. A real fault goes to
+ * the handler at once, as it always did.
+ */
+void FaultSigAction(int sig, siginfo_t *pInfo, void * /*pContext*/) {
+    bool bSent = pInfo != nullptr && pInfo->si_code <= 0;
+    if (bSent && !gInWait) {
+        gDeferredSig = sig;
+        kill(getpid(), SIGTERM);
+        return;
+    }
+    gInWait = 0;
+    LAPI_SRV_SigHandler(sig);
+}
+
+void ShutdownSigHandler(int sig) {
+    /* Once the clean-up runs, later signals wait for good (never let in). */
+    gInWait = 0;
+    int deferred = gDeferredSig;
+    LAPI_SRV_SigHandler(deferred != 0 ? deferred : sig);
 }
 
 }  // namespace
@@ -284,21 +331,38 @@ int LAPI_SRV_TestPackedStruct(uint8_t full) {
 /* ------------------------------------------------------------------------ */
 
 void LAPI_SRV_InitSignal(void) {
+    /* SIGPIPE only traces, so it runs anywhere; the other three end the
+     * server and run their clean-up only where no list is half-changed. */
     static const struct {
         int sig;
         const char *name;
+        void (*pHandler)(int);
+        void (*pAction)(int, siginfo_t *, void *);
     } kSignals[] = {
-        {SIGPIPE, "SIGPIPE"},
-        {SIGFPE, "SIGFPE"},
-        {SIGTERM, "SIGTERM"},
-        {SIGSEGV, "SIGSEGV"},
+        {SIGPIPE, "SIGPIPE", LAPI_SRV_SigHandler, nullptr},
+        {SIGFPE, "SIGFPE", nullptr, FaultSigAction},
+        {SIGTERM, "SIGTERM", ShutdownSigHandler, nullptr},
+        {SIGSEGV, "SIGSEGV", nullptr, FaultSigAction},
     };
-    struct sigaction action;
-    memset(&action, 0, sizeof(action));
-    action.sa_handler = LAPI_SRV_SigHandler;
-    sigemptyset(&action.sa_mask);
-    action.sa_flags = kSaInterrupt;
+    /* SIGTERM waits, pending, for the loop's wait to let it in; blocked
+     * before any handler is in place, so that a fault signal sent during
+     * start-up is kept for the wait as well. */
+    sigset_t shutdownSet;
+    ShutdownSignals(&shutdownSet);
+    if (sigprocmask(SIG_BLOCK, &shutdownSet, nullptr) != 0) {
+        LAPI_SRV_ERR("Fail to block SIGTERM, errno is: %d, %s", errno, strerror(errno));
+    }
     for (const auto &s : kSignals) {
+        struct sigaction action;
+        memset(&action, 0, sizeof(action));
+        sigemptyset(&action.sa_mask);
+        action.sa_flags = kSaInterrupt;
+        if (s.pAction != nullptr) {
+            action.sa_sigaction = s.pAction;
+            action.sa_flags |= SA_SIGINFO;
+        } else {
+            action.sa_handler = s.pHandler;
+        }
         if (sigaction(s.sig, &action, nullptr) != 0) {
             LAPI_SRV_ERR("Fail to sigaction %s, errno is: %d, %s", s.name, errno, strerror(errno));
         }
@@ -510,7 +574,26 @@ void LAPI_SRV_LoopOnce(void) {
     LAPI_SRV_loopNfds = nfds;
     LAPI_SRV_loopTimeout = timeout;
 
-    int n = select(nfds, &readSet, &writeSet, nullptr, &timeout);
+    /* The only place where SIGTERM gets in: pselect opens the mask for the
+     * wait alone, atomically, so a signal sent at any other moment stays
+     * pending until here and its clean-up never meets a half-changed list. */
+    sigset_t waitMask;
+    sigset_t shutdownSet;
+    sigprocmask(SIG_SETMASK, nullptr, &waitMask);
+    ShutdownSignals(&shutdownSet);
+    for (int sig = 1; sig < NSIG; ++sig) {
+        if (sigismember(&shutdownSet, sig) == 1) {
+            sigdelset(&waitMask, sig);
+        }
+    }
+    struct timespec waitTime;
+    waitTime.tv_sec = timeout.tv_sec;
+    waitTime.tv_nsec = timeout.tv_usec * 1000L;
+    gInWait = 1;
+    int n = pselect(nfds, &readSet, &writeSet, nullptr, &waitTime, &waitMask);
+    int waitErrno = errno;
+    gInWait = 0;
+    errno = waitErrno;
     if (n > 0) {
         ListNode *pPos = List_GetHeadPos(&LAPI_SRV_readFdopsList);
         while (pPos != nullptr && n > 0) {
@@ -565,7 +648,45 @@ void LAPI_SRV_LoopOnce(void) {
     LAPI_SRV_TRACE("END WHILE(1)");
 }
 
+void LAPI_SRV_OpenStdFds(void) {
+    for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {
+        if (fcntl(fd, F_GETFD) >= 0 || errno != EBADF) {
+            continue;
+        }
+        /* The lowest free number: this one, as the lower ones are open. */
+        int nullFd = open("/dev/null", O_RDWR);
+        if (nullFd >= 0 && nullFd != fd) {
+            dup2(nullFd, fd);
+            CloseFd(nullFd);
+        }
+    }
+}
+
+void LAPI_SRV_RaiseFdLimit(void) {
+    struct rlimit limit;
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0) {
+        return;
+    }
+    const rlim_t want = static_cast<rlim_t>(FD_SETSIZE) + kFdLimitMargin;
+    if (limit.rlim_cur == RLIM_INFINITY || limit.rlim_cur >= want) {
+        return;
+    }
+    limit.rlim_cur =
+        (limit.rlim_max == RLIM_INFINITY || limit.rlim_max >= want) ? want : limit.rlim_max;
+    if (setrlimit(RLIMIT_NOFILE, &limit) != 0) {
+        LAPI_SRV_ERR("Fail to raise the descriptor limit, errno is: %d, %s", errno,
+                     strerror(errno));
+    }
+}
+
 int LAPI_SRV_ServerMain(void) {
+    /* Before anything opens a descriptor: with 0, 1 or 2 closed, the
+     * listening socket, the BP channel or a client would take its number
+     * and receive diagnostics or the plain lines of standard output. */
+    LAPI_SRV_OpenStdFds();
+    LAPI_LogPrepareStream();
+    LAPI_SRV_RaiseFdLimit();
+
     if (LAPI_SRV_PidMutex() != 0) {
         LAPI_SRV_ERR("Fail to pass LAPI_SRV_PidMutex()!");
         exit(1);

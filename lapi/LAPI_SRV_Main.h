@@ -18,6 +18,10 @@ void LAPI_SRV_SigHandler(int sig);
 int LAPI_SRV_InitSrvSock(void);
 void LAPI_SRV_ListenSockReadProc(Fdops *pFdops);
 void LAPI_SRV_CloseAll(void);
+/* Start-up hardening: 0, 1 and 2 opened on /dev/null when closed; the soft
+ * descriptor limit raised above FD_SETSIZE (within the hard limit). */
+void LAPI_SRV_OpenStdFds(void);
+void LAPI_SRV_RaiseFdLimit(void);
 
 /* One turn of the event loop (the loop is this, for ever). */
 void LAPI_SRV_LoopOnce(void);

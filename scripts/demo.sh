@@ -3,7 +3,9 @@
 # simulator and the lapi tool, starts the simulator and the server on a
 # private temporary root, asks the server for a location fix and for a
 # distance, prints the answers, delivers a SUPL INIT push as an SMS for the
-# WAP push port and shows the engine receiving it, and stops everything.
+# WAP push port and shows the engine receiving it, has the simulated engine
+# fetch a page over TLS through the server's network proxy (from a local
+# openssl s_server), and stops everything.
 #
 #   scripts/demo.sh [--build-dir DIR] [--keep]
 #
@@ -15,7 +17,7 @@ set -euo pipefail
 REPO=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 BUILD="$REPO/build"
 KEEP=0
-PACKAGES=(cmake ninja-build g++ libgtest-dev libgmock-dev libssl-dev)
+PACKAGES=(cmake ninja-build g++ libgtest-dev libgmock-dev libssl-dev openssl)
 
 # The fix the simulated positioning engine reports, and a second point for
 # the distance: Paris and London.
@@ -31,7 +33,10 @@ Usage: scripts/demo.sh [--build-dir DIR] [--keep]
 
 Builds lapi_srv_host, bpsim, lapi and lapi_push, runs the server against the
 BP simulator on a temporary root, shows 'lapi locate' and 'lapi distance',
-then sends a SUPL INIT push with 'lapi_push' and shows the engine getting it.
+then sends a SUPL INIT push with 'lapi_push' and shows the engine getting it;
+then the simulated engine opens a connection to 'localhost' through the
+server, asks for TLS 1.0 with the host-name check, sends an HTTP request to a
+local openssl s_server and prints the answer that comes back.
 
   --build-dir DIR  build in DIR (default: build/ in the repository)
   --keep           keep the temporary root (logs, socket folder) afterwards
@@ -70,6 +75,7 @@ command -v g++ >/dev/null 2>&1 || missing+=(g++)
 [ -e /usr/include/gtest/gtest.h ] || missing+=(libgtest-dev)
 [ -e /usr/include/gmock/gmock.h ] || missing+=(libgmock-dev)
 [ -e /usr/include/openssl/ssl.h ] || missing+=(libssl-dev)
+command -v openssl >/dev/null 2>&1 || missing+=(openssl)
 if [ ${#missing[@]} -gt 0 ]; then
     step "Installing build tools (missing: ${missing[*]})"
     command -v apt-get >/dev/null 2>&1 ||
@@ -105,6 +111,7 @@ ROOT=$(mktemp -d /tmp/lapi-demo.XXXXXX) || fail "cannot create a temporary folde
 SIM_PID=""
 SRV_PID=""
 LAUNCHER_PID=""
+TLS_PID=""
 
 # Stops a process we started: SIGTERM, up to 5 s, then SIGKILL.
 stop_pid() {
@@ -130,6 +137,7 @@ cleanup() {
     [ "$LAUNCHER_PID" = "$SRV_PID" ] || stop_pid "$LAUNCHER_PID"
     exec 7>&- 2>/dev/null || true
     stop_pid "$SIM_PID"
+    stop_pid "$TLS_PID"
     if [ $rc -ne 0 ] && [ -s "$ROOT/lapi_srv.log" ]; then
         echo "--- last lines of the server's diagnostics ($ROOT/lapi_srv.log) ---" >&2
         tail -n 20 "$ROOT/lapi_srv.log" >&2
@@ -228,6 +236,86 @@ done
 [ $pushed -eq 1 ] || fail "the engine did not receive the push indication"
 grep '^bpsim: push indication' "$ROOT/bpsim.log" | head -n 1
 
+step "TLS through the server: the engine fetches https://localhost/supl.txt"
+# A test CA made here and now, trusted by the server (ROOT/etc/certs), and a
+# certificate for 'localhost' in its subjectAltName: 'localhost' has no dot,
+# so the common-name rule cannot pass it and the subjectAltName walk must.
+PKI="$ROOT/pki"
+mkdir -p "$PKI" "$ROOT/www" "$ROOT/etc/certs"
+{
+    openssl req -x509 -newkey rsa:2048 -nodes -days 1 -subj "/CN=LAPI demo CA" \
+        -keyout "$PKI/ca.key" -out "$PKI/ca.pem" &&
+        openssl req -new -newkey rsa:2048 -nodes -subj "/CN=demo server" \
+            -keyout "$PKI/server.key" -out "$PKI/server.csr" &&
+        printf 'subjectAltName=DNS:localhost\n' >"$PKI/server.ext" &&
+        openssl x509 -req -days 1 -in "$PKI/server.csr" -CA "$PKI/ca.pem" -CAkey "$PKI/ca.key" \
+            -set_serial 1 -extfile "$PKI/server.ext" -out "$PKI/server.pem"
+} >"$PKI/openssl.log" 2>&1 || fail "openssl could not make the demo certificates ($PKI/openssl.log)"
+cp "$PKI/ca.pem" "$ROOT/etc/certs/demo-ca.pem"
+printf 'Assistance data for the engine: 42 satellites in view.\n' >"$ROOT/www/supl.txt"
+
+# openssl s_server on 127.0.0.1, TLS 1.0 only, serving ROOT/www; on a free
+# port (a port taken meanwhile just makes it try the next one).
+TLS_PORT=""
+for port in $(shuf -i 20000-60000 -n 20); do
+    (cd "$ROOT/www" && exec openssl s_server -accept "127.0.0.1:$port" -tls1 \
+        -cipher 'AES128-SHA:@SECLEVEL=0' -cert "$PKI/server.pem" -key "$PKI/server.key" \
+        -WWW </dev/null >"$ROOT/s_server.log" 2>&1) &
+    TLS_PID=$!
+    for _ in $(seq 50); do
+        grep -q ACCEPT "$ROOT/s_server.log" 2>/dev/null && break
+        kill -0 "$TLS_PID" 2>/dev/null || break
+        sleep 0.1
+    done
+    if grep -q ACCEPT "$ROOT/s_server.log" 2>/dev/null && kill -0 "$TLS_PID" 2>/dev/null; then
+        TLS_PORT=$port
+        break
+    fi
+    stop_pid "$TLS_PID"
+    TLS_PID=""
+done
+[ -n "$TLS_PORT" ] || fail "openssl s_server did not start"
+echo "openssl s_server -tls1 on 127.0.0.1:$TLS_PORT, certificate for DNS:localhost"
+
+# Waits for the simulator's next socket line matching a pattern.
+wait_sim() {
+    local pattern=$1
+    for _ in $(seq 100); do
+        grep -q -- "$pattern" "$ROOT/bpsim.log" && return 0
+        sleep 0.1
+    done
+    return 1
+}
+REQUEST='GET /supl.txt HTTP/1.0\r\n\r\n'
+REQUEST_HEX=$(printf "$REQUEST" | od -An -tx1 | tr -s ' \n' ' ')
+echo "engine: sockopen 5 localhost $TLS_PORT"
+echo "sockopen 5 localhost $TLS_PORT" >&7
+wait_sim 'socket open-rsp .* link 5 result 0' || fail "the server did not open the connection"
+echo "engine: socktls 5 localhost"
+echo "socktls 5 localhost" >&7
+wait_sim 'socket tls-rsp .* link 5 result 0' ||
+    fail "the TLS handshake or the host-name check failed ($(grep 'tls-rsp' "$ROOT/bpsim.log"))"
+echo "engine: socksend 5 ($REQUEST)"
+echo "socksend 5 $REQUEST_HEX" >&7
+wait_sim 'socket data link 5 .* result -1' || fail "no answer came back over TLS"
+grep '^bpsim: socket' "$ROOT/bpsim.log" | sed 's/^bpsim: /  /' | cut -c1-100
+printf 'TLS request sent through the server: %s\n' "$REQUEST"
+printf 'TLS answer received through the server:\n'
+answer_hex=$(grep '^bpsim: socket data link 5 .* data ' "$ROOT/bpsim.log" | sed 's/.* data //' | tr '\n' ' ')
+# shellcheck disable=SC2059 # the hex bytes become \xHH escapes for printf
+printf "$(printf '%s' "$answer_hex" | sed 's/ *\([0-9a-fA-F][0-9a-fA-F]\) */\\x\1/g')" | tr -d '\r' |
+    sed 's/^/  | /'
+echo
+grep -q 'TLShandshake -- Successfull' "$ROOT/lapi_srv.log" ||
+    fail "the server's diagnostics do not show the handshake"
+version=$(grep -o 'Negotiated protocol version is : [0-9]*' "$ROOT/lapi_srv.log" | head -1 | sed 's/.*: //')
+suite=$(grep -o 'Negotiated cipher is : [0-9]*' "$ROOT/lapi_srv.log" | head -1 | sed 's/.*: //')
+printf "(protocol 0x%04X = TLS 1.0, suite 0x%04X = TLS_RSA_WITH_AES_128_CBC_SHA; the certificate\n" \
+    "${version:-0}" "${suite:-0}"
+echo " passed the server's subjectAltName check for 'localhost')"
+stop_pid "$TLS_PID"
+TLS_PID=""
+
 step "Stopping the server and the simulator"
 stop_pid "$SRV_PID"
 [ "$LAUNCHER_PID" = "$SRV_PID" ] || stop_pid "$LAUNCHER_PID"
@@ -239,4 +327,5 @@ LAUNCHER_PID=""
 stop_pid "$SIM_PID"
 SIM_PID=""
 printf '\nDemo finished: the server answered a location request and a distance request,\n'
-printf 'and forwarded a SUPL INIT push to the engine.\n'
+printf 'forwarded a SUPL INIT push to the engine, and carried the engine'"'"'s TLS session\n'
+printf 'to a local server.\n'

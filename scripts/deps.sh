@@ -4,7 +4,7 @@
 # otherwise through sudo when sudo may run without a password prompt or
 # from a terminal; otherwise it says exactly what to install and fails.
 LAPI_DEPS=(cmake ninja-build g++ clang libclang-rt-14-dev libgtest-dev libgmock-dev
-           libssl-dev clang-format scdoc man-db pkgconf)
+           libssl-dev clang-format openssl scdoc man-db pkgconf)
 # The handset build (scripts/test.sh --arm): the cross compiler, the user-mode
 # emulator, and googletest's sources to build the test framework for the
 # target.

@@ -9,6 +9,9 @@
 #                                fuzz/corpus/<target>/; one line per target
 #                                (executions, coverage, time); a finding fails
 #   scripts/test.sh --format     every tracked C and C++ file matches .clang-format
+#   scripts/test.sh --soak       fault-injection soak (lapi_soak) against the
+#                                normal build; add --sanitize to run it against
+#                                the sanitizer build (a few minutes either way)
 #   scripts/test.sh --arm        cross-build for the handset (32-bit ARM) in
 #                                build-arm/, unit and integration tests under
 #                                qemu-arm
@@ -19,18 +22,26 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 . scripts/deps.sh
 
-usage() { echo "usage: scripts/test.sh [--sanitize | --fuzz SECONDS | --format | --arm | --platform-off]" >&2; exit 2; }
+usage() { echo "usage: scripts/test.sh [--sanitize | --fuzz SECONDS | --format | --soak [--sanitize] | --arm | --platform-off]" >&2; exit 2; }
 
 mode=normal
 seconds=0
 case "${1:-}" in
     "") ;;
-    --sanitize) mode=sanitize ;;
+    --sanitize) mode=sanitize; [ "${2:-}" = "--soak" ] && mode=soak-sanitize ;;
     --fuzz) mode=fuzz; seconds="${2:-}"; [[ "$seconds" =~ ^[0-9]+$ ]] || usage ;;
+    --soak)
+        mode=soak
+        case "${2:-}" in
+            "") ;;
+            --sanitize) mode=soak-sanitize ;;
+            *) usage ;;
+        esac
+        ;;
     --format) mode=format ;;
     --arm) mode=arm ;;
     --platform-off) mode=platform-off ;;
-    -h|--help) sed -n '2,17p' "$0" | sed 's/^# \{0,1\}//'; exit 0 ;;
+    -h|--help) sed -n '2,20p' "$0" | sed 's/^# \{0,1\}//'; exit 0 ;;
     *) usage ;;
 esac
 
@@ -55,6 +66,20 @@ sanitize)
     # status non-zero, which the integration tests check.
     ASAN_OPTIONS=detect_leaks=1:abort_on_error=0 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
         ctest --test-dir build-asan -j "$jobs" --output-on-failure --timeout 600
+    ;;
+soak)
+    cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo
+    cmake --build build -j "$jobs" --target lapi_soak lapi_srv_host
+    build/bin/lapi_soak --server build/bin/lapi_srv_host
+    ;;
+soak-sanitize)
+    CC=clang CXX=clang++ cmake -S . -B build-asan -G Ninja -DCMAKE_BUILD_TYPE=Debug \
+        -DLAPI_SANITIZE=ON
+    cmake --build build-asan -j "$jobs" --target lapi_soak lapi_srv_host
+    # A leak or undefined behaviour makes the server's exit status non-zero
+    # or puts a report on its standard error; the soak counts both.
+    ASAN_OPTIONS=detect_leaks=1:abort_on_error=0 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
+        build-asan/bin/lapi_soak --server build-asan/bin/lapi_srv_host
     ;;
 fuzz)
     CC=clang CXX=clang++ cmake -S . -B build-fuzz -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \

@@ -110,6 +110,14 @@ enum LAPI_BpMsgLen {
     LAPI_BP_ADD_PROXIMITY_RSP_LEN = 7,
     LAPI_BP_REMOVE_PROXIMITY_RSP_LEN = 7,
     LAPI_BP_PROXIMITY_HIT_IND_LEN = 103,
+    /* socket service: MIN = at least, otherwise exactly */
+    LAPI_BP_OPEN_SOCKET_REQ_MIN_LEN = 18, /* + fqdnLength FQDN bytes */
+    LAPI_BP_SEND_DATA_REQ_MIN_LEN = 11,   /* + length data bytes */
+    LAPI_BP_CLOSE_SOCKET_REQ_LEN = 7,
+    LAPI_BP_TLS_SESSION_REQ_MIN_LEN = 8,  /* + fqdnLength FQDN bytes */
+    LAPI_BP_SOCKET_RES_LEN = 11,          /* SOCKET_MSG_RES_T */
+    LAPI_BP_TLS_RES_LEN = 8,              /* TLS_MSG_RES_T */
+    LAPI_BP_SOCKET_DATA_IND_MIN_LEN = 15, /* + length data bytes */
 };
 
 /* removeType of PROXIMITY_REM_APBP_REQ: every area; otherwise the one named by
@@ -348,6 +356,61 @@ typedef struct BpProximityHitInd {
     uint8_t ageOfFix[8];           /* 8-byte integer */
 } BpProximityHitInd;
 
+/* ---- socket service ---- */
+
+/* OPEN_SOCKET_BPAP_REQ; fqdnLength FQDN bytes follow. */
+typedef struct BpOpenSocketReq {
+    BpMsgHeader header;
+    uint8_t linkId[4];   /* u32 */
+    uint8_t address[4];  /* IPv4, network order, used as it is */
+    uint8_t port[2];     /* u16 */
+    uint8_t addrType[4]; /* u32: 0 IPv4, 1 FQDN */
+    uint8_t fqdnLength;
+} BpOpenSocketReq;
+
+/* SEND_DATA_BPAP_REQ; length data bytes follow. */
+typedef struct BpSendDataReq {
+    BpMsgHeader header;
+    uint8_t linkId[4]; /* u32 */
+    uint8_t length[4]; /* u32 */
+} BpSendDataReq;
+
+/* CLOSE_SOCKET_BPAP_REQ */
+typedef struct BpCloseSocketReq {
+    BpMsgHeader header;
+    uint8_t linkId[4]; /* u32 */
+} BpCloseSocketReq;
+
+/* TLS_SESSION_BPAP_REQ; fqdnLength FQDN bytes follow. */
+typedef struct BpTlsSessionReq {
+    BpMsgHeader header;
+    uint8_t linkId[4]; /* u32 */
+    uint8_t fqdnLength;
+} BpTlsSessionReq;
+
+/* SOCKET_MSG_RES_T: OPEN_SOCKET_APBP_RES, SEND_DATA_APBP_RES and
+ * CLOSE_SOCKET_APBP_RES. */
+typedef struct SOCKET_MSG_RES_T {
+    BpMsgHeader header;
+    uint8_t linkId[4]; /* u32 */
+    uint8_t result[4]; /* i32: 0 success, -1 failure */
+} SOCKET_MSG_RES_T;
+
+/* TLS_MSG_RES_T: TLS_SESSION_APBP_RES. */
+typedef struct TLS_MSG_RES_T {
+    BpMsgHeader header;
+    uint8_t linkId[4]; /* u32 */
+    uint8_t result;    /* 0 done, 1 not set up, 2 handshake failed */
+} TLS_MSG_RES_T;
+
+/* SOCKET_DATA_APBP_IND: header, linkId, length, the data, then the result
+ * (i32: 0 data received, -1 connection failed or closed). */
+typedef struct BpSocketDataIndHead {
+    BpMsgHeader header;
+    uint8_t linkId[4]; /* u32 */
+    uint8_t length[4]; /* u32 */
+} BpSocketDataIndHead;
+
 #pragma pack(pop)
 
 #ifdef __cplusplus
@@ -487,5 +550,35 @@ LAPI_BP_OFF(BpProximityHitInd, verticalAccuracy, 75);
 LAPI_BP_OFF(BpProximityHitInd, course, 83);
 LAPI_BP_OFF(BpProximityHitInd, locationMethod, 91);
 LAPI_BP_OFF(BpProximityHitInd, ageOfFix, 95);
+
+LAPI_BP_SIZE(BpOpenSocketReq, LAPI_BP_OPEN_SOCKET_REQ_MIN_LEN);
+LAPI_BP_OFF(BpOpenSocketReq, linkId, 3);
+LAPI_BP_OFF(BpOpenSocketReq, address, 7);
+LAPI_BP_OFF(BpOpenSocketReq, port, 11);
+LAPI_BP_OFF(BpOpenSocketReq, addrType, 13);
+LAPI_BP_OFF(BpOpenSocketReq, fqdnLength, 17);
+
+LAPI_BP_SIZE(BpSendDataReq, LAPI_BP_SEND_DATA_REQ_MIN_LEN);
+LAPI_BP_OFF(BpSendDataReq, linkId, 3);
+LAPI_BP_OFF(BpSendDataReq, length, 7);
+
+LAPI_BP_SIZE(BpCloseSocketReq, LAPI_BP_CLOSE_SOCKET_REQ_LEN);
+LAPI_BP_OFF(BpCloseSocketReq, linkId, 3);
+
+LAPI_BP_SIZE(BpTlsSessionReq, LAPI_BP_TLS_SESSION_REQ_MIN_LEN);
+LAPI_BP_OFF(BpTlsSessionReq, linkId, 3);
+LAPI_BP_OFF(BpTlsSessionReq, fqdnLength, 7);
+
+LAPI_BP_SIZE(SOCKET_MSG_RES_T, LAPI_BP_SOCKET_RES_LEN);
+LAPI_BP_OFF(SOCKET_MSG_RES_T, linkId, 3);
+LAPI_BP_OFF(SOCKET_MSG_RES_T, result, 7);
+
+LAPI_BP_SIZE(TLS_MSG_RES_T, LAPI_BP_TLS_RES_LEN);
+LAPI_BP_OFF(TLS_MSG_RES_T, linkId, 3);
+LAPI_BP_OFF(TLS_MSG_RES_T, result, 7);
+
+LAPI_BP_SIZE(BpSocketDataIndHead, LAPI_BP_SOCKET_DATA_IND_MIN_LEN - 4);
+LAPI_BP_OFF(BpSocketDataIndHead, linkId, 3);
+LAPI_BP_OFF(BpSocketDataIndHead, length, 7);
 
 #endif /* LAPI_BPMSG_H */

@@ -107,9 +107,11 @@ int TLSWrite(TLSContext *pCtx, const TLSBuffer *pBuffer, uint32_t *pCount);
 /* Ends the session (close notify); the context can then be deleted. */
 int TLSClose(TLSContext *pCtx);
 
-/* Name item of a DER certificate (item 0: the subject's common name) as the
- * bytes of its encoding; pName->length is the capacity on entry and the
- * length of the item on return. */
+/* Name item of a DER certificate (item 0: the subject's common name, the
+ * first one in encoding order when there are several) as the bytes of its
+ * encoding (a BMPString as big-endian two-byte characters); pName->length
+ * is the capacity on entry and the length of the item on return. An item
+ * longer than the capacity is not copied: TLS_RESULT_READ_OVERFLOW. */
 int TLSExtractCertificateNameItem(const TLSBuffer *pCertificate, uint32_t item, TLSBuffer *pName);
 
 /* Fills pRandom->length random bytes; pSeed may be empty. flags: 0. */

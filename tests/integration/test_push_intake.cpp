@@ -44,6 +44,12 @@ Bytes Body(uint8_t seq, size_t n = 24) {
 
 class PushIntake : public lapitest::SimServerTest<> {
   protected:
+    /* The socket accepts connections before start-up has opened the
+     * telephony FIFO: a push written in between would find no reader. */
+    void SetUp() override {
+        SimServerTest::SetUp();
+        ASSERT_TRUE(srv_->WaitIdle(kWaitMs));
+    }
     void SendUdp(const Bytes &pdu) {
         std::string error;
         ASSERT_TRUE(lapipush::SendUdp(srv_->PushPort(), pdu, &error)) << error;

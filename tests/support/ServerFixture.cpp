@@ -585,7 +585,7 @@ bool ServerProcess::Start() {
          * exits so that its exit status can be collected here. */
         prctl(PR_SET_CHILD_SUBREAPER, 1, 0, 0, 0);
     }
-    int devNull = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    int devNull = open("/dev/null", O_RDWR | O_CLOEXEC);
     pid_t parent = getpid();
     pid_t pid = fork();
     if (pid < 0) {
@@ -612,7 +612,10 @@ bool ServerProcess::Start() {
             dup2(devNull, 0);
         }
         dup2(outPipe[1], 1);
-        dup2(errPipe[1], 2);
+        dup2(options_.discardStderr && devNull >= 0 ? devNull : errPipe[1], 2);
+        if (options_.childSetup) {
+            options_.childSetup();
+        }
         execv(argv[0], argv.data());
         _exit(127);
     }

@@ -185,6 +185,13 @@ struct ServerOptions {
      * forks, its parent exits 0 and the server is the grandchild (this test
      * process adopts it as a subreaper, so its exit status stays visible). */
     bool asGroupLeader = false;
+    /* The server's standard error goes to /dev/null instead of being kept:
+     * for long runs whose diagnostics would fill the memory. */
+    bool discardStderr = false;
+    /* Run in the child after its standard descriptors are set and before
+     * exec: to close them, or to put a pipe of the test's own in place of
+     * one. Only async-signal-safe calls (close, dup2, setrlimit, signal). */
+    std::function<void()> childSetup;
 };
 
 class ServerProcess {

@@ -13,6 +13,7 @@
 #include <unistd.h>
 
 #include <cstring>
+#include <initializer_list>
 #include <optional>
 #include <string>
 #include <vector>
@@ -51,6 +52,15 @@ Bytes ToBytes(const T &v) {
     Bytes b(sizeof(T));
     std::memcpy(b.data(), &v, sizeof(T));
     return b;
+}
+
+/* The byte strings one after the other. */
+inline Bytes Cat(std::initializer_list<Bytes> parts) {
+    Bytes out;
+    for (const Bytes &p : parts) {
+        out.insert(out.end(), p.begin(), p.end());
+    }
+    return out;
 }
 
 /* header (pid, msgId, body.size() as msgLen unless msgLen is given) + body */

@@ -26,7 +26,8 @@ void ExpectDeadlineSec(const Transaction *pTran, int seconds) {
 }
 
 void Expire(Transaction *pTran) {
-    pTran->expireTime = static_cast<int32_t>(static_cast<uint32_t>(LAPI_SRV_Times()) - 1);
+    LAPI_SRV_SetTranExpireTime(pTran,
+                               static_cast<int32_t>(static_cast<uint32_t>(LAPI_SRV_Times()) - 1));
 }
 
 Bytes InvalidRsp(uint8_t sid, uint8_t tid) {
@@ -357,7 +358,8 @@ TEST_F(ApMsgProcReq, ScanWaitsForNearestDeadlineInTicks) {
     ASSERT_EQ(0, CallHandler(LAPI_SRV_ProcGetLocationMsg, ToBytes(MakeGetLocationReq(1, 2)),
                              c.pClient->pSyncFdops));
     /* 250 ticks ahead (give the clock a tick or two to move). */
-    h.Trans()[1]->expireTime = static_cast<int32_t>(static_cast<uint32_t>(LAPI_SRV_Times()) + 250);
+    LAPI_SRV_SetTranExpireTime(h.Trans()[1],
+                               static_cast<int32_t>(static_cast<uint32_t>(LAPI_SRV_Times()) + 250));
     struct timeval tv;
     LAPI_SRV_ScanTranList(&tv);
     long ticks = tv.tv_sec * 100 + tv.tv_usec / 10000;

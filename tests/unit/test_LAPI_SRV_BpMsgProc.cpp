@@ -31,6 +31,7 @@
 #include "LAPI_SRV_Paths.h"
 #include "LAPI_SrvCli.h"
 #include "ServerFixture.h"
+#include "TestClient.h"
 
 namespace {
 
@@ -53,13 +54,7 @@ Bytes Frame(const Bytes &msg) {
     return f;
 }
 
-Bytes Cat(std::initializer_list<Bytes> parts) {
-    Bytes out;
-    for (const Bytes &p : parts) {
-        out.insert(out.end(), p.begin(), p.end());
-    }
-    return out;
-}
+using lapitest::Cat;
 
 Bytes Slice(const Bytes &b, size_t from, size_t to) {
     return Bytes(b.begin() + static_cast<long>(from), b.begin() + static_cast<long>(to));
@@ -663,7 +658,7 @@ TEST_F(BpLink, EveryApToBpIdentifierIsRefused) {
     }
 }
 
-TEST_F(BpLink, ProcedureTableHoldsTheLocationProcedures) {
+TEST_F(BpLink, ProcedureTableHoldsTheLocationAndSocketProcedures) {
     struct Entry {
         uint8_t id;
         BpMsgProc proc;
@@ -681,6 +676,10 @@ TEST_F(BpLink, ProcedureTableHoldsTheLocationProcedures) {
         {PROXIMITY_ADD_APBP_RES, LAPI_SRV_ProcBpAddProximityRspMsg},
         {PROXIMITY_REM_APBP_RES, LAPI_SRV_ProcBpRemoveProximityRspMsg},
         {PROXIMITY_HIT_APBP_IND, LAPI_SRV_ProcBpProximityHitIndMsg},
+        {OPEN_SOCKET_BPAP_REQ, LAPI_SRV_ProcBpOpenSocketReqMsg},
+        {SEND_DATA_BPAP_REQ, LAPI_SRV_ProcBpSendDataReqMsg},
+        {CLOSE_SOCKET_BPAP_REQ, LAPI_SRV_ProcBpCloseSocketReqMsg},
+        {TLS_SESSION_BPAP_REQ, LAPI_SRV_ProcBpTlsSessionReqMsg},
     };
     for (const Entry &e : expected) {
         BpMsgProc old = LAPI_SRV_SetBpMsgProc(e.id, nullptr);

@@ -257,7 +257,8 @@ TEST_F(BpMsgProcRsp, PeriodicRequestThatExpiresIsAbortedAndTakesNoMoreReports) {
     ASSERT_EQ(1u, h.TranCount());
 
     /* Its sixty days are over: the next scan stops it at the BP. */
-    pTran->expireTime = static_cast<int32_t>(static_cast<uint32_t>(LAPI_SRV_Times()) - 1);
+    LAPI_SRV_SetTranExpireTime(pTran,
+                               static_cast<int32_t>(static_cast<uint32_t>(LAPI_SRV_Times()) - 1));
     LAPI_SRV_ScanTranList(nullptr);
     std::vector<Bytes> bp = h.BpMsgs();
     ASSERT_EQ(1u, bp.size());
@@ -572,7 +573,8 @@ TEST_F(BpMsgProcRsp, GetGpsDbDataRspWithNumFiles23SendsNothingAndLaterTimesOut) 
     EXPECT_TRUE(c.SyncMsgs().empty());
     ASSERT_EQ(1u, h.TranCount());
     /* The deadline answers instead. */
-    h.Trans()[0]->expireTime = static_cast<int32_t>(static_cast<uint32_t>(LAPI_SRV_Times()) - 1);
+    LAPI_SRV_SetTranExpireTime(h.Trans()[0],
+                               static_cast<int32_t>(static_cast<uint32_t>(LAPI_SRV_Times()) - 1));
     LAPI_SRV_ScanTranList(nullptr);
     std::vector<Bytes> msgs = c.SyncMsgs();
     ASSERT_EQ(1u, msgs.size());

@@ -1691,8 +1691,10 @@ TEST_F(TranTest, AllPairsInUseIsRefused) {
         }
     }
     uint32_t before = NodeCount(&LAPI_SRV_tranList);
+    /* Asked by a client of its own: client_ is far over its own limit. */
+    Client other = {};
     StderrCapture cap;
-    EXPECT_EQ(LAPI_SRV_CreateTransaction(0, 0, &client_, 0), nullptr);
+    EXPECT_EQ(LAPI_SRV_CreateTransaction(0, 0, &other, 0), nullptr);
     std::string err = cap.Stop();
     EXPECT_NE(err.find("LAPI Error SRV LAPI_SRV_CreateTransaction: No free BP sid/tid pair"),
               std::string::npos)
@@ -1703,7 +1705,7 @@ TEST_F(TranTest, AllPairsInUseIsRefused) {
     Transaction *pGone = LAPI_SRV_GetTranByBpId(77, 88, 1);
     ASSERT_NE(pGone, nullptr);
     free(pGone);
-    Transaction *pTran = LAPI_SRV_CreateTransaction(0, 0, &client_, 0);
+    Transaction *pTran = LAPI_SRV_CreateTransaction(0, 0, &other, 0);
     ASSERT_NE(pTran, nullptr);
     EXPECT_EQ(pTran->sid, 77);
     EXPECT_EQ(pTran->tid, 88);
@@ -1748,6 +1750,69 @@ TEST_F(TranTest, FindByClientIdMatchesOwnerAndPair) {
     EXPECT_EQ(LAPI_SRV_tranListChanged, 1);
     EXPECT_FALSE(OnList(&LAPI_SRV_tranList, pMine));
     free(pMine);
+}
+
+TEST_F(TranTest, ClientAtItsLimitIsRefusedAndOtherClientsAreNot) {
+    for (int i = 0; i < LAPI_SRV_MAX_TRANS_PER_CLIENT; ++i) {
+        ASSERT_NE(LAPI_SRV_CreateTransaction(1, static_cast<uint32_t>(i), &client_, 0), nullptr);
+    }
+    StderrCapture cap;
+    EXPECT_EQ(LAPI_SRV_CreateTransaction(2, 1, &client_, 0), nullptr);
+    EXPECT_NE(cap.Stop().find("already holds 256 transactions, refuse!"), std::string::npos);
+    Client other = {};
+    EXPECT_NE(LAPI_SRV_CreateTransaction(2, 1, &other, 0), nullptr);
+    /* One freed: the client may ask again. */
+    free(LAPI_SRV_GetTranByClientId(&client_, 1, 7, 1));
+    EXPECT_NE(LAPI_SRV_CreateTransaction(2, 1, &client_, 0), nullptr);
+}
+
+TEST_F(TranTest, UnlinkingHeadMiddleAndTailKeepsListOrder) {
+    std::vector<Transaction *> all;
+    for (int i = 0; i < 6; ++i) {
+        all.push_back(LAPI_SRV_CreateTransaction(1, static_cast<uint32_t>(i), &client_, 0));
+    }
+    for (int gone : {0, 3, 5}) {
+        free(LAPI_SRV_GetTranByBpId(all[gone]->sid, all[gone]->tid, 1));
+    }
+    std::vector<Transaction *> left;
+    ListNode *pPos = List_GetHeadPos(&LAPI_SRV_tranList);
+    while (pPos != nullptr) {
+        left.push_back(static_cast<Transaction *>(List_GetNext(&LAPI_SRV_tranList, &pPos)));
+    }
+    EXPECT_EQ(left, (std::vector<Transaction *>{all[1], all[2], all[4]}));
+    EXPECT_EQ(LAPI_SRV_tranList.tail->data, all[4]);
+    EXPECT_EQ(LAPI_SRV_tranList.count, 3u);
+    EXPECT_EQ(client_.tranCount, 3u);
+    /* Appended behind the new tail. */
+    Transaction *pNew = LAPI_SRV_CreateTransaction(9, 9, &client_, 0);
+    EXPECT_EQ(LAPI_SRV_tranList.tail->data, pNew);
+    EXPECT_EQ(LAPI_SRV_GetTranByClientId(&client_, 9, 9, 0), pNew);
+}
+
+TEST_F(TranTest, SixtyThousandAliveAreEachFoundByBpPairAndByClientPair) {
+    std::vector<Client> clients(240);
+    std::vector<Transaction *> all;
+    for (int k = 0; k < 240; ++k) {
+        for (int i = 0; i < 250; ++i) {
+            Transaction *pTran = LAPI_SRV_CreateTransaction(
+                static_cast<uint32_t>(1 + i / 255), static_cast<uint32_t>(i), &clients[k], 0);
+            ASSERT_NE(pTran, nullptr);
+            pTran->subCmdId = 0x11; /* nothing to abort at the BP */
+            all.push_back(pTran);
+        }
+    }
+    for (size_t j = 0; j < all.size(); j += 997) {
+        Transaction *pTran = all[j];
+        EXPECT_EQ(LAPI_SRV_GetTranByBpId(pTran->sid, pTran->tid, 0), pTran);
+        EXPECT_EQ(LAPI_SRV_GetTranByClientId(pTran->pClient, pTran->clientSid, pTran->clientTid, 0),
+                  pTran);
+    }
+    /* A client removed takes exactly its own 250. */
+    LAPI_SRV_RemoveAllTransByClient(&clients[17]);
+    EXPECT_EQ(NodeCount(&LAPI_SRV_tranList), 239u * 250u);
+    EXPECT_EQ(clients[17].pTranFirst, nullptr);
+    EXPECT_EQ(clients[18].tranCount, 250u);
+    ResetCore();
 }
 
 /* ======================================================================== */

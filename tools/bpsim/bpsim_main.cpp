@@ -9,10 +9,11 @@
  * they ask for. Commands, one per line, come from standard input and from
  * the script file; the table kCommands below lists them. Unless --quiet,
  * every message is echoed on standard output as "bpsim: recv HEX" or
- * Every push indication is shown, quiet or not, as
- * "bpsim: push indication, N bytes: HEX" (its content).
- * "bpsim: sent HEX". SIGTERM and SIGINT end it cleanly, removing the link.
- * One thread, one poll loop.
+ * "bpsim: sent HEX". Every push indication is shown, quiet or not, as
+ * "bpsim: push indication, N bytes: HEX" (its content), and every socket
+ * answer and received-data indication of the server as "bpsim: socket ...".
+ * SIGTERM and SIGINT end it cleanly, removing the link. One thread, one poll
+ * loop.
  *
  * One simulator per root: DIR/dev/bpsim.lock is held (flock) for the whole
  * run, and a link DIR/dev/mux18 that still leads to a live terminal is not
@@ -33,11 +34,13 @@
 #include <chrono>
 #include <deque>
 #include <fstream>
+#include <optional>
 #include <sstream>
 #include <string>
 #include <vector>
 
 #include "BpSim.h"
+#include "BpSimNet.h"
 #include "lapi_version.h"
 
 namespace {
@@ -500,6 +503,109 @@ std::string CmdQuit(Session &s, const std::string &) {
     return "";
 }
 
+/* ---- the network side: the BP asking the server for TCP sockets ---- */
+
+/* Each socket request gets session 1 and the next transaction id. */
+uint8_t gSocketTid = 1;
+
+/* LINK of a socket command: 1 to 4294967295 (0 names no socket). */
+bool SocketLink(std::istringstream &args, uint32_t *pLinkId) {
+    std::vector<long> v;
+    if (!ParseInts(args, 1, 1, 4294967295L, &v)) {
+        return false;
+    }
+    *pLinkId = static_cast<uint32_t>(v[0]);
+    return true;
+}
+
+std::string SendSocketReq(Session &s, const std::optional<bpsim::Bytes> &msg) {
+    if (!msg) {
+        return "name longer than 255 bytes";
+    }
+    return s.sim->Send(*msg) ? "" : "cannot send";
+}
+
+std::string CmdSockOpen(Session &s, const std::string &rest) {
+    std::istringstream args(rest);
+    uint32_t linkId = 0;
+    std::string host;
+    std::vector<long> port;
+    if (!SocketLink(args, &linkId) || !(args >> host) || !ParseInts(args, 1, 0, 65535, &port)) {
+        return "usage";
+    }
+    return SendSocketReq(s, bpsim::BuildOpenSocketReq(1, gSocketTid++, linkId, host,
+                                                      static_cast<uint16_t>(port[0])));
+}
+
+std::string CmdSockData(Session &s, const std::string &rest, bool bText) {
+    std::istringstream args(rest);
+    uint32_t linkId = 0;
+    if (!SocketLink(args, &linkId)) {
+        return "usage";
+    }
+    std::string data;
+    std::getline(args, data);
+    std::optional<bpsim::Bytes> bytes;
+    if (!bText) {
+        bytes = bpsim::ParseHex(data);
+    } else if (data.size() > 1) {
+        bytes = bpsim::Bytes(data.begin() + 1, data.end()); /* after the one blank */
+    }
+    if (!bytes || bytes->empty() || bytes->size() > bpsim::kMaxSendData) {
+        return "usage";
+    }
+    return SendSocketReq(s, bpsim::BuildSendDataReq(1, gSocketTid++, linkId, *bytes));
+}
+
+std::string CmdSockSend(Session &s, const std::string &rest) {
+    return CmdSockData(s, rest, false);
+}
+
+std::string CmdSockText(Session &s, const std::string &rest) {
+    return CmdSockData(s, rest, true);
+}
+
+std::string CmdSockClose(Session &s, const std::string &rest) {
+    std::istringstream args(rest);
+    uint32_t linkId = 0;
+    if (!SocketLink(args, &linkId)) {
+        return "usage";
+    }
+    return SendSocketReq(s, bpsim::BuildCloseSocketReq(1, gSocketTid++, linkId));
+}
+
+std::string CmdSockTls(Session &s, const std::string &rest) {
+    std::istringstream args(rest);
+    uint32_t linkId = 0;
+    std::string fqdn;
+    if (!SocketLink(args, &linkId) || !(args >> fqdn)) {
+        return "usage";
+    }
+    return SendSocketReq(s, bpsim::BuildTlsSessionReq(1, gSocketTid++, linkId, fqdn));
+}
+
+/* What the simulator received or sent: the raw echo unless quiet, every
+ * push indication and every socket answer and indication of the server. */
+void PrintTrace(bool quiet, const char *what, const bpsim::Bytes &bytes) {
+    if (!quiet) {
+        printf("bpsim: %s %s\n", what, bpsim::ToHex(bytes).c_str());
+    }
+    if (strcmp(what, "recv") == 0) {
+        const bpsim::Message msg{bytes};
+        /* The engine's network-initiated triggers. */
+        auto content = bpsim::PushContent(msg);
+        if (content) {
+            printf("bpsim: push indication, %zu bytes: %s\n", content->size(),
+                   bpsim::ToHex(*content).c_str());
+        }
+        auto m = bpsim::ParseSocketMsg(msg);
+        if (m) {
+            printf("bpsim: socket %s\n", bpsim::DescribeSocketMsg(*m).c_str());
+        }
+    }
+    fflush(stdout);
+}
+
 /* Every command. A new one is one row here and one handler above. */
 const CommandRow kCommands[] = {
     {"send", "HEX...", "frame the message (header first) and send it", CmdFramed},
@@ -530,6 +636,17 @@ const CommandRow kCommands[] = {
      "track, one epoch every MS ms (default 1000); the sentences go\n"
      "with the position; the last position stays",
      CmdReplay},
+    {"sockopen", "LINK HOST PORT",
+     "have the server open socket LINK (1 or more) to HOST (IPv4\n"
+     "address or host name) and PORT; answers and received data\n"
+     "print as 'bpsim: socket open-rsp|send-rsp|close-rsp|tls-rsp\n"
+     "sid S tid T link L result R' and 'bpsim: socket data link L\n"
+     "len N result R [data HEX]', also with --quiet",
+     CmdSockOpen},
+    {"socksend", "LINK HEX...", "send bytes on socket LINK", CmdSockSend},
+    {"socktext", "LINK TEXT", "send the rest of the line on socket LINK", CmdSockText},
+    {"sockclose", "LINK", "close socket LINK", CmdSockClose},
+    {"socktls", "LINK FQDN", "ask for TLS on socket LINK, checking the name FQDN", CmdSockTls},
     {"sleep", "MS", "wait MS ms before the next command of the same source", CmdSleep},
     {"quit", "", "leave (once what was sent has gone out)", CmdQuit},
 };
@@ -871,21 +988,9 @@ int main(int argc, char **argv) {
     bpsim::Results results = sim.GetResults();
     results.periodicMs = bpsim::Results::kPeriodicAsRequested;
     sim.SetResults(results);
-    /* Push indications are the engine's network-initiated triggers: shown
-     * even with --quiet. */
-    const bool quiet = cfg.quiet;
-    sim.SetTrace([quiet](const char *what, const bpsim::Bytes &bytes) {
-        if (!quiet) {
-            printf("bpsim: %s %s\n", what, bpsim::ToHex(bytes).c_str());
-        }
-        if (strcmp(what, "recv") == 0) {
-            auto content = bpsim::PushContent(bpsim::Message{bytes});
-            if (content) {
-                printf("bpsim: push indication, %zu bytes: %s\n", content->size(),
-                       bpsim::ToHex(*content).c_str());
-            }
-        }
-        fflush(stdout);
+    /* Push indications and socket answers are shown even with --quiet. */
+    sim.SetTrace([quiet = cfg.quiet](const char *what, const bpsim::Bytes &bytes) {
+        PrintTrace(quiet, what, bytes);
     });
     std::string error;
     if (!sim.Open(&error)) {

@@ -25,6 +25,16 @@ enum {
 void LAPI_LogLine(int side, int isError, const char *file, int line, const char *func,
                   const char *fmt, ...) __attribute__((format(printf, 6, 7)));
 
+/*
+ * Makes standard error safe for a daemon (the server calls it once at
+ * start-up; the client library never does, as the stream belongs to the
+ * application): a pipe or a terminal is reopened non-blocking in place of
+ * descriptor 2, a socket is written with send and MSG_DONTWAIT. From then
+ * on a full stream drops lines (counted, and reported in one line when it
+ * takes writes again) and never stops the server.
+ */
+void LAPI_LogPrepareStream(void);
+
 /* The file name after the last '/', as diagnostics show it. */
 const char *LAPI_LogBaseName(const char *path);
 

@@ -1,0 +1,664 @@
+/*
+ * Host stand-in of the TLS library ("libzelssl.so") and of the certificate
+ * manager and parser ("libzelcm.so"), built on OpenSSL 3.
+ *
+ * - A context is a HostTlsContext placed in the caller's CD_malloc memory;
+ *   the OpenSSL objects are made at the first TLSHandshake, once every
+ *   setter has run.
+ * - No socket of OpenSSL's: a BIO of our own calls the read and write
+ *   callbacks that the caller installed, so whether anything blocks is the
+ *   caller's business. A callback's "would block" (4) becomes OpenSSL's
+ *   retry, and OpenSSL's WANT_READ / WANT_WRITE becomes 4 again.
+ * - The protocol version set is the highest offered; TLS 1.0 and the old
+ *   suites need OpenSSL's security level 0. Suites OpenSSL no longer knows
+ *   (the library's private and elliptic-curve numbers, export suites) are
+ *   left out of the offer; the rest keep the caller's order.
+ * - The certificate manager's roots are every PEM file in ROOT/etc/certs/.
+ *   The chain callback sees the peer's certificate in DER with the verdict
+ *   of OpenSSL's chain verification, and decides.
+ */
+#include "zelssl.h"
+
+#include <dirent.h>
+#include <openssl/bio.h>
+#include <openssl/err.h>
+#include <openssl/rand.h>
+#include <openssl/ssl.h>
+#include <openssl/x509.h>
+#include <openssl/x509v3.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include <new>
+#include <string>
+
+#include "HOST_Root.h"
+
+namespace {
+
+constexpr uint32_t kContextSize = 20480;
+constexpr uint32_t kMagic = 0x544C5343u; /* "TLSC" */
+
+/* Failure codes of the stand-in beyond the designed ones: anything that is
+ * not 0, 2, 4 or 8 is a failure for the caller. */
+constexpr int kFail = 1;
+constexpr int kTransportFail = TLS_RESULT_IO_ERROR;
+
+struct HostTlsContext {
+    uint32_t magic;
+    bool bNonBlocking;
+    bool bHandshakeDone;
+    bool bCalledRandom;
+    uint16_t version;
+    uint32_t options;
+    TLSRandomFunc randomFunc;
+    void *pRandomRef;
+    TLSReadFunc readFunc;
+    TLSWriteFunc writeFunc;
+    void *pIORef;
+    TLSAlertFunc alertFunc;
+    void *pAlertRef;
+    TLSCheckCertChainFunc chainFunc;
+    void *pChainRef;
+    X509_STORE *pStore;
+    char cipherList[512];
+    SSL_CTX *pSslCtx;
+    SSL *pSsl;
+};
+static_assert(sizeof(HostTlsContext) <= kContextSize, "a context must fit TLSContextSize()");
+
+HostTlsContext *Ctx(TLSContext *pCtx) {
+    auto *p = reinterpret_cast<HostTlsContext *>(pCtx);
+    return (p != nullptr && p->magic == kMagic) ? p : nullptr;
+}
+
+/* The suites OpenSSL can still offer, by their 16-bit identifiers. The
+ * other identifiers of the handset's list have no OpenSSL counterpart. */
+struct SuiteName {
+    uint16_t id;
+    const char *name;
+};
+constexpr SuiteName kSuites[] = {
+    {0x0001, "NULL-MD5"},   {0x0002, "NULL-SHA"},      {0x0003, "EXP-RC4-MD5"},
+    {0x0004, "RC4-MD5"},    {0x000A, "DES-CBC3-SHA"},  {0x002F, "AES128-SHA"},
+    {0x0035, "AES256-SHA"}, {0x003C, "AES128-SHA256"},
+};
+
+const char *SuiteNameOf(uint16_t id) {
+    for (const SuiteName &s : kSuites) {
+        if (s.id == id) {
+            return s.name;
+        }
+    }
+    return nullptr;
+}
+
+/* Whether this OpenSSL build accepts the suite at security level 0. */
+bool OpenSslKnows(const char *name) {
+    SSL_CTX *pTry = SSL_CTX_new(TLS_client_method());
+    if (pTry == nullptr) {
+        return false;
+    }
+    std::string list = std::string(name) + ":@SECLEVEL=0";
+    bool ok = SSL_CTX_set_cipher_list(pTry, list.c_str()) == 1;
+    SSL_CTX_free(pTry);
+    ERR_clear_error();
+    return ok;
+}
+
+/* --- the BIO over the caller's callbacks -------------------------------- */
+
+HostTlsContext *BioOwner(BIO *pBio) {
+    return static_cast<HostTlsContext *>(BIO_get_data(pBio));
+}
+
+int BioRead(BIO *pBio, char *pOut, int outLen) {
+    BIO_clear_retry_flags(pBio);
+    HostTlsContext *p = BioOwner(pBio);
+    if (p == nullptr || p->readFunc == nullptr || outLen <= 0) {
+        return -1;
+    }
+    TLSBuffer buffer{static_cast<uint32_t>(outLen), reinterpret_cast<uint8_t *>(pOut)};
+    uint32_t count = 0;
+    int result = p->readFunc(&buffer, &count, p->pIORef);
+    if (count > static_cast<uint32_t>(outLen)) {
+        return -1; /* a callback that claims more than it was given */
+    }
+    if (result == TLS_RESULT_OK) {
+        if (count == 0) {
+            BIO_set_retry_read(pBio);
+            return -1;
+        }
+        return static_cast<int>(count);
+    }
+    if (result == TLS_RESULT_WOULD_BLOCK) {
+        BIO_set_retry_read(pBio);
+        return -1;
+    }
+    /* Closed or failed: what arrived before still counts; the next read
+     * reports the end. */
+    if (count > 0) {
+        return static_cast<int>(count);
+    }
+    return result == TLS_RESULT_CLOSED ? 0 : -1;
+}
+
+int BioWrite(BIO *pBio, const char *pIn, int inLen) {
+    BIO_clear_retry_flags(pBio);
+    HostTlsContext *p = BioOwner(pBio);
+    if (p == nullptr || p->writeFunc == nullptr || inLen <= 0) {
+        return -1;
+    }
+    TLSBuffer buffer{static_cast<uint32_t>(inLen),
+                     reinterpret_cast<uint8_t *>(const_cast<char *>(pIn))};
+    uint32_t count = 0;
+    int result = p->writeFunc(&buffer, &count, p->pIORef);
+    if (count > static_cast<uint32_t>(inLen)) {
+        return -1;
+    }
+    if ((result == TLS_RESULT_OK || result == TLS_RESULT_WOULD_BLOCK) && count == 0) {
+        BIO_set_retry_write(pBio);
+        return -1;
+    }
+    if (result == TLS_RESULT_OK) {
+        return static_cast<int>(count);
+    }
+    return count > 0 ? static_cast<int>(count) : -1;
+}
+
+long BioCtrl(BIO *, int cmd, long, void *) {
+    return cmd == BIO_CTRL_FLUSH ? 1 : 0;
+}
+
+BIO_METHOD *CallbackBioMethod() {
+    static BIO_METHOD *pMethod = [] {
+        BIO_METHOD *m = BIO_meth_new(BIO_get_new_index() | BIO_TYPE_SOURCE_SINK, "zelssl io");
+        BIO_meth_set_read(m, BioRead);
+        BIO_meth_set_write(m, BioWrite);
+        BIO_meth_set_ctrl(m, BioCtrl);
+        return m;
+    }();
+    return pMethod;
+}
+
+/* --- certificate verdict and alerts ------------------------------------- */
+
+int g_sslIndex = -1;
+
+HostTlsContext *SslOwner(const SSL *pSsl) {
+    return static_cast<HostTlsContext *>(SSL_get_ex_data(pSsl, g_sslIndex));
+}
+
+int VerifyChain(X509_STORE_CTX *pStoreCtx, void *) {
+    SSL *pSsl = static_cast<SSL *>(
+        X509_STORE_CTX_get_ex_data(pStoreCtx, SSL_get_ex_data_X509_STORE_CTX_idx()));
+    HostTlsContext *p = pSsl != nullptr ? SslOwner(pSsl) : nullptr;
+    int trusted = X509_verify_cert(pStoreCtx) == 1 ? 1 : 0;
+    int chainResult = X509_STORE_CTX_get_error(pStoreCtx);
+    if (p == nullptr || p->chainFunc == nullptr) {
+        return trusted;
+    }
+    X509 *pLeaf = X509_STORE_CTX_get0_cert(pStoreCtx);
+    unsigned char *pDer = nullptr;
+    int derLen = pLeaf != nullptr ? i2d_X509(pLeaf, &pDer) : -1;
+    if (derLen <= 0) {
+        X509_STORE_CTX_set_error(pStoreCtx, X509_V_ERR_UNSPECIFIED);
+        return 0;
+    }
+    TLSBuffer cert{static_cast<uint32_t>(derLen), pDer};
+    STACK_OF(X509) *pChain = X509_STORE_CTX_get0_untrusted(pStoreCtx);
+    uint32_t chainLength = pChain != nullptr ? static_cast<uint32_t>(sk_X509_num(pChain)) : 1;
+    int verdict = p->chainFunc(reinterpret_cast<TLSContext *>(p), &cert, chainLength, chainResult,
+                               static_cast<uint8_t>(trusted), p->pChainRef);
+    OPENSSL_free(pDer);
+    if (verdict != 0) {
+        X509_STORE_CTX_set_error(pStoreCtx, X509_V_ERR_APPLICATION_VERIFICATION);
+        return 0;
+    }
+    return 1;
+}
+
+void InfoCallback(const SSL *pSsl, int where, int value) {
+    if ((where & SSL_CB_ALERT) == 0) {
+        return;
+    }
+    HostTlsContext *p = SslOwner(pSsl);
+    if (p != nullptr && p->alertFunc != nullptr) {
+        p->alertFunc(static_cast<uint8_t>(value >> 8), static_cast<uint8_t>(value & 0xFF),
+                     p->pAlertRef);
+    }
+}
+
+/* The session, made from what the setters recorded. */
+int MakeSession(HostTlsContext *p) {
+    if (g_sslIndex < 0) {
+        g_sslIndex = SSL_get_ex_new_index(0, nullptr, nullptr, nullptr, nullptr);
+    }
+    p->pSslCtx = SSL_CTX_new(TLS_client_method());
+    if (p->pSslCtx == nullptr) {
+        return kFail;
+    }
+    SSL_CTX_set_security_level(p->pSslCtx, 0);
+    SSL_CTX_set_min_proto_version(p->pSslCtx, TLS1_VERSION);
+    if (p->version != 0) {
+        SSL_CTX_set_max_proto_version(p->pSslCtx, p->version);
+    }
+    if (p->cipherList[0] != '\0' && SSL_CTX_set_cipher_list(p->pSslCtx, p->cipherList) != 1) {
+        return kFail;
+    }
+    SSL_CTX_set_mode(p->pSslCtx,
+                     SSL_MODE_ENABLE_PARTIAL_WRITE | SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER);
+    /* A peer that just closes the connection ends the session like a close
+     * notify does (result 2), as the handset library reports it. */
+    SSL_CTX_set_options(p->pSslCtx, SSL_OP_IGNORE_UNEXPECTED_EOF);
+    SSL_CTX_set_verify(p->pSslCtx, SSL_VERIFY_PEER, nullptr);
+    SSL_CTX_set_cert_verify_callback(p->pSslCtx, VerifyChain, nullptr);
+    SSL_CTX_set_info_callback(p->pSslCtx, InfoCallback);
+    if (p->pStore != nullptr) {
+        X509_STORE_up_ref(p->pStore);
+        SSL_CTX_set_cert_store(p->pSslCtx, p->pStore);
+    }
+    p->pSsl = SSL_new(p->pSslCtx);
+    if (p->pSsl == nullptr) {
+        return kFail;
+    }
+    SSL_set_ex_data(p->pSsl, g_sslIndex, p);
+    BIO *pBio = BIO_new(CallbackBioMethod());
+    if (pBio == nullptr) {
+        return kFail;
+    }
+    BIO_set_data(pBio, p);
+    BIO_set_init(pBio, 1);
+    SSL_set_bio(p->pSsl, pBio, pBio);
+    SSL_set_connect_state(p->pSsl);
+    return 0;
+}
+
+/* OpenSSL's outcome of a handshake, read or write, as the library's code. */
+int MapResult(HostTlsContext *p, int ret) {
+    int err = SSL_get_error(p->pSsl, ret);
+    ERR_clear_error();
+    switch (err) {
+        case SSL_ERROR_WANT_READ:
+        case SSL_ERROR_WANT_WRITE:
+            return TLS_RESULT_WOULD_BLOCK;
+        case SSL_ERROR_ZERO_RETURN:
+            return TLS_RESULT_CLOSED;
+        case SSL_ERROR_SYSCALL:
+            return kTransportFail;
+        default:
+            return kFail;
+    }
+}
+
+/* Minimal DER walk for cert_ParseCertificate: one element's header. */
+struct DerElement {
+    uint8_t tag;
+    size_t headerLength;
+    size_t length;
+};
+
+int ReadElement(const uint8_t *p, size_t left, DerElement *pOut) {
+    if (left < 2) {
+        return -1;
+    }
+    size_t length = p[1];
+    size_t header = 2;
+    if (length & 0x80) {
+        size_t n = length & 0x7F;
+        if (n == 0 || n > 4 || left < 2 + n) {
+            return -1;
+        }
+        length = 0;
+        for (size_t i = 0; i < n; ++i) {
+            length = (length << 8) | p[2 + i];
+        }
+        header += n;
+    }
+    if (length > left - header) {
+        return -1;
+    }
+    *pOut = DerElement{p[0], header, length};
+    return 0;
+}
+
+}  // namespace
+
+extern "C" {
+
+void *CD_malloc(uint32_t size, uint32_t) {
+    return size != 0 ? malloc(size) : nullptr;
+}
+
+void CD_free(void *p, uint32_t) {
+    free(p);
+}
+
+uint32_t TLSContextSize(void) {
+    return kContextSize;
+}
+
+int TLSInitContext(TLSContext *pCtx, uint32_t size, uint32_t) {
+    if (pCtx == nullptr || size < sizeof(HostTlsContext)) {
+        return kFail;
+    }
+    auto *p = new (pCtx) HostTlsContext{};
+    p->magic = kMagic;
+    return 0;
+}
+
+int TLSDeleteContext(TLSContext *pCtx) {
+    HostTlsContext *p = Ctx(pCtx);
+    if (p == nullptr) {
+        return kFail;
+    }
+    if (p->pSsl != nullptr) {
+        SSL_free(p->pSsl); /* frees the BIO too */
+    }
+    if (p->pSslCtx != nullptr) {
+        SSL_CTX_free(p->pSslCtx);
+    }
+    if (p->pStore != nullptr) {
+        X509_STORE_free(p->pStore);
+    }
+    p->magic = 0;
+    return 0;
+}
+
+int TLSInitCMContext(TLSContext *pCtx, CM_CONTEXT_T *pCmContext) {
+    if (Ctx(pCtx) == nullptr || pCmContext == nullptr) {
+        return kFail;
+    }
+    X509_STORE *pStore = X509_STORE_new();
+    if (pStore == nullptr) {
+        return kFail;
+    }
+    /* Every PEM file of the folder; a folder that is missing or holds no
+     * certificate just trusts nothing. */
+    char dirPath[512];
+    if (HOST_Path(dirPath, sizeof(dirPath), "/etc/certs") == 0) {
+        if (DIR *pDir = opendir(dirPath)) {
+            while (struct dirent *pEntry = readdir(pDir)) {
+                size_t n = strlen(pEntry->d_name);
+                if (n < 5 || strcmp(pEntry->d_name + n - 4, ".pem") != 0) {
+                    continue;
+                }
+                std::string file = std::string(dirPath) + "/" + pEntry->d_name;
+                X509_STORE_load_file(pStore, file.c_str());
+            }
+            closedir(pDir);
+        }
+    }
+    ERR_clear_error();
+    *pCmContext = reinterpret_cast<CM_CONTEXT_T>(pStore);
+    return 0;
+}
+
+int TLSDeleteCMContext(TLSContext *, CM_CONTEXT_T *pCmContext) {
+    if (pCmContext == nullptr) {
+        return kFail;
+    }
+    X509_STORE_free(reinterpret_cast<X509_STORE *>(*pCmContext));
+    *pCmContext = 0;
+    return 0;
+}
+
+int TLSAddRootCertificates(TLSContext *pCtx, CM_CONTEXT_T *pCmContext) {
+    HostTlsContext *p = Ctx(pCtx);
+    if (p == nullptr || pCmContext == nullptr || *pCmContext == 0 || p->pSsl != nullptr) {
+        return kFail;
+    }
+    auto *pStore = reinterpret_cast<X509_STORE *>(*pCmContext);
+    X509_STORE_up_ref(pStore);
+    if (p->pStore != nullptr) {
+        X509_STORE_free(p->pStore);
+    }
+    p->pStore = pStore;
+    return 0;
+}
+
+int TLSEnableNonBlocking(TLSContext *pCtx) {
+    HostTlsContext *p = Ctx(pCtx);
+    if (p == nullptr) {
+        return kFail;
+    }
+    p->bNonBlocking = true;
+    return 0;
+}
+
+#define LAPI_HOST_SETTER(fn, type, field)         \
+    int fn(TLSContext *pCtx, type value) {        \
+        HostTlsContext *p = Ctx(pCtx);            \
+        if (p == nullptr || p->pSsl != nullptr) { \
+            return kFail;                         \
+        }                                         \
+        p->field = value;                         \
+        return 0;                                 \
+    }
+
+LAPI_HOST_SETTER(TLSSetRandomFunc, TLSRandomFunc, randomFunc)
+LAPI_HOST_SETTER(TLSSetRandomRef, void *, pRandomRef)
+LAPI_HOST_SETTER(TLSSetReadFunc, TLSReadFunc, readFunc)
+LAPI_HOST_SETTER(TLSSetWriteFunc, TLSWriteFunc, writeFunc)
+LAPI_HOST_SETTER(TLSSetIORef, void *, pIORef)
+LAPI_HOST_SETTER(TLSSetAlertFunc, TLSAlertFunc, alertFunc)
+LAPI_HOST_SETTER(TLSSetAlertRef, void *, pAlertRef)
+LAPI_HOST_SETTER(TLSSetCheckCertificateChainFunc, TLSCheckCertChainFunc, chainFunc)
+LAPI_HOST_SETTER(TLSSetCheckCertificateChainRef, void *, pChainRef)
+
+int TLSSetCipherSuites(TLSContext *pCtx, const TLSBuffer *pSuites) {
+    HostTlsContext *p = Ctx(pCtx);
+    if (p == nullptr || p->pSsl != nullptr || pSuites == nullptr || pSuites->data == nullptr ||
+        pSuites->length < 2 || pSuites->length % 2 != 0) {
+        return kFail;
+    }
+    std::string list;
+    for (uint32_t i = 0; i + 1 < pSuites->length; i += 2) {
+        uint16_t id;
+        memcpy(&id, pSuites->data + i, sizeof(id));
+        const char *name = SuiteNameOf(id);
+        if (name == nullptr || !OpenSslKnows(name)) {
+            continue;
+        }
+        list += name;
+        list += ':';
+    }
+    if (list.empty()) {
+        return kFail; /* nothing left to offer */
+    }
+    list += "@SECLEVEL=0";
+    if (list.size() >= sizeof(p->cipherList)) {
+        return kFail;
+    }
+    memcpy(p->cipherList, list.c_str(), list.size() + 1);
+    return 0;
+}
+
+int TLSSetProtocolVersion(TLSContext *pCtx, uint16_t version) {
+    HostTlsContext *p = Ctx(pCtx);
+    if (p == nullptr || p->pSsl != nullptr || version < TLS1_VERSION || version > TLS1_3_VERSION) {
+        return kFail;
+    }
+    p->version = version;
+    return 0;
+}
+
+int TLSSetOption(TLSContext *pCtx, uint32_t option) {
+    HostTlsContext *p = Ctx(pCtx);
+    if (p == nullptr || option != TLS_OPTION_NO_ENFORCE_BASIC_CONSTRAINTS) {
+        return kFail;
+    }
+    /* OpenSSL checks basic constraints of CA certificates only in strict
+     * mode, which is never turned on here: nothing more to do. */
+    p->options |= 1u << option;
+    return 0;
+}
+
+int TLSHandshake(TLSContext *pCtx) {
+    HostTlsContext *p = Ctx(pCtx);
+    if (p == nullptr || p->readFunc == nullptr || p->writeFunc == nullptr) {
+        return kFail;
+    }
+    if (p->pSsl == nullptr && MakeSession(p) != 0) {
+        ERR_clear_error();
+        return kFail;
+    }
+    if (!p->bCalledRandom && p->randomFunc != nullptr) {
+        /* The caller's random source adds to OpenSSL's own. */
+        uint8_t seed[32];
+        TLSBuffer buffer{sizeof(seed), seed};
+        p->bCalledRandom = true;
+        if (p->randomFunc(&buffer, p->pRandomRef) == 0) {
+            RAND_add(seed, sizeof(seed), sizeof(seed) / 2.0);
+        }
+    }
+    if (p->bHandshakeDone) {
+        return 0;
+    }
+    int ret = SSL_do_handshake(p->pSsl);
+    if (ret == 1) {
+        p->bHandshakeDone = true;
+        return 0;
+    }
+    int result = MapResult(p, ret);
+    /* The caller takes 2 from a handshake as done: a peer that ends the
+     * connection before the handshake is over has failed it. */
+    return result == TLS_RESULT_CLOSED ? kTransportFail : result;
+}
+
+int TLSGetNegotiatedCipher(TLSContext *pCtx) {
+    HostTlsContext *p = Ctx(pCtx);
+    const SSL_CIPHER *pCipher =
+        (p != nullptr && p->pSsl != nullptr) ? SSL_get_current_cipher(p->pSsl) : nullptr;
+    return pCipher != nullptr ? static_cast<int>(SSL_CIPHER_get_protocol_id(pCipher)) : 0;
+}
+
+int TLSGetProtocolVersion(TLSContext *pCtx) {
+    HostTlsContext *p = Ctx(pCtx);
+    return (p != nullptr && p->pSsl != nullptr && p->bHandshakeDone) ? SSL_version(p->pSsl) : 0;
+}
+
+int TLSRead(TLSContext *pCtx, TLSBuffer *pBuffer, uint32_t *pCount) {
+    HostTlsContext *p = Ctx(pCtx);
+    if (p == nullptr || p->pSsl == nullptr || !p->bHandshakeDone || pBuffer == nullptr ||
+        pCount == nullptr || (pBuffer->data == nullptr && pBuffer->length != 0)) {
+        return kFail;
+    }
+    *pCount = 0;
+    size_t got = 0;
+    int ret = SSL_read_ex(p->pSsl, pBuffer->data, pBuffer->length, &got);
+    if (ret == 1) {
+        *pCount = static_cast<uint32_t>(got);
+        return 0;
+    }
+    return MapResult(p, ret);
+}
+
+int TLSWrite(TLSContext *pCtx, const TLSBuffer *pBuffer, uint32_t *pCount) {
+    HostTlsContext *p = Ctx(pCtx);
+    if (p == nullptr || p->pSsl == nullptr || !p->bHandshakeDone || pBuffer == nullptr ||
+        pCount == nullptr || pBuffer->data == nullptr || pBuffer->length == 0) {
+        return kFail;
+    }
+    *pCount = 0;
+    size_t put = 0;
+    int ret = SSL_write_ex(p->pSsl, pBuffer->data, pBuffer->length, &put);
+    if (ret == 1) {
+        *pCount = static_cast<uint32_t>(put);
+        return 0;
+    }
+    return MapResult(p, ret);
+}
+
+int TLSClose(TLSContext *pCtx) {
+    HostTlsContext *p = Ctx(pCtx);
+    if (p == nullptr) {
+        return kFail;
+    }
+    if (p->pSsl != nullptr && p->bHandshakeDone) {
+        /* One close notify; the peer's answer is not waited for. */
+        SSL_shutdown(p->pSsl);
+        ERR_clear_error();
+    }
+    return 0;
+}
+
+int TLSExtractCertificateNameItem(const TLSBuffer *pCertificate, uint32_t item, TLSBuffer *pName) {
+    if (pCertificate == nullptr || pCertificate->data == nullptr || pName == nullptr ||
+        pName->data == nullptr || item != 0) {
+        return kFail;
+    }
+    const unsigned char *pDer = pCertificate->data;
+    X509 *pCert = d2i_X509(nullptr, &pDer, pCertificate->length);
+    if (pCert == nullptr) {
+        ERR_clear_error();
+        return kFail;
+    }
+    /* Item 0 is the first common name of the subject in encoding order. */
+    X509_NAME *pSubject = X509_get_subject_name(pCert);
+    int index = X509_NAME_get_index_by_NID(pSubject, NID_commonName, -1);
+    int result = kFail;
+    if (index >= 0) {
+        const ASN1_STRING *pValue = X509_NAME_ENTRY_get_data(X509_NAME_get_entry(pSubject, index));
+        int length = ASN1_STRING_length(pValue);
+        if (length >= 0 && static_cast<uint32_t>(length) <= pName->length) {
+            memcpy(pName->data, ASN1_STRING_get0_data(pValue), static_cast<size_t>(length));
+            pName->length = static_cast<uint32_t>(length);
+            result = 0;
+        } else {
+            result = TLS_RESULT_READ_OVERFLOW; /* does not fit: nothing copied */
+        }
+    }
+    X509_free(pCert);
+    return result;
+}
+
+int TLSGenerateRandom(const TLSBuffer *, TLSBuffer *pRandom, uint32_t) {
+    if (pRandom == nullptr || (pRandom->data == nullptr && pRandom->length != 0) ||
+        pRandom->length > 0x7FFFFFFFu) {
+        return kFail;
+    }
+    return RAND_bytes(pRandom->data, static_cast<int>(pRandom->length)) == 1 ? 0 : kFail;
+}
+
+int cert_ParseCertificate(const uint8_t *pData, uint32_t length, CERT_PARSED_S *pParsed) {
+    if (pData == nullptr || pParsed == nullptr) {
+        return kFail;
+    }
+    /* Only a certificate OpenSSL accepts is located. */
+    const unsigned char *pDer = pData;
+    X509 *pCert = d2i_X509(nullptr, &pDer, length);
+    if (pCert == nullptr) {
+        ERR_clear_error();
+        return kFail;
+    }
+    X509_free(pCert);
+    /* Certificate ::= SEQUENCE { tbsCertificate SEQUENCE { ... [3] ... } ... } */
+    DerElement outer, tbs;
+    if (ReadElement(pData, length, &outer) != 0 ||
+        ReadElement(pData + outer.headerLength, outer.length, &tbs) != 0) {
+        return kFail;
+    }
+    size_t offset = outer.headerLength + tbs.headerLength;
+    size_t end = outer.headerLength + tbs.headerLength + tbs.length;
+    *pParsed = CERT_PARSED_S{pData, 0, 0};
+    while (offset < end) {
+        DerElement e;
+        if (ReadElement(pData + offset, end - offset, &e) != 0) {
+            return kFail;
+        }
+        if (e.tag == 0xA3) {
+            size_t total = e.headerLength + e.length;
+            if (total > 0xFFFF || offset > 0xFFFF) {
+                return kFail;
+            }
+            pParsed->extensionsLength = static_cast<uint16_t>(total);
+            pParsed->extensionsOffset = static_cast<uint16_t>(offset);
+            return 0;
+        }
+        offset += e.headerLength + e.length;
+    }
+    return 0;
+}
+
+}  // extern "C"
