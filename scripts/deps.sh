@@ -4,19 +4,26 @@
 # otherwise through sudo when sudo may run without a password prompt or
 # from a terminal; otherwise it says exactly what to install and fails.
 LAPI_DEPS=(cmake ninja-build g++ clang libclang-rt-14-dev libgtest-dev libgmock-dev
-           libssl-dev clang-format openssl valgrind strace)
+           libssl-dev clang-format openssl valgrind strace scdoc man-db pkgconf)
+# The handset build (scripts/test.sh --arm): the cross compiler, the user-mode
+# emulator, and googletest's sources to build the test framework for the
+# target.
+LAPI_ARM_DEPS=(g++-arm-linux-gnueabihf qemu-user googletest)
 
+# lapi_missing_deps [EXTRA_PACKAGE...]: those of LAPI_DEPS and the extra
+# packages that are not installed.
 lapi_missing_deps() {
     local pkg
-    for pkg in "${LAPI_DEPS[@]}"; do
+    for pkg in "${LAPI_DEPS[@]}" "$@"; do
         dpkg-query -W -f='${Status}' "$pkg" 2>/dev/null | grep -q "install ok installed" ||
             echo "$pkg"
     done
 }
 
+# lapi_ensure_deps [EXTRA_PACKAGE...]: LAPI_DEPS and the extra packages.
 lapi_ensure_deps() {
     local missing
-    mapfile -t missing < <(lapi_missing_deps)
+    mapfile -t missing < <(lapi_missing_deps "$@")
     if [ ${#missing[@]} -eq 0 ]; then
         return 0
     fi

@@ -41,6 +41,7 @@
 
 #include "BpSim.h"
 #include "BpSimNet.h"
+#include "lapi_version.h"
 
 namespace {
 
@@ -69,6 +70,7 @@ const char kHelp[] =
     "  --script FILE  run the commands of FILE, one per line, from the start\n"
     "  --quiet        do not echo the messages (push indications are still shown)\n"
     "  -h, --help     this text\n"
+    "  --version      the version\n"
     "\n"
     "Every request is answered at once: location and last-known requests with\n"
     "the position, periodic requests with a report at once and then one every\n"
@@ -775,6 +777,10 @@ int ParseCommandLine(int argc, char **argv, Config *cfg) {
         std::string arg = argv[i];
         if (arg == "--help" || arg == "-h") {
             PrintHelp();
+            return -1;
+        }
+        if (arg == "--version") {
+            printf("bpsim %s\n", LAPI_VERSION_STRING);
             return -1;
         }
         if (arg == "--quiet") {

@@ -1,6 +1,7 @@
 /*
  * Message tables of the client library: names, the fixed body length of
- * every server message, decoding of one whole message, error texts.
+ * every server message, decoding of one whole message, error texts, the
+ * library's version.
  * Nothing here touches a descriptor, so all of it is testable alone.
  */
 #include <string.h>
@@ -108,6 +109,10 @@ extern "C" const char *lapi_strerror(int err) {
         }
     }
     return "unknown error";
+}
+
+extern "C" const char *lapi_version(void) {
+    return LAPI_VERSION_STRING;
 }
 
 extern "C" const char *lapi_msg_name(int msgId) {
