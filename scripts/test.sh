@@ -145,8 +145,13 @@ arm)
     #   cannot run ARM programs (no binfmt_misc registration here).
     excluded="^(Daemon\.StartedAsGroupLeaderParentExitsZeroAndChildOwnsPidFile|ReadmeTest\.EveryCommandRuns)\$"
     start=$(date +%s)
+    ssl="$PWD/build-arm/openssl"
+    lapi_arm_openssl "$ssl"
     cmake -S . -B build-arm -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
-        -DCMAKE_TOOLCHAIN_FILE="$PWD/cmake/arm-linux-gnueabihf.cmake"
+        -DCMAKE_TOOLCHAIN_FILE="$PWD/cmake/arm-linux-gnueabihf.cmake" \
+        -DOPENSSL_INCLUDE_DIR="$ssl/usr/include" \
+        -DOPENSSL_SSL_LIBRARY="$ssl/usr/lib/arm-linux-gnueabihf/libssl.so" \
+        -DOPENSSL_CRYPTO_LIBRARY="$ssl/usr/lib/arm-linux-gnueabihf/libcrypto.so"
     cmake --build build-arm -j "$jobs"
     readelf -h build-arm/bin/lapi_srv | grep -q 'Machine: *ARM' ||
         { echo "arm: build-arm/bin/lapi_srv is not an ARM program" >&2; exit 1; }

@@ -79,7 +79,7 @@ find_one() {
 
 check_layout() {
     local f
-    for f in sbin/lapi_srv sbin/lapi_srv_host bin/lapi bin/bpsim; do
+    for f in sbin/lapi_srv sbin/lapi_srv_host bin/lapi bin/bpsim bin/lapi_push; do
         [ -x "$PREFIX/$f" ] || fail "$f is not installed"
     done
     for f in lapi_client.h LAPI_Msg.h lapi_version.h; do
@@ -94,7 +94,7 @@ check_layout() {
     find_one lapiConfigVersion.cmake >/dev/null
     find_one lapiTargets.cmake >/dev/null
     find_one lapi_srv.service >/dev/null
-    for f in lapi_srv.8 lapi_srv_host.8 lapi.1 bpsim.1 liblapi.3; do
+    for f in lapi_srv.8 lapi_srv_host.8 lapi.1 bpsim.1 lapi_push.1 liblapi.3; do
         find_one "$f" >/dev/null
     done
 
@@ -139,6 +139,8 @@ check_layout() {
     version=$("$WORK/version")
     [ "$("$PREFIX/bin/lapi" --version)" = "lapi $version" ] || fail "lapi --version is not 'lapi $version'"
     [ "$("$PREFIX/bin/bpsim" --version)" = "bpsim $version" ] || fail "bpsim --version is not 'bpsim $version'"
+    [ "$("$PREFIX/bin/lapi_push" --version)" = "lapi_push $version" ] ||
+        fail "lapi_push --version is not 'lapi_push $version'"
     [ "$("$PREFIX/sbin/lapi_srv_host" --version)" = "lapi_srv_host $version" ] ||
         fail "lapi_srv_host --version is not 'lapi_srv_host $version'"
     grep -q "^Version: $version\$" "$(find_one lapi.pc)" || fail "lapi.pc does not say Version: $version"
