@@ -23,6 +23,13 @@
  *   The chain callback sees the peer's certificate in DER with the verdict
  *   of OpenSSL's chain verification, and decides.
  */
+/* The roots are read with readdir: a 32-bit build must take 64-bit
+ * directory offsets, or a 64-bit kernel's ext4 hash offsets (seen under
+ * qemu-arm) end the listing at once with EOVERFLOW and nothing is trusted. */
+#ifndef _FILE_OFFSET_BITS
+#define _FILE_OFFSET_BITS 64
+#endif
+
 #include "zelssl.h"
 
 #include <dirent.h>
@@ -177,6 +184,11 @@ bool LoadOpenSsl() {
         fprintf(stderr, "zelssl: cannot load OpenSSL's libcrypto: %s\n", dlerror());
         return false;
     }
+    /* A libcrypto that is not OpenSSL's is told as such, before libssl
+     * fails to find the real one. */
+    if (!ResolveCrypto(pCrypto, "libcrypto")) {
+        return false;
+    }
     void *pSsl = OpenLibrary(LAPI_OPENSSL_SSL_PATH, LAPI_OPENSSL_SSL_SONAME);
     if (pSsl == nullptr) {
         fprintf(stderr, "zelssl: cannot load OpenSSL's libssl: %s\n", dlerror());
@@ -184,7 +196,7 @@ bool LoadOpenSsl() {
     }
     /* The handles stay open for the life of the process: OpenSSL cleans up
      * at exit on its own. */
-    return ResolveCrypto(pCrypto, "libcrypto") && ResolveSsl(pSsl, "libssl");
+    return ResolveSsl(pSsl, "libssl");
 }
 
 /* Whether OpenSSL can be used, loading it on the first call. A failure is
