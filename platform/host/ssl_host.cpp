@@ -23,13 +23,6 @@
  *   The chain callback sees the peer's certificate in DER with the verdict
  *   of OpenSSL's chain verification, and decides.
  */
-/* The roots are read with readdir: a 32-bit build must take 64-bit
- * directory offsets, or a 64-bit kernel's ext4 hash offsets (seen under
- * qemu-arm) end the listing at once with EOVERFLOW and nothing is trusted. */
-#ifndef _FILE_OFFSET_BITS
-#define _FILE_OFFSET_BITS 64
-#endif
-
 #include "zelssl.h"
 
 #include <dirent.h>
