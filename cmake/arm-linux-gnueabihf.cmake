@@ -14,6 +14,13 @@ set(LAPI_TARGET_TRIPLE arm-linux-gnueabihf)
 set(CMAKE_C_COMPILER ${LAPI_TARGET_TRIPLE}-gcc)
 set(CMAKE_CXX_COMPILER ${LAPI_TARGET_TRIPLE}-g++)
 
+# 64-bit file offsets on the 32-bit target: without them readdir fails with
+# EOVERFLOW on file systems whose directory offsets are 64-bit hashes (the
+# trusted roots in ROOT/etc/certs/ would be missed), and stat fails on
+# large files. time_t stays as the target's libraries were built.
+set(CMAKE_C_FLAGS_INIT "-D_FILE_OFFSET_BITS=64")
+set(CMAKE_CXX_FLAGS_INIT "-D_FILE_OFFSET_BITS=64")
+
 # The target's libraries and headers live here; host programs (scdoc, the
 # emulator) are still found on the host's PATH.
 set(CMAKE_FIND_ROOT_PATH /usr/${LAPI_TARGET_TRIPLE})
