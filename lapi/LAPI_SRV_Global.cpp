@@ -460,6 +460,19 @@ long LAPI_SRV_Times(void) {
     return now;
 }
 
+/* Clears a table, writing only when something in it is set: at start-up
+ * the tables are still zero, and a write would make their pages private
+ * memory of the process although nothing in them changes. */
+static void ClearTable(void *pTable, size_t size) {
+    const unsigned char *pByte = static_cast<const unsigned char *>(pTable);
+    for (size_t i = 0; i < size; ++i) {
+        if (pByte[i] != 0) {
+            memset(pTable, 0, size);
+            return;
+        }
+    }
+}
+
 void LAPI_SRV_InitGlobals(void) {
     FD_ZERO(&readFdSet);
     FD_ZERO(&writeFdSet);
@@ -476,14 +489,14 @@ void LAPI_SRV_InitGlobals(void) {
     List_Init(&LAPI_SRV_tranList);
     gTranFirst = nullptr;
     gTranLast = nullptr;
-    memset(gPairIndex, 0, sizeof(gPairIndex));
+    ClearTable(gPairIndex, sizeof(gPairIndex));
     gScanBoundKnown = false;
     LAPI_SRV_tranListChanged = 0;
     LAPI_SRV_nextSid = 2;
     LAPI_SRV_nextTid = 1;
     LAPI_SRV_pMuxFdops = nullptr;
     LAPI_SRV_muxConnected = 0;
-    memset(socketInfoTable, 0, sizeof(socketInfoTable));
+    ClearTable(socketInfoTable, sizeof(socketInfoTable));
 }
 
 /* ------------------------------------------------------------------------ */
