@@ -71,9 +71,10 @@ int SendHeaderOnly(Fdops *pFdops, uint16_t msgId) {
  * taken is a mistake in the rows and is left out with an error line. */
 static void InstallApRows(const LAPI_SRV_ApMsgRow *pRows, size_t count) {
     for (size_t i = 0; i < count; ++i) {
-        int index = pRows[i].msgId - LAPI_CLI_MSG_BASE;
+        int msgId = pRows[i].pMsg != nullptr ? pRows[i].pMsg->msgId : -1;
+        int index = msgId - LAPI_CLI_MSG_BASE;
         if (index < 0 || index >= LAPI_SRV_AP_MSG_PROC_COUNT || apMsgRows[index] != nullptr) {
-            LAPI_SRV_ERR("Invalid client msg row: %d!", pRows[i].msgId);
+            LAPI_SRV_ERR("Invalid client msg row: %d!", msgId);
             continue;
         }
         apMsgRows[index] = &pRows[i];
@@ -89,19 +90,19 @@ void LAPI_SRV_InitApMsgProc(void) {
 }
 
 int LAPI_SRV_RunApMsgRow(const LAPI_SRV_ApMsgRow *pRow, uint8_t *pMsg, Fdops *pFdops) {
-    if (pRow == nullptr || pRow->proc == nullptr) {
+    if (pRow == nullptr || pRow->proc == nullptr || pRow->pMsg == nullptr) {
         return -1;
     }
+    const LAPI_ApMsgLenRow &m = *pRow->pMsg;
     MsgHeader h = ReadHeader(pMsg);
     int pid = static_cast<int>(h.pid);
-    if (h.msgId != pRow->msgId) {
+    if (h.msgId != m.msgId) {
         LAPI_LogLine(1, 1, pRow->pFile, __LINE__, pRow->pProcName,
                      "pMsgHeader->msgId : %d is not expected, pid : %d!", h.msgId, pid);
         return -1;
     }
-    if (!LAPI_SRV_LenFits(pRow->lenRule, pRow->len, h.msgLen)) {
-        LAPI_LogLine(1, 1, pRow->pFile, __LINE__, pRow->pProcName, pRow->pWrongLenFmt, h.msgLen,
-                     pid);
+    if (!LAPI_LenFits(m.lenRule, m.len, h.msgLen)) {
+        LAPI_LogLine(1, 1, pRow->pFile, __LINE__, pRow->pProcName, m.pWrongLenFmt, h.msgLen, pid);
         return -1;
     }
     return pRow->proc(pMsg, pFdops);
@@ -411,6 +412,6 @@ void LAPI_SRV_ProcClientCrash(Fdops *pFdops) {
     }
 }
 
-const LAPI_SRV_ApMsgRow LAPI_SRV_unregisterRow =
-    LAPI_SRV_AP_ROW(LAPI_UNREGISTER_REQ, LAPI_SRV_ProcUnregisterMsg, LAPI_SRV_LEN_EXACT,
-                    LAPI_UNREGISTER_REQ_LEN, "Wrong unregister msg length: %d, pid is: %d!");
+constexpr LAPI_SRV_ApMsgRow LAPI_SRV_unregisterRow =
+    LAPI_SRV_AP_ROW(LAPI_UNREGISTER_REQ, LAPI_SRV_ProcUnregisterMsg);
+static_assert(LAPI_SRV_ApRowsValid(&LAPI_SRV_unregisterRow, 1));

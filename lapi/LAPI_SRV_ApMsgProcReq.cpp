@@ -556,59 +556,30 @@ int LAPI_SRV_ProcRemoveProximityMsg(uint8_t *pMsg, Fdops *pFdops) {
 /* Dispatch rows                                                             */
 /* ------------------------------------------------------------------------ */
 
-/* Every request has a body of one exact length; the texts are the ones the
- * handlers have always written. */
+/* The lengths and wrong-length texts are in the shared rows. */
 constexpr LAPI_SRV_ApMsgRow LAPI_SRV_apRequestRows[] = {
-    LAPI_SRV_AP_ROW(LAPI_GET_LOCATION_REQ, LAPI_SRV_ProcGetLocationMsg, LAPI_SRV_LEN_EXACT,
-                    LAPI_GET_LOCATION_REQ_LEN, "Wrong get location msg length: %d, pid is: %d!"),
-    LAPI_SRV_AP_ROW(LAPI_ABORT_LOCATION_REQ, LAPI_SRV_ProcAbortLocationMsg, LAPI_SRV_LEN_EXACT,
-                    LAPI_ABORT_LOCATION_REQ_LEN,
-                    "Wrong abort location msg length: %d, pid is: %d!"),
-    LAPI_SRV_AP_ROW(LAPI_ABORT_ALL_LOCATION_REQ, LAPI_SRV_ProcAbortAllLocationMsg,
-                    LAPI_SRV_LEN_EXACT, LAPI_ABORT_ALL_LOCATION_REQ_LEN,
-                    "Wrong abort all location msg length: %d, pid is: %d!"),
-    LAPI_SRV_AP_ROW(LAPI_LAST_KNOWN_LOCATION_REQ, LAPI_SRV_ProcLastKnownLocationMsg,
-                    LAPI_SRV_LEN_EXACT, LAPI_LAST_KNOWN_LOCATION_REQ_LEN,
-                    "Wrong get last known location msg length: %d, pid is: %d!"),
-    LAPI_SRV_AP_ROW(LAPI_GET_GPS_DB_DATA_REQ, LAPI_SRV_ProcGetGpsDbDataMsg, LAPI_SRV_LEN_EXACT,
-                    LAPI_GET_GPS_DB_DATA_REQ_LEN,
-                    "Wrong get location state msg length: %d, pid is: %d!"),
-    LAPI_SRV_AP_ROW(LAPI_SET_GPS_DB_DATA_REQ, LAPI_SRV_ProcSetGpsDbDataMsg, LAPI_SRV_LEN_EXACT,
-                    LAPI_SET_GPS_DB_DATA_REQ_LEN,
-                    "Wrong set location state msg length: %d, pid is: %d!"),
-    LAPI_SRV_AP_ROW(LAPI_GET_STATUS_REQ, LAPI_SRV_ProcGetStatusMsg, LAPI_SRV_LEN_EXACT,
-                    LAPI_GET_STATUS_REQ_LEN, "Wrong get status msg length: %d, pid is: %d!"),
-    LAPI_SRV_AP_ROW(LAPI_LOCATION_NOTIFICATION_CFM, LAPI_SRV_ProcLocationNotificationCfmMsg,
-                    LAPI_SRV_LEN_EXACT, LAPI_LOCATION_NOTIFICATION_CFM_LEN,
-                    "Wrong location notification confirm msg length: %d, pid is: %d!"),
-    LAPI_SRV_AP_ROW(LAPI_DISTANCE_AZIMUTH_REQ, LAPI_SRV_ProcDistanceAzimuthMsg, LAPI_SRV_LEN_EXACT,
-                    LAPI_DISTANCE_AZIMUTH_REQ_LEN,
-                    "Wrong distance and azimuth req msg length: %d, pid is: %d!"),
-    LAPI_SRV_AP_ROW(LAPI_ADD_PROXIMITY_REQ, LAPI_SRV_ProcAddProximityMsg, LAPI_SRV_LEN_EXACT,
-                    LAPI_ADD_PROXIMITY_REQ_LEN,
-                    "Wrong add proximity req msg length: %d, pid is: %d!"),
-    LAPI_SRV_AP_ROW(LAPI_REMOVE_PROXIMITY_REQ, LAPI_SRV_ProcRemoveProximityMsg, LAPI_SRV_LEN_EXACT,
-                    LAPI_REMOVE_PROXIMITY_REQ_LEN,
-                    "Wrong remove proximity req msg length: %d, pid is: %d!"),
+    LAPI_SRV_AP_ROW(LAPI_GET_LOCATION_REQ, LAPI_SRV_ProcGetLocationMsg),
+    LAPI_SRV_AP_ROW(LAPI_ABORT_LOCATION_REQ, LAPI_SRV_ProcAbortLocationMsg),
+    LAPI_SRV_AP_ROW(LAPI_ABORT_ALL_LOCATION_REQ, LAPI_SRV_ProcAbortAllLocationMsg),
+    LAPI_SRV_AP_ROW(LAPI_LAST_KNOWN_LOCATION_REQ, LAPI_SRV_ProcLastKnownLocationMsg),
+    LAPI_SRV_AP_ROW(LAPI_GET_GPS_DB_DATA_REQ, LAPI_SRV_ProcGetGpsDbDataMsg),
+    LAPI_SRV_AP_ROW(LAPI_SET_GPS_DB_DATA_REQ, LAPI_SRV_ProcSetGpsDbDataMsg),
+    LAPI_SRV_AP_ROW(LAPI_GET_STATUS_REQ, LAPI_SRV_ProcGetStatusMsg),
+    LAPI_SRV_AP_ROW(LAPI_LOCATION_NOTIFICATION_CFM, LAPI_SRV_ProcLocationNotificationCfmMsg),
+    LAPI_SRV_AP_ROW(LAPI_DISTANCE_AZIMUTH_REQ, LAPI_SRV_ProcDistanceAzimuthMsg),
+    LAPI_SRV_AP_ROW(LAPI_ADD_PROXIMITY_REQ, LAPI_SRV_ProcAddProximityMsg),
+    LAPI_SRV_AP_ROW(LAPI_REMOVE_PROXIMITY_REQ, LAPI_SRV_ProcRemoveProximityMsg),
 };
 const size_t LAPI_SRV_apRequestRowCount =
     sizeof(LAPI_SRV_apRequestRows) / sizeof(LAPI_SRV_apRequestRows[0]);
-
-static constexpr bool RowsValid() {
-    for (const LAPI_SRV_ApMsgRow &row : LAPI_SRV_apRequestRows) {
-        if (row.msgId < LAPI_CLI_MSG_BASE ||
-            row.msgId >= LAPI_CLI_MSG_BASE + LAPI_SRV_AP_MSG_PROC_COUNT || row.proc == nullptr) {
-            return false;
-        }
-    }
-    return true;
-}
-static_assert(RowsValid(), "every row names a client message identifier and a handler");
+static_assert(LAPI_SRV_ApRowsValid(LAPI_SRV_apRequestRows, sizeof(LAPI_SRV_apRequestRows) /
+                                                               sizeof(LAPI_SRV_apRequestRows[0])),
+              "every row names a client request with a wrong-length text and a handler");
 
 /* Not in the table: removeProximityReq hands a remove-all over to it. */
-const LAPI_SRV_ApMsgRow LAPI_SRV_removeAllProximityRow = LAPI_SRV_AP_ROW(
-    LAPI_REMOVE_PROXIMITY_REQ, LAPI_SRV_ProcRemoveAllProximityMsg, LAPI_SRV_LEN_EXACT,
-    LAPI_REMOVE_PROXIMITY_REQ_LEN, "Wrong remove proximity req msg length: %d, pid is: %d!");
+constexpr LAPI_SRV_ApMsgRow LAPI_SRV_removeAllProximityRow =
+    LAPI_SRV_AP_ROW(LAPI_REMOVE_PROXIMITY_REQ, LAPI_SRV_ProcRemoveAllProximityMsg);
+static_assert(LAPI_SRV_ApRowsValid(&LAPI_SRV_removeAllProximityRow, 1));
 
 /* ------------------------------------------------------------------------ */
 /* Deadlines                                                                 */

@@ -21,6 +21,7 @@
 #include "LAPI_SRV_Paths.h"
 #include "LAPI_LogFmt.h"
 #include "LAPI_SrvCli.h"
+#include "LAPI_TraceText.h"
 #include "LAPI_Wire.h"
 
 /* ------------------------------------------------------------------------ */
@@ -54,7 +55,7 @@ BpMsgProc LAPI_SRV_SetBpMsgProc(uint8_t subCmdId, BpMsgProc proc) {
     BpMsgProc old = bpMsgProc[subCmdId].proc;
     /* A stand-in procedure takes every length. */
     bpMsgProc[subCmdId] =
-        LAPI_SRV_BpMsgRow{subCmdId, proc, "", __FILE__, LAPI_SRV_LEN_AT_LEAST, 0, nullptr};
+        LAPI_SRV_BpMsgRow{subCmdId, proc, "", __FILE__, LAPI_LEN_AT_LEAST, 0, nullptr};
     return old;
 }
 
@@ -290,7 +291,7 @@ void LAPI_SRV_RunBpMsgRow(const LAPI_SRV_BpMsgRow *pRow, uint8_t *pMsg, uint16_t
                          r.Left() > 0 ? subCmdId : 0xFF, msgLen);
             return;
         }
-        if (!LAPI_SRV_LenFits(pRow->lenRule, pRow->len, msgLen)) {
+        if (!LAPI_LenFits(pRow->lenRule, pRow->len, msgLen)) {
             LAPI_LogLine(1, 1, pRow->pFile, __LINE__, pRow->pProcName, pRow->pWrongLenFmt, msgLen,
                          pRow->len);
             return;
@@ -336,10 +337,7 @@ void LAPI_SRV_InitBpMsgProc(void) {
 
 namespace {
 
-struct BpLogLine {
-    char text[LAPI_BP_LOG_LINE_SIZE];
-    int len;
-};
+using BpLogLine = LAPI_TraceText<LAPI_BP_LOG_LINE_SIZE>;
 
 /* One field of a fixed layout: its label and its width on the wire. */
 struct BpLogField {
@@ -362,50 +360,6 @@ LAPI_Reader Rest(const BpLogCursor *pCur) {
     return LAPI_Reader(pCur->pMsg + pCur->pos, pCur->pMsg + pCur->length);
 }
 
-/* Copies fixed text; cut (never written past) when the line is full. */
-void AppendStr(BpLogLine *pLine, const char *str, size_t n) {
-    int room = LAPI_BP_LOG_LINE_SIZE - pLine->len;
-    if (room <= 1) {
-        return;
-    }
-    if (n > static_cast<size_t>(room - 1)) {
-        n = static_cast<size_t>(room - 1);
-    }
-    memcpy(pLine->text + pLine->len, str, n);
-    pLine->len += static_cast<int>(n);
-    pLine->text[pLine->len] = '\0';
-}
-
-void AppendStr(BpLogLine *pLine, const char *str) {
-    AppendStr(pLine, str, strlen(str));
-}
-
-/* "%d" */
-void AppendInt(BpLogLine *pLine, int value) {
-    char num[lapi_fmt::kNumRoom];
-    AppendStr(pLine, num, static_cast<size_t>(lapi_fmt::Int(num, value) - num));
-}
-
-/* "0x" + two digits per byte in wire order + ", ". An empty field (no NMEA
- * data, no name, no address) goes to LAPI_FormatHexStr all the same: its
- * error line tells that the field was empty, and it adds nothing. */
-void AppendHex(BpLogLine *pLine, const uint8_t *pData, int width) {
-    if (width <= 0) {
-        LAPI_FormatHexStr(pData, width, pLine->text + pLine->len, 1);
-        pLine->text[pLine->len] = '\0';
-        return;
-    }
-    int need = 2 + 2 * width + 2 + 1;
-    if (LAPI_BP_LOG_LINE_SIZE - pLine->len < need) {
-        return;
-    }
-    int n = LAPI_FormatHexStr(pData, width, pLine->text + pLine->len, 1);
-    if (n > 0 && n < need) {
-        pLine->len += n;
-    }
-    pLine->text[pLine->len] = '\0';
-}
-
 /* Appends label and value of the next field; false when the message ends
  * before the field does. */
 bool LogField(BpLogLine *pLine, BpLogCursor *pCur, const char *label, size_t labelLen, int width) {
@@ -413,8 +367,8 @@ bool LogField(BpLogLine *pLine, BpLogCursor *pCur, const char *label, size_t lab
     if (width < 0 || Rest(pCur).GetSpan(&pField, static_cast<size_t>(width)) != 0) {
         return false;
     }
-    AppendStr(pLine, label, labelLen);
-    AppendHex(pLine, pField, width);
+    pLine->Append(label, labelLen);
+    pLine->AppendHex(pField, width, 1);
     pCur->pos += width;
     return true;
 }
@@ -436,8 +390,7 @@ bool LogFields(BpLogLine *pLine, BpLogCursor *pCur, const BpLogField *pFields, s
  * False (after the error line, in the logger's name) for a wrong message. */
 bool BeginLine(BpLogLine *pLine, BpLogCursor *pCur, const uint8_t *pMsg, int length,
                uint8_t subCmdId, const char *title, const char *func) {
-    pLine->len = 0;
-    pLine->text[0] = '\0';
+    pLine->Clear();
     pCur->pMsg = pMsg;
     pCur->length = length;
     pCur->pos = 0;
@@ -451,9 +404,9 @@ bool BeginLine(BpLogLine *pLine, BpLogCursor *pCur, const uint8_t *pMsg, int len
         BP_LOG_ERR(func, "pMsgHeader->subCmdId : 0x%02x is not expected!", id);
         return false;
     }
-    AppendStr(pLine, title);
+    pLine->AppendCStr(title);
     if (length >= LAPI_BP_MSG_HEADER_LEN) {
-        pLine->len += LAPI_LogBpMsgHeader(pMsg, pLine->text + pLine->len);
+        pLine->len += LAPI_LogBpMsgHeader(pMsg, pLine->End());
         pCur->pos = LAPI_BP_MSG_HEADER_LEN;
     } else {
         pCur->pos = length; /* a header cut short: nothing more to show */
@@ -486,17 +439,17 @@ void LogDbFilesMsg(const uint8_t *pMsg, int length, uint8_t subCmdId, const char
         uint16_t numFiles = 0;
         Rest(&cur).GetBe16(&numFiles);
         cur.pos += 2;
-        AppendStr(&line, "numFiles: ");
-        AppendInt(&line, numFiles);
-        AppendStr(&line, ", ");
+        line.Append("numFiles: ");
+        line.AppendInt(numFiles);
+        line.Append(", ");
         for (int i = 0; i < numFiles && cur.length - cur.pos >= LAPI_BP_DB_FILE_HEAD_LEN; ++i) {
             LAPI_Reader head = Rest(&cur);
             uint16_t fileLen = 0;
             head.Skip(4);
             head.GetBe16(&fileLen);
-            AppendStr(&line, "dbFile[");
-            AppendInt(&line, i);
-            AppendStr(&line, "]: ");
+            line.Append("dbFile[");
+            line.AppendInt(i);
+            line.Append("]: ");
             LogField(&line, &cur, "fileId: ", 4);
             LogField(&line, &cur, "length: ", 2);
             if (!LogField(&line, &cur, "data: ", fileLen)) {
@@ -661,7 +614,7 @@ void LAPI_LogBpGetLocationRsp(const uint8_t *pMsg, int length) {
         *end++ = '\n';
         fwrite(plain, 1, static_cast<size_t>(end - plain), stdout);
         fflush(stdout);
-        AppendStr(&line, "nmea end\n");
+        line.Append("nmea end\n");
     }
     BP_LOG_LINE(__func__, line);
 }

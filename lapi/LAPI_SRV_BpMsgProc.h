@@ -81,7 +81,7 @@ struct LAPI_SRV_BpMsgRow {
     BpMsgProc proc;
     const char *pProcName; /* the function named on its error lines */
     const char *pFile;     /* the source those lines name */
-    LAPI_SRV_LenRule lenRule;
+    LAPI_LenRule lenRule;
     uint16_t len;
     const char *pWrongLenFmt; /* takes the length received, then len */
 };

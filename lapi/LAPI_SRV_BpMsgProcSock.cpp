@@ -295,13 +295,13 @@ void LAPI_SRV_ProcBpTlsSessionReqMsg(uint8_t *pMsg, uint16_t msgLen) {
 /* The length texts are the socket service's own (one text for open, send
  * and close, as the BP's documentation words them). */
 constexpr LAPI_SRV_BpMsgRow LAPI_SRV_bpSocketRows[] = {
-    LAPI_SRV_BP_ROW(OPEN_SOCKET_BPAP_REQ, LAPI_SRV_ProcBpOpenSocketReqMsg, LAPI_SRV_LEN_AT_LEAST,
+    LAPI_SRV_BP_ROW(OPEN_SOCKET_BPAP_REQ, LAPI_SRV_ProcBpOpenSocketReqMsg, LAPI_LEN_AT_LEAST,
                     LAPI_BP_OPEN_SOCKET_REQ_MIN_LEN, kOpenSocketLenFmt),
-    LAPI_SRV_BP_ROW(SEND_DATA_BPAP_REQ, LAPI_SRV_ProcBpSendDataReqMsg, LAPI_SRV_LEN_AT_LEAST,
+    LAPI_SRV_BP_ROW(SEND_DATA_BPAP_REQ, LAPI_SRV_ProcBpSendDataReqMsg, LAPI_LEN_AT_LEAST,
                     LAPI_BP_SEND_DATA_REQ_MIN_LEN, kOpenSocketLenFmt),
-    LAPI_SRV_BP_ROW(CLOSE_SOCKET_BPAP_REQ, LAPI_SRV_ProcBpCloseSocketReqMsg, LAPI_SRV_LEN_EXACT,
+    LAPI_SRV_BP_ROW(CLOSE_SOCKET_BPAP_REQ, LAPI_SRV_ProcBpCloseSocketReqMsg, LAPI_LEN_EXACT,
                     LAPI_BP_CLOSE_SOCKET_REQ_LEN, kOpenSocketLenFmt),
-    LAPI_SRV_BP_ROW(TLS_SESSION_BPAP_REQ, LAPI_SRV_ProcBpTlsSessionReqMsg, LAPI_SRV_LEN_AT_LEAST,
+    LAPI_SRV_BP_ROW(TLS_SESSION_BPAP_REQ, LAPI_SRV_ProcBpTlsSessionReqMsg, LAPI_LEN_AT_LEAST,
                     LAPI_BP_TLS_SESSION_REQ_MIN_LEN, kTlsSessionLenFmt),
 };
 const size_t LAPI_SRV_bpSocketRowCount =

@@ -20,7 +20,6 @@
 #include <time.h>
 #include <unistd.h>
 
-#include "LAPI_ClientInt.h"
 #include "LAPI_Log.h"
 #include "LAPI_SrvCli.h"
 #include "lapi_client.h"

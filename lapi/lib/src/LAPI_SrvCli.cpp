@@ -10,7 +10,9 @@
  */
 #include "LAPI_SrvCli.h"
 
+#include "LAPI_ApMsgRows.h"
 #include "LAPI_LogFmt.h"
+#include "LAPI_TraceText.h"
 
 #include <atomic>
 
@@ -56,52 +58,7 @@ constexpr int kDebugHexBytesPerLine = 1365;
  * beyond it is cut, never written past. */
 constexpr int kLogLineSize = 8192;
 
-struct LogText {
-    char buf[kLogLineSize];
-    int len;
-};
-
-void Init(LogText *pText) {
-    pText->buf[0] = '\0';
-    pText->len = 0;
-}
-
-/* Copies fixed text; cut (never written past) when the line is full. */
-void AppendStr(LogText *pText, const char *str, size_t n) {
-    int room = kLogLineSize - pText->len;
-    if (room <= 1) {
-        return;
-    }
-    if (n > static_cast<size_t>(room - 1)) {
-        n = static_cast<size_t>(room - 1);
-    }
-    memcpy(pText->buf + pText->len, str, n);
-    pText->len += static_cast<int>(n);
-    pText->buf[pText->len] = '\0';
-}
-
-template <size_t N>
-void AppendStr(LogText *pText, const char (&str)[N]) {
-    AppendStr(pText, str, N - 1);
-}
-
-/* One number, formatted by fmt (one of lapi_fmt's), cut as text is. */
-template <typename Fmt, typename T>
-void AppendNum(LogText *pText, Fmt fmt, T value) {
-    char num[lapi_fmt::kNumRoom];
-    char *end = fmt(num, value);
-    AppendStr(pText, num, static_cast<size_t>(end - num));
-}
-
-/* "%d" */
-void AppendInt(LogText *pText, int value) {
-    AppendNum(pText, lapi_fmt::Int, value);
-}
-
-/* "%u" */
-void AppendUInt(LogText *pText, unsigned value) {
-    AppendNum(pText, lapi_fmt::UInt, value);
-}
+using LogText = LAPI_TraceText<kLogLineSize>;
 
 /* "%.30e". A fix's reals repeat from report to report (accuracies, speed,
  * course, a position that does not move): the text of the last few values
@@ -120,7 +77,7 @@ void AppendDouble(LogText *pText, double value) {
         char num[lapi_fmt::kNumRoom];
         size_t n = static_cast<size_t>(lapi_fmt::Sci30(num, value) - num);
         if (n > sizeof(k.text)) {
-            AppendStr(pText, num, n);
+            pText->Append(num, n);
             return;
         }
         k.len = 0; /* emptied first, as the hex dump's */
@@ -130,32 +87,22 @@ void AppendDouble(LogText *pText, double value) {
         std::atomic_signal_fence(std::memory_order_seq_cst);
         k.len = static_cast<uint8_t>(n);
     }
-    AppendStr(pText, k.text, k.len);
+    pText->Append(k.text, k.len);
 }
 
-/* The raw bytes of a field in hex. A zero length goes to LAPI_FormatHexStr
- * all the same, so that its error line says the field was empty. */
-void AppendHex(LogText *pText, const void *pData, int length, uint8_t side) {
-    int room = kLogLineSize - pText->len;
-    if (length > 0 && 2 * length + 5 > room) {
-        return; /* would not fit: cut */
-    }
-    pText->len += LAPI_FormatHexStr(pData, length, pText->buf + pText->len, side);
-}
-
-/* Checks the identifier and the fixed body length of a traced message; the
- * error line names the trace procedure that refused it. */
-int CheckMsg(const MsgHeader &h, uint16_t msgId, uint16_t msgLen, const char *name, uint8_t side,
-             const char *func, int line) {
-    if (h.msgId != msgId) {
+/* Checks a traced message against its row (identifier, then body length);
+ * the error line names the trace procedure that refused it. */
+int CheckMsg(const MsgHeader &h, const LAPI_ApMsgLenRow &row, uint8_t side, const char *func,
+             int line) {
+    if (h.msgId != row.msgId) {
         LAPI_LogLine(side, 1, LAPI_LOG_FILE, line, func,
                      "pMsgHeader->msgId : %d is not expected, pid : %d!", h.msgId,
                      static_cast<int>(h.pid));
         return -1;
     }
-    if (h.msgLen != msgLen) {
+    if (!LAPI_LenFits(row.lenRule, row.len, h.msgLen)) {
         LAPI_LogLine(side, 1, LAPI_LOG_FILE, line, func, "Wrong %s msg length: %d, pid is: %d!",
-                     name, h.msgLen, static_cast<int>(h.pid));
+                     row.pName, h.msgLen, static_cast<int>(h.pid));
         return -1;
     }
     return 0;
@@ -182,18 +129,33 @@ ApTraceMemo gMemo;
 int Emit(const LogText &text, uint8_t side, const char *func, int line) {
     if (gMemo.capturing && text.len >= 0) {
         gMemo.lineLen = static_cast<int>(LAPI_LogBuildLine(side, 0, LAPI_LOG_FILE, line, func,
-                                                           text.buf, static_cast<size_t>(text.len),
+                                                           text.text, static_cast<size_t>(text.len),
                                                            gMemo.line, sizeof(gMemo.line)));
     }
-    LAPI_LogText(side, 0, LAPI_LOG_FILE, line, func, text.buf, static_cast<size_t>(text.len));
+    LAPI_LogText(side, 0, LAPI_LOG_FILE, line, func, text.text, static_cast<size_t>(text.len));
     return text.len;
 }
 
 /* Starts the line: "S->C timeOutRsp " and the header. */
-void Begin(LogText *pText, const char *prefix, const MsgHeader &h, uint8_t side) {
-    Init(pText);
-    AppendStr(pText, prefix, strlen(prefix));
-    pText->len += LAPI_LogApMsgHeader(&h, pText->buf + pText->len, side);
+void Begin(LogText *pText, const LAPI_ApMsgLenRow &row, const MsgHeader &h, uint8_t side) {
+    pText->Clear();
+    if (row.fromServer) {
+        pText->Append("S->C ");
+    } else {
+        pText->Append("C->S ");
+    }
+    pText->AppendCStr(row.pName);
+    pText->Append(" ");
+    pText->len += LAPI_LogApMsgHeader(&h, pText->End(), side);
+}
+
+/* "sessionId: %d, transactionId: %d, " */
+void AppendPair(LogText *pText, int sessionId, int transactionId) {
+    pText->Append("sessionId: ");
+    pText->AppendInt(sessionId);
+    pText->Append(", transactionId: ");
+    pText->AppendInt(transactionId);
+    pText->Append(", ");
 }
 
 int Min(int a, int b) {
@@ -202,57 +164,54 @@ int Min(int a, int b) {
 
 }  // namespace
 
-/* Copies the message into a record of its type, checks it and starts the
- * line. Used at the top of every trace procedure. */
-#define LOG_BEGIN(Type, msgIdValue, msgLenValue, name, prefix)                                   \
-    Type m;                                                                                      \
-    memcpy(&m, pMsg, sizeof(m));                                                                 \
-    if (CheckMsg(m.header, (msgIdValue), (msgLenValue), (name), side, __func__, __LINE__) < 0) { \
-        return -1;                                                                               \
-    }                                                                                            \
-    LogText text;                                                                                \
-    Begin(&text, (prefix), m.header, side)
+/* Copies the message into a record of its type, checks it against the
+ * message's row and starts the line. Used at the top of every trace
+ * procedure. */
+#define LOG_BEGIN(Type, msgIdValue)                                                        \
+    static_assert(LAPI_ApMsgRowOf(msgIdValue) != nullptr &&                                \
+                  sizeof(Type) == LAPI_MSG_HEADER_LEN + LAPI_ApMsgRowOf(msgIdValue)->len); \
+    const LAPI_ApMsgLenRow &row = *LAPI_ApMsgRowOf(msgIdValue);                            \
+    Type m;                                                                                \
+    memcpy(&m, pMsg, sizeof(m));                                                           \
+    if (CheckMsg(m.header, row, side, __func__, __LINE__) < 0) {                           \
+        return -1;                                                                         \
+    }                                                                                      \
+    LogText text;                                                                          \
+    Begin(&text, row, m.header, side)
 
-/* A field: its label and value (by the appender: AppendInt for "%d",
- * AppendUInt for "%u", AppendDouble for "%.30e"), ", ", then its raw bytes
- * in hex. */
-#define LOG_FIELD_BY(Type, member, label, appender, value)                                      \
-    do {                                                                                        \
-        AppendStr(&text, label);                                                                \
-        appender(&text, value);                                                                 \
-        AppendStr(&text, ", ");                                                                 \
-        AppendHex(&text, pMsg + offsetof(Type, member), static_cast<int>(sizeof(Type::member)), \
-                  side);                                                                        \
+/* A field: its label, its value (appended by appendValue: "%d", "%u" or
+ * "%.30e"), ", ", then its raw bytes in hex. */
+#define LOG_FIELD_BY(Type, member, label, appendValue)                                        \
+    do {                                                                                      \
+        text.Append(label);                                                                   \
+        appendValue;                                                                          \
+        text.Append(", ");                                                                    \
+        text.AppendHex(pMsg + offsetof(Type, member), static_cast<int>(sizeof(Type::member)), \
+                       side);                                                                 \
     } while (0)
 
 #define LOG_INT(Type, member, label, value) \
-    LOG_FIELD_BY(Type, member, label, AppendInt, static_cast<int>(value))
+    LOG_FIELD_BY(Type, member, label, text.AppendInt(static_cast<int>(value)))
 #define LOG_UINT(Type, member, label, value) \
-    LOG_FIELD_BY(Type, member, label, AppendUInt, static_cast<unsigned>(value))
-#define LOG_DOUBLE(Type, member) LOG_FIELD_BY(Type, member, #member ": ", AppendDouble, m.member)
+    LOG_FIELD_BY(Type, member, label, text.AppendUInt(static_cast<unsigned>(value)))
+#define LOG_DOUBLE(Type, member) \
+    LOG_FIELD_BY(Type, member, #member ": ", AppendDouble(&text, m.member))
 
 /* "sessionId: %d, transactionId: %d, " with the two bytes in hex. */
-#define LOG_SERVER_PAIR(Type)                                        \
-    do {                                                             \
-        AppendStr(&text, "sessionId: ");                             \
-        AppendInt(&text, m.sessionId);                               \
-        AppendStr(&text, ", transactionId: ");                       \
-        AppendInt(&text, m.transactionId);                           \
-        AppendStr(&text, ", ");                                      \
-        AppendHex(&text, pMsg + offsetof(Type, sessionId), 2, side); \
+#define LOG_SERVER_PAIR(Type)                                      \
+    do {                                                           \
+        AppendPair(&text, m.sessionId, m.transactionId);           \
+        text.AppendHex(pMsg + offsetof(Type, sessionId), 2, side); \
     } while (0)
 
 /* "mode: %d, sessionId: %d, transactionId: %d, " with the four bytes in hex. */
-#define LOG_REQ_PREFIX(Type)                                    \
-    do {                                                        \
-        AppendStr(&text, "mode: ");                             \
-        AppendInt(&text, m.mode);                               \
-        AppendStr(&text, ", sessionId: ");                      \
-        AppendInt(&text, m.sessionId);                          \
-        AppendStr(&text, ", transactionId: ");                  \
-        AppendInt(&text, m.transactionId);                      \
-        AppendStr(&text, ", ");                                 \
-        AppendHex(&text, pMsg + offsetof(Type, mode), 4, side); \
+#define LOG_REQ_PREFIX(Type)                                  \
+    do {                                                      \
+        text.Append("mode: ");                                \
+        text.AppendInt(m.mode);                               \
+        text.Append(", ");                                    \
+        AppendPair(&text, m.sessionId, m.transactionId);      \
+        text.AppendHex(pMsg + offsetof(Type, mode), 4, side); \
     } while (0)
 
 #define LOG_END() return Emit(text, side, __func__, __LINE__)
@@ -334,28 +293,24 @@ int LAPI_LogApMsgHeader(const MsgHeader *pMsgHeader, char *pBuf, uint8_t side) {
 /* ------------------------------------------------------------------------ */
 
 int LAPI_LogRegisterReq(const uint8_t *pMsg, uint8_t side) {
-    LOG_BEGIN(RegisterReq, LAPI_REGISTER_REQ, LAPI_REGISTER_REQ_LEN, "registerReq",
-              "C->S registerReq ");
+    LOG_BEGIN(RegisterReq, LAPI_REGISTER_REQ);
     LOG_UINT(RegisterReq, service, "service: ", m.service);
     LOG_END();
 }
 
 int LAPI_LogGetAsyncFdReq(const uint8_t *pMsg, uint8_t side) {
-    LOG_BEGIN(GetAsyncFdReq, LAPI_GET_ASYNC_FD_REQ, LAPI_GET_ASYNC_FD_REQ_LEN, "getAsyncFdReq",
-              "C->S getAsyncFdReq ");
+    LOG_BEGIN(GetAsyncFdReq, LAPI_GET_ASYNC_FD_REQ);
     LOG_INT(GetAsyncFdReq, globalId, "globalId: ", m.globalId);
     LOG_END();
 }
 
 int LAPI_LogUnregisterReq(const uint8_t *pMsg, uint8_t side) {
-    LOG_BEGIN(UnregisterReq, LAPI_UNREGISTER_REQ, LAPI_UNREGISTER_REQ_LEN, "unregisterReq",
-              "C->S unregisterReq ");
+    LOG_BEGIN(UnregisterReq, LAPI_UNREGISTER_REQ);
     LOG_END();
 }
 
 int LAPI_LogGetLocationReq(const uint8_t *pMsg, uint8_t side) {
-    LOG_BEGIN(GetLocationReq, LAPI_GET_LOCATION_REQ, LAPI_GET_LOCATION_REQ_LEN, "getLocationReq",
-              "C->S getLocationReq ");
+    LOG_BEGIN(GetLocationReq, LAPI_GET_LOCATION_REQ);
     LOG_REQ_PREFIX(GetLocationReq);
     LOG_INT(GetLocationReq, responseTime, "responseTime: ", m.responseTime);
     LOG_INT(GetLocationReq, horizontalAccuracy, "horizontalAccuracy: ", m.horizontalAccuracy);
@@ -373,28 +328,24 @@ int LAPI_LogGetLocationReq(const uint8_t *pMsg, uint8_t side) {
 }
 
 int LAPI_LogAbortLocationReq(const uint8_t *pMsg, uint8_t side) {
-    LOG_BEGIN(AbortLocationReq, LAPI_ABORT_LOCATION_REQ, LAPI_ABORT_LOCATION_REQ_LEN,
-              "abortLocationReq", "C->S abortLocationReq ");
+    LOG_BEGIN(AbortLocationReq, LAPI_ABORT_LOCATION_REQ);
     LOG_REQ_PREFIX(AbortLocationReq);
     LOG_END();
 }
 
 int LAPI_LogAbortAllLocationReq(const uint8_t *pMsg, uint8_t side) {
-    LOG_BEGIN(AbortAllLocationReq, LAPI_ABORT_ALL_LOCATION_REQ, LAPI_ABORT_ALL_LOCATION_REQ_LEN,
-              "abortAllLocationReq", "C->S abortAllLocationReq ");
+    LOG_BEGIN(AbortAllLocationReq, LAPI_ABORT_ALL_LOCATION_REQ);
     LOG_END();
 }
 
 int LAPI_LogLastKnownLocationReq(const uint8_t *pMsg, uint8_t side) {
-    LOG_BEGIN(LastKnownLocationReq, LAPI_LAST_KNOWN_LOCATION_REQ, LAPI_LAST_KNOWN_LOCATION_REQ_LEN,
-              "lastKnownLocationReq", "C->S lastKnownLocationReq ");
+    LOG_BEGIN(LastKnownLocationReq, LAPI_LAST_KNOWN_LOCATION_REQ);
     LOG_REQ_PREFIX(LastKnownLocationReq);
     LOG_END();
 }
 
 int LAPI_LogGetGpsDbDataReq(const uint8_t *pMsg, uint8_t side) {
-    LOG_BEGIN(GetGpsDbDataReq, LAPI_GET_GPS_DB_DATA_REQ, LAPI_GET_GPS_DB_DATA_REQ_LEN,
-              "getGpsDbDataReq", "C->S getGpsDbDataReq ");
+    LOG_BEGIN(GetGpsDbDataReq, LAPI_GET_GPS_DB_DATA_REQ);
     LOG_REQ_PREFIX(GetGpsDbDataReq);
     LOG_UINT(GetGpsDbDataReq, fileId, "fileId: ", m.fileId);
     LOG_END();
@@ -410,27 +361,26 @@ void AppendDbFiles(LogText *pText, const uint8_t *pFiles, int numFiles, uint8_t 
         const uint8_t *pFile = pFiles + i * sizeof(DbFile);
         DbFile f;
         memcpy(&f, pFile, sizeof(f));
-        AppendStr(pText, "dbFile[");
-        AppendInt(pText, i);
-        AppendStr(pText, "]: fileId: ");
-        AppendInt(pText, static_cast<int>(f.fileId));
-        AppendStr(pText, ", ");
-        AppendHex(pText, pFile + offsetof(DbFile, fileId), 4, side);
-        AppendStr(pText, "length: ");
-        AppendInt(pText, f.length);
-        AppendStr(pText, ", ");
-        AppendHex(pText, pFile + offsetof(DbFile, length), 2, side);
-        AppendStr(pText, "data: ");
-        AppendHex(pText, pFile + offsetof(DbFile, data), Min(f.length, LAPI_DB_FILE_DATA_LEN),
-                  side);
+        pText->Append("dbFile[");
+        pText->AppendInt(i);
+        pText->Append("]: fileId: ");
+        pText->AppendInt(static_cast<int>(f.fileId));
+        pText->Append(", ");
+        pText->AppendHex(pFile + offsetof(DbFile, fileId), 4, side);
+        pText->Append("length: ");
+        pText->AppendInt(f.length);
+        pText->Append(", ");
+        pText->AppendHex(pFile + offsetof(DbFile, length), 2, side);
+        pText->Append("data: ");
+        pText->AppendHex(pFile + offsetof(DbFile, data), Min(f.length, LAPI_DB_FILE_DATA_LEN),
+                         side);
     }
 }
 
 }  // namespace
 
 int LAPI_LogSetGpsDbDataReq(const uint8_t *pMsg, uint8_t side) {
-    LOG_BEGIN(SetGpsDbDataReq, LAPI_SET_GPS_DB_DATA_REQ, LAPI_SET_GPS_DB_DATA_REQ_LEN,
-              "setGpsDbDataReq", "C->S setGpsDbDataReq ");
+    LOG_BEGIN(SetGpsDbDataReq, LAPI_SET_GPS_DB_DATA_REQ);
     LOG_REQ_PREFIX(SetGpsDbDataReq);
     LOG_INT(SetGpsDbDataReq, numFiles, "numFiles: ", m.numFiles);
     AppendDbFiles(&text, pMsg + offsetof(SetGpsDbDataReq, dbFile), m.numFiles, side);
@@ -438,24 +388,20 @@ int LAPI_LogSetGpsDbDataReq(const uint8_t *pMsg, uint8_t side) {
 }
 
 int LAPI_LogGetStatusReq(const uint8_t *pMsg, uint8_t side) {
-    LOG_BEGIN(GetStatusReq, LAPI_GET_STATUS_REQ, LAPI_GET_STATUS_REQ_LEN, "getStatusReq",
-              "C->S getStatusReq ");
+    LOG_BEGIN(GetStatusReq, LAPI_GET_STATUS_REQ);
     LOG_REQ_PREFIX(GetStatusReq);
     LOG_END();
 }
 
 int LAPI_LogLocationNotificationCfm(const uint8_t *pMsg, uint8_t side) {
-    LOG_BEGIN(LocationNotificationCfm, LAPI_LOCATION_NOTIFICATION_CFM,
-              LAPI_LOCATION_NOTIFICATION_CFM_LEN, "locationNotificationCfm",
-              "C->S locationNotificationCfm ");
+    LOG_BEGIN(LocationNotificationCfm, LAPI_LOCATION_NOTIFICATION_CFM);
     LOG_SERVER_PAIR(LocationNotificationCfm);
     LOG_INT(LocationNotificationCfm, responseType, "responseType: ", m.responseType);
     LOG_END();
 }
 
 int LAPI_LogDistanceAzimuthReq(const uint8_t *pMsg, uint8_t side) {
-    LOG_BEGIN(DistanceAzimuthReq, LAPI_DISTANCE_AZIMUTH_REQ, LAPI_DISTANCE_AZIMUTH_REQ_LEN,
-              "distanceAzimuthReq", "C->S distanceAzimuthReq ");
+    LOG_BEGIN(DistanceAzimuthReq, LAPI_DISTANCE_AZIMUTH_REQ);
     LOG_REQ_PREFIX(DistanceAzimuthReq);
     LOG_DOUBLE(DistanceAzimuthReq, latitude1);
     LOG_DOUBLE(DistanceAzimuthReq, longitude1);
@@ -466,8 +412,7 @@ int LAPI_LogDistanceAzimuthReq(const uint8_t *pMsg, uint8_t side) {
 }
 
 int LAPI_LogAddProximityReq(const uint8_t *pMsg, uint8_t side) {
-    LOG_BEGIN(AddProximityReq, LAPI_ADD_PROXIMITY_REQ, LAPI_ADD_PROXIMITY_REQ_LEN,
-              "addProximityReq", "C->S addProximityReq ");
+    LOG_BEGIN(AddProximityReq, LAPI_ADD_PROXIMITY_REQ);
     LOG_REQ_PREFIX(AddProximityReq);
     LOG_DOUBLE(AddProximityReq, latitude);
     LOG_DOUBLE(AddProximityReq, longitude);
@@ -477,8 +422,7 @@ int LAPI_LogAddProximityReq(const uint8_t *pMsg, uint8_t side) {
 }
 
 int LAPI_LogRemoveProximityReq(const uint8_t *pMsg, uint8_t side) {
-    LOG_BEGIN(RemoveProximityReq, LAPI_REMOVE_PROXIMITY_REQ, LAPI_REMOVE_PROXIMITY_REQ_LEN,
-              "removeProximityReq", "C->S removeProximityReq ");
+    LOG_BEGIN(RemoveProximityReq, LAPI_REMOVE_PROXIMITY_REQ);
     LOG_REQ_PREFIX(RemoveProximityReq);
     LOG_INT(RemoveProximityReq, removeType, "removeType: ", m.removeType);
     LOG_END();
@@ -489,21 +433,18 @@ int LAPI_LogRemoveProximityReq(const uint8_t *pMsg, uint8_t side) {
 /* ------------------------------------------------------------------------ */
 
 int LAPI_LogRegisterRsp(const uint8_t *pMsg, uint8_t side) {
-    LOG_BEGIN(RegisterRsp, LAPI_REGISTER_RSP, LAPI_REGISTER_RSP_LEN, "registerRsp",
-              "S->C registerRsp ");
+    LOG_BEGIN(RegisterRsp, LAPI_REGISTER_RSP);
     LOG_INT(RegisterRsp, globalId, "globalId: ", m.globalId);
     LOG_END();
 }
 
 int LAPI_LogGetAsyncFdRsp(const uint8_t *pMsg, uint8_t side) {
-    LOG_BEGIN(GetAsyncFdRsp, LAPI_GET_ASYNC_FD_RSP, LAPI_GET_ASYNC_FD_RSP_LEN, "getAsyncFdRsp",
-              "S->C getAsyncFdRsp ");
+    LOG_BEGIN(GetAsyncFdRsp, LAPI_GET_ASYNC_FD_RSP);
     LOG_END();
 }
 
 int LAPI_LogUnregisterRsp(const uint8_t *pMsg, uint8_t side) {
-    LOG_BEGIN(UnregisterRsp, LAPI_UNREGISTER_RSP, LAPI_UNREGISTER_RSP_LEN, "unregisterRsp",
-              "S->C unregisterRsp ");
+    LOG_BEGIN(UnregisterRsp, LAPI_UNREGISTER_RSP);
     LOG_END();
 }
 
@@ -524,26 +465,25 @@ int LAPI_LogUnregisterRsp(const uint8_t *pMsg, uint8_t side) {
     } while (0)
 
 int LAPI_LogGetLocationRsp(const uint8_t *pMsg, uint8_t side) {
-    LOG_BEGIN(GetLocationRsp, LAPI_GET_LOCATION_RSP, LAPI_GET_LOCATION_RSP_LEN, "getLocationRsp",
-              "S->C getLocationRsp ");
+    LOG_BEGIN(GetLocationRsp, LAPI_GET_LOCATION_RSP);
     LOG_SERVER_PAIR(GetLocationRsp);
     LOG_POSITION(GetLocationRsp);
     LOG_INT(GetLocationRsp, locationMethod, "locationMethod: ", m.locationMethod);
     LOG_INT(GetLocationRsp, cause, "cause: ", m.cause);
     LOG_UINT(GetLocationRsp, ageOfFix, "ageOfFix: ", m.ageOfFix);
-    AppendStr(&text, "nmeaDataLength: ");
-    AppendInt(&text, m.nmeaDataLength);
-    AppendStr(&text, ", \n");
-    AppendHex(&text, pMsg + offsetof(GetLocationRsp, nmeaDataLength), 2, side);
+    text.Append("nmeaDataLength: ");
+    text.AppendInt(m.nmeaDataLength);
+    text.Append(", \n");
+    text.AppendHex(pMsg + offsetof(GetLocationRsp, nmeaDataLength), 2, side);
 
     /* The NMEA sentences, as text and in hex, never beyond the array. */
     int nmeaLen = Min(m.nmeaDataLength, LAPI_MAX_NMEA_LEN);
     const char *pNmea = reinterpret_cast<const char *>(pMsg + offsetof(GetLocationRsp, nmeaData));
-    AppendStr(&text, "nmeaData: ");
-    AppendStr(&text, pNmea, strnlen(pNmea, static_cast<size_t>(nmeaLen))); /* text stops at NUL */
-    AppendStr(&text, ", \n");
-    AppendStr(&text, "nmeaData: ");
-    AppendHex(&text, pMsg + offsetof(GetLocationRsp, nmeaData), nmeaLen, side);
+    text.Append("nmeaData: ");
+    text.Append(pNmea, strnlen(pNmea, static_cast<size_t>(nmeaLen))); /* text stops at NUL */
+    text.Append(", \n");
+    text.Append("nmeaData: ");
+    text.AppendHex(pMsg + offsetof(GetLocationRsp, nmeaData), nmeaLen, side);
 
     /* "\n %s, %s, pMsg->nmeaDataLength:%d\n" on standard output. */
     char plain[256];
@@ -565,35 +505,31 @@ int LAPI_LogGetLocationRsp(const uint8_t *pMsg, uint8_t side) {
     fwrite(plain, 1, static_cast<size_t>(end - plain), stdout);
     fflush(stdout);
     gMemo.sideEffect = true;
-    AppendStr(&text, "nmea end\n");
+    text.Append("nmea end\n");
     LOG_END();
 }
 
 int LAPI_LogAbortLocationRsp(const uint8_t *pMsg, uint8_t side) {
-    LOG_BEGIN(AbortLocationRsp, LAPI_ABORT_LOCATION_RSP, LAPI_ABORT_LOCATION_RSP_LEN,
-              "abortLocationRsp", "S->C abortLocationRsp ");
+    LOG_BEGIN(AbortLocationRsp, LAPI_ABORT_LOCATION_RSP);
     LOG_SERVER_PAIR(AbortLocationRsp);
     LOG_INT(AbortLocationRsp, result, "result: ", m.result);
     LOG_END();
 }
 
 int LAPI_LogTimeOutRsp(const uint8_t *pMsg, uint8_t side) {
-    LOG_BEGIN(TimeOutRsp, LAPI_TIME_OUT_RSP, LAPI_TIME_OUT_RSP_LEN, "timeOutRsp",
-              "S->C timeOutRsp ");
+    LOG_BEGIN(TimeOutRsp, LAPI_TIME_OUT_RSP);
     LOG_SERVER_PAIR(TimeOutRsp);
     LOG_END();
 }
 
 int LAPI_LogInvalidRequestRsp(const uint8_t *pMsg, uint8_t side) {
-    LOG_BEGIN(InvalidRequestRsp, LAPI_INVALID_REQUEST_RSP, LAPI_INVALID_REQUEST_RSP_LEN,
-              "invalidRequestRsp", "S->C invalidRequestRsp ");
+    LOG_BEGIN(InvalidRequestRsp, LAPI_INVALID_REQUEST_RSP);
     LOG_SERVER_PAIR(InvalidRequestRsp);
     LOG_END();
 }
 
 int LAPI_LogGetGpsDbDataRsp(const uint8_t *pMsg, uint8_t side) {
-    LOG_BEGIN(GetGpsDbDataRsp, LAPI_GET_GPS_DB_DATA_RSP, LAPI_GET_GPS_DB_DATA_RSP_LEN,
-              "getGpsDbDataRsp", "S->C getGpsDbDataRsp ");
+    LOG_BEGIN(GetGpsDbDataRsp, LAPI_GET_GPS_DB_DATA_RSP);
     LOG_SERVER_PAIR(GetGpsDbDataRsp);
     LOG_INT(GetGpsDbDataRsp, numFiles, "numFiles: ", m.numFiles);
     AppendDbFiles(&text, pMsg + offsetof(GetGpsDbDataRsp, dbFile), m.numFiles, side);
@@ -602,8 +538,7 @@ int LAPI_LogGetGpsDbDataRsp(const uint8_t *pMsg, uint8_t side) {
 }
 
 int LAPI_LogSetGpsDbDataRsp(const uint8_t *pMsg, uint8_t side) {
-    LOG_BEGIN(SetGpsDbDataRsp, LAPI_SET_GPS_DB_DATA_RSP, LAPI_SET_GPS_DB_DATA_RSP_LEN,
-              "setGpsDbDataRsp", "S->C setGpsDbDataRsp ");
+    LOG_BEGIN(SetGpsDbDataRsp, LAPI_SET_GPS_DB_DATA_RSP);
     LOG_SERVER_PAIR(SetGpsDbDataRsp);
     LOG_INT(SetGpsDbDataRsp, result, "result: ", m.result);
     LOG_END();
@@ -618,62 +553,56 @@ int LAPI_LogSetGpsDbDataRsp(const uint8_t *pMsg, uint8_t side) {
         LOG_INT(GetStatusRsp, hwStatus, "hwStatus: ", m.hwStatus);                      \
         LOG_INT(GetStatusRsp, fixStatus, "fixStatus: ", m.fixStatus);                   \
         LOG_INT(GetStatusRsp, emergencyStatus, "emergencyStatus: ", m.emergencyStatus); \
-        AppendStr(&text, "fixResultStatus.status: ");                                   \
-        AppendInt(&text, m.fixResultStatus.status);                                     \
-        AppendStr(&text, ", ");                                                         \
-        AppendHex(&text, pMsg + offsetof(GetStatusRsp, fixResultStatus), 4, side);      \
-        AppendStr(&text, "fixResultStatus.cause: ");                                    \
-        AppendInt(&text, m.fixResultStatus.cause);                                      \
-        AppendStr(&text, ", ");                                                         \
-        AppendHex(&text, pMsg + offsetof(GetStatusRsp, fixResultStatus) + 4, 4, side);  \
+        text.Append("fixResultStatus.status: ");                                        \
+        text.AppendInt(m.fixResultStatus.status);                                       \
+        text.Append(", ");                                                              \
+        text.AppendHex(pMsg + offsetof(GetStatusRsp, fixResultStatus), 4, side);        \
+        text.Append("fixResultStatus.cause: ");                                         \
+        text.AppendInt(m.fixResultStatus.cause);                                        \
+        text.Append(", ");                                                              \
+        text.AppendHex(pMsg + offsetof(GetStatusRsp, fixResultStatus) + 4, 4, side);    \
     } while (0)
 
 int LAPI_LogGetStatusRsp(const uint8_t *pMsg, uint8_t side) {
-    LOG_BEGIN(GetStatusRsp, LAPI_GET_STATUS_RSP, LAPI_GET_STATUS_RSP_LEN, "getStatusRsp",
-              "S->C getStatusRsp ");
+    LOG_BEGIN(GetStatusRsp, LAPI_GET_STATUS_RSP);
     LOG_STATUS_FIELDS();
     LOG_END();
 }
 
 int LAPI_LogStatusChangeInd(const uint8_t *pMsg, uint8_t side) {
-    LOG_BEGIN(StatusChangeInd, LAPI_STATUS_CHANGE_IND, LAPI_STATUS_CHANGE_IND_LEN,
-              "statusChangeInd", "S->C statusChangeInd ");
+    LOG_BEGIN(StatusChangeInd, LAPI_STATUS_CHANGE_IND);
     LOG_STATUS_FIELDS();
     LOG_END();
 }
 
 int LAPI_LogLocationNotificationInd(const uint8_t *pMsg, uint8_t side) {
-    LOG_BEGIN(LocationNotificationInd, LAPI_LOCATION_NOTIFICATION_IND,
-              LAPI_LOCATION_NOTIFICATION_IND_LEN, "locationNotificationInd",
-              "S->C locationNotificationInd ");
+    LOG_BEGIN(LocationNotificationInd, LAPI_LOCATION_NOTIFICATION_IND);
     LOG_SERVER_PAIR(LocationNotificationInd);
     LOG_INT(LocationNotificationInd, notificationType, "notificationType: ", m.notificationType);
     LOG_INT(LocationNotificationInd, locationType, "locationType: ", m.locationType);
     LOG_INT(LocationNotificationInd, dataCodingSchema, "dataCodingSchema: ", m.dataCodingSchema);
-    AppendStr(&text, "nameLength: ");
-    AppendInt(&text, m.nameLength);
-    AppendStr(&text, ", clientName: ");
-    AppendHex(&text, pMsg + offsetof(LocationNotificationInd, clientName),
-              Min(m.nameLength, LAPI_CLIENT_NAME_LEN), side);
-    AppendStr(&text, "addrLength: ");
-    AppendInt(&text, m.addrLength);
-    AppendStr(&text, ", clientExternalAddr: ");
-    AppendHex(&text, pMsg + offsetof(LocationNotificationInd, clientExternalAddr),
-              Min(m.addrLength, LAPI_CLIENT_ADDR_LEN), side);
+    text.Append("nameLength: ");
+    text.AppendInt(m.nameLength);
+    text.Append(", clientName: ");
+    text.AppendHex(pMsg + offsetof(LocationNotificationInd, clientName),
+                   Min(m.nameLength, LAPI_CLIENT_NAME_LEN), side);
+    text.Append("addrLength: ");
+    text.AppendInt(m.addrLength);
+    text.Append(", clientExternalAddr: ");
+    text.AppendHex(pMsg + offsetof(LocationNotificationInd, clientExternalAddr),
+                   Min(m.addrLength, LAPI_CLIENT_ADDR_LEN), side);
     LOG_END();
 }
 
 int LAPI_LogNotificationStatusInd(const uint8_t *pMsg, uint8_t side) {
-    LOG_BEGIN(NotificationStatusInd, LAPI_NOTIFICATION_STATUS_IND, LAPI_NOTIFICATION_STATUS_IND_LEN,
-              "notificationStatusInd", "S->C notificationStatusInd ");
+    LOG_BEGIN(NotificationStatusInd, LAPI_NOTIFICATION_STATUS_IND);
     LOG_SERVER_PAIR(NotificationStatusInd);
     LOG_INT(NotificationStatusInd, cause, "cause: ", m.cause);
     LOG_END();
 }
 
 int LAPI_LogDistanceAzimuthRsp(const uint8_t *pMsg, uint8_t side) {
-    LOG_BEGIN(DistanceAzimuthRsp, LAPI_DISTANCE_AZIMUTH_RSP, LAPI_DISTANCE_AZIMUTH_RSP_LEN,
-              "distanceAzimuthRsp", "S->C distanceAzimuthRsp ");
+    LOG_BEGIN(DistanceAzimuthRsp, LAPI_DISTANCE_AZIMUTH_RSP);
     LOG_SERVER_PAIR(DistanceAzimuthRsp);
     LOG_DOUBLE(DistanceAzimuthRsp, distance);
     LOG_DOUBLE(DistanceAzimuthRsp, azimuth);
@@ -681,24 +610,21 @@ int LAPI_LogDistanceAzimuthRsp(const uint8_t *pMsg, uint8_t side) {
 }
 
 int LAPI_LogAddProximityRsp(const uint8_t *pMsg, uint8_t side) {
-    LOG_BEGIN(AddProximityRsp, LAPI_ADD_PROXIMITY_RSP, LAPI_ADD_PROXIMITY_RSP_LEN,
-              "addProximityRsp", "S->C addProximityRsp ");
+    LOG_BEGIN(AddProximityRsp, LAPI_ADD_PROXIMITY_RSP);
     LOG_SERVER_PAIR(AddProximityRsp);
     LOG_INT(AddProximityRsp, status, "status: ", m.status);
     LOG_END();
 }
 
 int LAPI_LogRemoveProximityRsp(const uint8_t *pMsg, uint8_t side) {
-    LOG_BEGIN(RemoveProximityRsp, LAPI_REMOVE_PROXIMITY_RSP, LAPI_REMOVE_PROXIMITY_RSP_LEN,
-              "removeProximityRsp", "S->C removeProximityRsp ");
+    LOG_BEGIN(RemoveProximityRsp, LAPI_REMOVE_PROXIMITY_RSP);
     LOG_SERVER_PAIR(RemoveProximityRsp);
     LOG_INT(RemoveProximityRsp, status, "status: ", m.status);
     LOG_END();
 }
 
 int LAPI_LogProximityHitInd(const uint8_t *pMsg, uint8_t side) {
-    LOG_BEGIN(ProximityHitInd, LAPI_PROXIMITY_HIT_IND, LAPI_PROXIMITY_HIT_IND_LEN,
-              "proximityHitInd", "S->C proximityHitInd ");
+    LOG_BEGIN(ProximityHitInd, LAPI_PROXIMITY_HIT_IND);
     LOG_SERVER_PAIR(ProximityHitInd);
     LOG_POSITION(ProximityHitInd);
     LOG_INT(ProximityHitInd, locationMethod, "locationMethod: ", m.locationMethod);
