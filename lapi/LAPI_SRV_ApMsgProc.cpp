@@ -29,6 +29,19 @@ namespace {
 constexpr int kHandshakeMsgSize = LAPI_MSG_HEADER_LEN + LAPI_REGISTER_REQ_LEN;
 static_assert(LAPI_REGISTER_REQ_LEN == LAPI_GET_ASYNC_FD_REQ_LEN);
 
+/* The two messages a new connection may start with. */
+struct Handshake {
+    uint16_t msgId;
+    const char *pWrongLenFmt; /* takes msgLen */
+    const char *pWhat;        /* "Receive %s message with more bytes than expected!" */
+    int (*proc)(uint8_t *pMsg, Fdops *pFdops);
+};
+constexpr Handshake kHandshakes[] = {
+    {LAPI_REGISTER_REQ, "Invalid register msgLen: %d!", "register", LAPI_SRV_ProcRegisterMsg},
+    {LAPI_GET_ASYNC_FD_REQ, "Invalid get async fd msgLen: %d!", "get async fd",
+     LAPI_SRV_ProcGetAsyncFdMsg},
+};
+
 MsgHeader ReadHeader(const uint8_t *pMsg) {
     MsgHeader h;
     memset(&h, 0, sizeof(h));
@@ -112,26 +125,27 @@ int LAPI_SRV_RunApMsgRow(const LAPI_SRV_ApMsgRow *pRow, uint8_t *pMsg, Fdops *pF
 /* Read procedures                                                           */
 /* ------------------------------------------------------------------------ */
 
-void LAPI_SRV_SockReadProcAfterConnect(Fdops *pFdops) {
-    if (!LAPI_SRV_READ_INTO_FDOPS(pFdops)) {
+/* A read procedure of a client connection: reads, then takes the complete
+ * messages; a refusal closes the connection. The lines name the read
+ * procedure (file, line, func). A successful unregisterReq has freed
+ * pFdops: it is touched afterwards only on failure, which never frees it. */
+static void ReadAndTakeMessages(Fdops *pFdops, int (*takeMessages)(Fdops *), const char *file,
+                                int line, const char *func) {
+    if (!LAPI_SRV_ReadIntoFdops(pFdops, file, line, func)) {
         return;
     }
-    if (LAPI_SRV_SockMsgProcAfterConnect(pFdops) < 0) {
-        LAPI_SRV_ERR("Fail to process message for pFdops!");
+    if (takeMessages(pFdops) < 0) {
+        LAPI_LogLine(1, 1, file, line, func, "Fail to process message for pFdops!");
         CallCloseProc(pFdops);
     }
 }
 
+void LAPI_SRV_SockReadProcAfterConnect(Fdops *pFdops) {
+    ReadAndTakeMessages(pFdops, LAPI_SRV_SockMsgProcAfterConnect, __FILE__, __LINE__, __func__);
+}
+
 void LAPI_SRV_SockReadProcAfterRegister(Fdops *pFdops) {
-    if (!LAPI_SRV_READ_INTO_FDOPS(pFdops)) {
-        return;
-    }
-    /* A successful unregisterReq has freed pFdops: touch it only on failure,
-     * which never frees it. */
-    if (LAPI_SRV_SockMsgProcAfterRegister(pFdops) < 0) {
-        LAPI_SRV_ERR("Fail to process message for pFdops!");
-        CallCloseProc(pFdops);
-    }
+    ReadAndTakeMessages(pFdops, LAPI_SRV_SockMsgProcAfterRegister, __FILE__, __LINE__, __func__);
 }
 
 void LAPI_SRV_SockReadProcNull(Fdops *pFdops) {
@@ -164,37 +178,28 @@ int LAPI_SRV_SockMsgProcAfterConnect(Fdops *pFdops) {
         return 0;
     }
     MsgHeader h = ReadHeader(pFdBuf->buf);
-    int ret;
-    if (h.msgId == LAPI_REGISTER_REQ) {
-        if (h.msgLen != LAPI_REGISTER_REQ_LEN) {
-            LAPI_SRV_ERR("Invalid register msgLen: %d!", h.msgLen);
-            return -1;
+    const Handshake *pStep = nullptr;
+    for (const Handshake &step : kHandshakes) {
+        if (step.msgId == h.msgId) {
+            pStep = &step;
         }
-        if (pFdBuf->idx < kHandshakeMsgSize) {
-            return 0;
-        }
-        if (pFdBuf->idx > kHandshakeMsgSize) {
-            LAPI_SRV_ERR("Receive register message with more bytes than expected!");
-            return -1;
-        }
-        ret = LAPI_SRV_ProcRegisterMsg(pFdBuf->buf, pFdops);
-    } else if (h.msgId == LAPI_GET_ASYNC_FD_REQ) {
-        if (h.msgLen != LAPI_GET_ASYNC_FD_REQ_LEN) {
-            LAPI_SRV_ERR("Invalid get async fd msgLen: %d!", h.msgLen);
-            return -1;
-        }
-        if (pFdBuf->idx < kHandshakeMsgSize) {
-            return 0;
-        }
-        if (pFdBuf->idx > kHandshakeMsgSize) {
-            LAPI_SRV_ERR("Receive get async fd message with more bytes than expected!");
-            return -1;
-        }
-        ret = LAPI_SRV_ProcGetAsyncFdMsg(pFdBuf->buf, pFdops);
-    } else {
+    }
+    if (pStep == nullptr) {
         LAPI_SRV_ERR("Not expected msgId: %d!", h.msgId);
         return -1;
     }
+    if (!LAPI_ApMsgLenFits(h.msgId, h.msgLen)) {
+        LAPI_SRV_ERR(pStep->pWrongLenFmt, h.msgLen);
+        return -1;
+    }
+    if (pFdBuf->idx < kHandshakeMsgSize) {
+        return 0;
+    }
+    if (pFdBuf->idx > kHandshakeMsgSize) {
+        LAPI_SRV_ERR("Receive %s message with more bytes than expected!", pStep->pWhat);
+        return -1;
+    }
+    int ret = pStep->proc(pFdBuf->buf, pFdops);
     /* The handshake handlers never free pFdops; a refusal is closed by the
      * read procedure afterwards. */
     pFdBuf->idx = 0;
@@ -247,17 +252,30 @@ int LAPI_SRV_SockMsgProcAfterRegister(Fdops *pFdops) {
 /* Handshake                                                                 */
 /* ------------------------------------------------------------------------ */
 
-int LAPI_SRV_ProcRegisterMsg(uint8_t *pMsg, Fdops *pFdops) {
+/* The start of both handshake handlers: the message's header in *pH, or
+ * false (after the handler's error line) when there is no message or the
+ * connection already belongs to a client. */
+static bool HandshakeOnFreshConnection(const uint8_t *pMsg, Fdops *pFdops, MsgHeader *pH, int line,
+                                       const char *func) {
     if (pMsg == nullptr || pFdops == nullptr) {
-        LAPI_SRV_ERR("Invalid pFdops!");
-        return -1;
+        LAPI_LogLine(1, 1, LAPI_LOG_FILE, line, func, "Invalid pFdops!");
+        return false;
     }
-    MsgHeader h = ReadHeader(pMsg);
-    int pid = static_cast<int>(h.pid);
+    *pH = ReadHeader(pMsg);
     if (LAPI_SRV_FdopsClient(pFdops) != nullptr) {
-        LAPI_SRV_ERR("pFdops->pFdInfo != NULL, pid is : %d!", pid);
+        LAPI_LogLine(1, 1, LAPI_LOG_FILE, line, func, "pFdops->pFdInfo != NULL, pid is : %d!",
+                     static_cast<int>(pH->pid));
+        return false;
+    }
+    return true;
+}
+
+int LAPI_SRV_ProcRegisterMsg(uint8_t *pMsg, Fdops *pFdops) {
+    MsgHeader h;
+    if (!HandshakeOnFreshConnection(pMsg, pFdops, &h, __LINE__, __func__)) {
         return -1;
     }
+    int pid = static_cast<int>(h.pid);
     /* Only the three low bits mean something; the others are cleared in
      * the message itself. */
     uint32_t service = ReadU32At(pMsg, offsetof(RegisterReq, service)) & LAPI_SERVICE_MASK;
@@ -292,16 +310,11 @@ int LAPI_SRV_ProcRegisterMsg(uint8_t *pMsg, Fdops *pFdops) {
 }
 
 int LAPI_SRV_ProcGetAsyncFdMsg(uint8_t *pMsg, Fdops *pFdops) {
-    if (pMsg == nullptr || pFdops == nullptr) {
-        LAPI_SRV_ERR("Invalid pFdops!");
+    MsgHeader h;
+    if (!HandshakeOnFreshConnection(pMsg, pFdops, &h, __LINE__, __func__)) {
         return -1;
     }
-    MsgHeader h = ReadHeader(pMsg);
     int pid = static_cast<int>(h.pid);
-    if (LAPI_SRV_FdopsClient(pFdops) != nullptr) {
-        LAPI_SRV_ERR("pFdops->pFdInfo != NULL, pid is : %d!", pid);
-        return -1;
-    }
     uint32_t globalId = ReadU32At(pMsg, offsetof(GetAsyncFdReq, globalId));
     Client *pClient = LAPI_SRV_GetClientByGlobalId(globalId);
     if (pClient == nullptr) {
