@@ -123,19 +123,37 @@ static Transaction *TakeAnsweredTran(const uint8_t *pMsg, uint16_t msgLen, int w
     return pTran;
 }
 
+/* Traces the answer, then takes its transaction as TakeAnsweredTran does. */
+static Transaction *TraceAndTakeAnsweredTran(uint8_t *pMsg, uint16_t msgLen, int wantSubCmd,
+                                             int wantSubCmd2, const char *pNotExpectedFmt,
+                                             const char *func) {
+    LAPI_LogBpMsg(pMsg, msgLen);
+    return TakeAnsweredTran(pMsg, msgLen, wantSubCmd, wantSubCmd2, pNotExpectedFmt, func);
+}
+
 static void SetHeader(MsgHeader *pHdr, uint16_t msgId, uint16_t msgLen) {
     pHdr->pid = 0;
     pHdr->msgId = msgId;
     pHdr->msgLen = msgLen;
 }
 
-/* A client answer of type T to the transaction: zeroed, with its header and
- * the client's own pair. */
-template <typename T>
-static T NewAnswer(uint16_t msgId, uint16_t msgLen, const Transaction *pTran) {
-    T answer;
-    memset(&answer, 0, sizeof(answer));
-    SetHeader(&answer.header, msgId, msgLen);
+/* A client message of type T: zeroed, with its header (the body length of
+ * its row). */
+template <typename T, uint16_t kMsgId>
+static T NewClientMsg() {
+    constexpr const LAPI_ApMsgLenRow *pRow = LAPI_ApMsgRowOf(kMsgId);
+    static_assert(pRow != nullptr && pRow->fromServer &&
+                  sizeof(T) == LAPI_MSG_HEADER_LEN + pRow->len);
+    T msg;
+    memset(&msg, 0, sizeof(msg));
+    SetHeader(&msg.header, kMsgId, pRow->len);
+    return msg;
+}
+
+/* A client answer of type T to the transaction, with the client's own pair. */
+template <typename T, uint16_t kMsgId>
+static T NewAnswer(const Transaction *pTran) {
+    T answer = NewClientMsg<T, kMsgId>();
     answer.sessionId = pTran->clientSid;
     answer.transactionId = pTran->clientTid;
     return answer;
@@ -149,6 +167,25 @@ static void AnswerAndFree(Transaction *pTran, const void *pAnswer, int len, cons
         BP_RSP_ERR(func, "%s", pFailText);
     }
     free(pTran);
+}
+
+/* The answer of a fixed layout to a request: traces the message, takes its
+ * transaction, builds the client's answer T (fill reads the body after the
+ * BpMsgHeader into it), sends it and frees the transaction. wantSubCmd2 is
+ * a second accepted kind of request, or -1. Every line names func. */
+template <typename T, uint16_t kMsgId, typename Fill>
+static void AnswerFixed(uint8_t *pMsg, uint16_t msgLen, int wantSubCmd, int wantSubCmd2,
+                        const char *pNotExpectedFmt, const char *pSendFail, const char *func,
+                        Fill fill) {
+    Transaction *pTran =
+        TraceAndTakeAnsweredTran(pMsg, msgLen, wantSubCmd, wantSubCmd2, pNotExpectedFmt, func);
+    if (pTran == nullptr) {
+        return;
+    }
+    T rsp = NewAnswer<T, kMsgId>(pTran);
+    LAPI_Reader r = BodyReader(pMsg, msgLen);
+    fill(&rsp, &r);
+    AnswerAndFree(pTran, &rsp, sizeof(rsp), pSendFail, func);
 }
 
 /* ------------------------------------------------------------------------ */
@@ -198,9 +235,8 @@ static void StorePosition(T *pRsp, const Position &pos) {
 }
 
 void LAPI_SRV_ProcBpGetLocationRspMsg(uint8_t *pMsg, uint16_t msgLen) {
-    LAPI_LogBpMsg(pMsg, msgLen);
     /* Last-known requests are answered with an ordinary location response. */
-    Transaction *pTran = TakeAnsweredTran(
+    Transaction *pTran = TraceAndTakeAnsweredTran(
         pMsg, msgLen, GEOLOCATION_APBP_REQ, LAST_KNOWN_GEOLOCATION_APBP_REQ,
         "Received getLocationRsp BP Msg not expected, sid: %d, tid: %d!", __func__);
     if (pTran == nullptr) {
@@ -208,8 +244,7 @@ void LAPI_SRV_ProcBpGetLocationRspMsg(uint8_t *pMsg, uint16_t msgLen) {
     }
 
     /* Zeroed: the NMEA area behind the data stays clear. */
-    GetLocationRsp rsp =
-        NewAnswer<GetLocationRsp>(LAPI_GET_LOCATION_RSP, LAPI_GET_LOCATION_RSP_LEN, pTran);
+    GetLocationRsp rsp = NewAnswer<GetLocationRsp, LAPI_GET_LOCATION_RSP>(pTran);
     uint8_t sid = 0;
     uint8_t tid = 0;
     LAPI_Reader r = BodyReader(pMsg, msgLen, &sid, &tid);
@@ -273,19 +308,11 @@ void LAPI_SRV_ProcBpGetLocationRspMsg(uint8_t *pMsg, uint16_t msgLen) {
 }
 
 void LAPI_SRV_ProcBpAbortLocationRspMsg(uint8_t *pMsg, uint16_t msgLen) {
-    LAPI_LogBpMsg(pMsg, msgLen);
-    Transaction *pTran = TakeAnsweredTran(
+    AnswerFixed<AbortLocationRsp, LAPI_ABORT_LOCATION_RSP>(
         pMsg, msgLen, GEOLOCATION_ABORT_APBP_REQ, -1,
-        "Received abortLocationRsp BP Msg not expected, sid: %d, tid: %d!", __func__);
-    if (pTran == nullptr) {
-        return;
-    }
-    AbortLocationRsp rsp =
-        NewAnswer<AbortLocationRsp>(LAPI_ABORT_LOCATION_RSP, LAPI_ABORT_LOCATION_RSP_LEN, pTran);
-    LAPI_Reader r = BodyReader(pMsg, msgLen);
-    rsp.result = NextI32(&r);
-    AnswerAndFree(pTran, &rsp, sizeof(rsp), "Fail to send abort location response to client!",
-                  __func__);
+        "Received abortLocationRsp BP Msg not expected, sid: %d, tid: %d!",
+        "Fail to send abort location response to client!", __func__,
+        [](AbortLocationRsp *pRsp, LAPI_Reader *pR) { pRsp->result = NextI32(pR); });
 }
 
 /* ------------------------------------------------------------------------ */
@@ -293,19 +320,11 @@ void LAPI_SRV_ProcBpAbortLocationRspMsg(uint8_t *pMsg, uint16_t msgLen) {
 /* ------------------------------------------------------------------------ */
 
 void LAPI_SRV_ProcBpSetGpsDbDataRspMsg(uint8_t *pMsg, uint16_t msgLen) {
-    LAPI_LogBpMsg(pMsg, msgLen);
-    Transaction *pTran = TakeAnsweredTran(
+    AnswerFixed<SetGpsDbDataRsp, LAPI_SET_GPS_DB_DATA_RSP>(
         pMsg, msgLen, DB_WRITE_APBP_REQ, -1,
-        "Received setGpsDbDataRsp BP Msg not expected, sid: %d, tid: %d!", __func__);
-    if (pTran == nullptr) {
-        return;
-    }
-    SetGpsDbDataRsp rsp =
-        NewAnswer<SetGpsDbDataRsp>(LAPI_SET_GPS_DB_DATA_RSP, LAPI_SET_GPS_DB_DATA_RSP_LEN, pTran);
-    LAPI_Reader r = BodyReader(pMsg, msgLen);
-    rsp.result = NextI32(&r);
-    AnswerAndFree(pTran, &rsp, sizeof(rsp), "Fail to send set location state response to client!",
-                  __func__);
+        "Received setGpsDbDataRsp BP Msg not expected, sid: %d, tid: %d!",
+        "Fail to send set location state response to client!", __func__,
+        [](SetGpsDbDataRsp *pRsp, LAPI_Reader *pR) { pRsp->result = NextI32(pR); });
 }
 
 /* The eight status fields of GET_STATUS_APBP_RES and STATUS_CHANGE_BPAP_IND. */
@@ -321,40 +340,26 @@ static void ReadStatus(GetStatusRsp *pRsp, LAPI_Reader *pR) {
 }
 
 void LAPI_SRV_ProcBpGetStatusRspMsg(uint8_t *pMsg, uint16_t msgLen) {
-    LAPI_LogBpMsg(pMsg, msgLen);
-    Transaction *pTran =
-        TakeAnsweredTran(pMsg, msgLen, GET_STATUS_APBP_REQ, -1,
-                         "Received getStatusRsp BP Msg not expected, sid: %d, tid: %d!", __func__);
-    if (pTran == nullptr) {
-        return;
-    }
-    GetStatusRsp rsp = NewAnswer<GetStatusRsp>(LAPI_GET_STATUS_RSP, LAPI_GET_STATUS_RSP_LEN, pTran);
-    LAPI_Reader r = BodyReader(pMsg, msgLen);
-    ReadStatus(&rsp, &r);
-    AnswerAndFree(pTran, &rsp, sizeof(rsp), "Fail to send get status response to client!",
-                  __func__);
+    AnswerFixed<GetStatusRsp, LAPI_GET_STATUS_RSP>(
+        pMsg, msgLen, GET_STATUS_APBP_REQ, -1,
+        "Received getStatusRsp BP Msg not expected, sid: %d, tid: %d!",
+        "Fail to send get status response to client!", __func__, ReadStatus);
 }
 
 void LAPI_SRV_ProcBpDistanceAzimuthRspMsg(uint8_t *pMsg, uint16_t msgLen) {
-    LAPI_LogBpMsg(pMsg, msgLen);
-    Transaction *pTran = TakeAnsweredTran(
+    AnswerFixed<DistanceAzimuthRsp, LAPI_DISTANCE_AZIMUTH_RSP>(
         pMsg, msgLen, DISTANCE_AND_AZIMUTH_APBP_REQ, -1,
-        "Received distanceAzimuthRsp BP Msg not expected, sid: %d, tid: %d!", __func__);
-    if (pTran == nullptr) {
-        return;
-    }
-    DistanceAzimuthRsp rsp = NewAnswer<DistanceAzimuthRsp>(LAPI_DISTANCE_AZIMUTH_RSP,
-                                                           LAPI_DISTANCE_AZIMUTH_RSP_LEN, pTran);
-    LAPI_Reader r = BodyReader(pMsg, msgLen);
-    /* Read into aligned doubles: the client message is packed. */
-    double distance = 0.0;
-    double azimuth = 0.0;
-    r.GetBpFixed(&distance);
-    r.GetBpFixed(&azimuth);
-    rsp.distance = distance;
-    rsp.azimuth = azimuth;
-    AnswerAndFree(pTran, &rsp, sizeof(rsp), "Fail to send distance azimuth response to client!",
-                  __func__);
+        "Received distanceAzimuthRsp BP Msg not expected, sid: %d, tid: %d!",
+        "Fail to send distance azimuth response to client!", __func__,
+        [](DistanceAzimuthRsp *pRsp, LAPI_Reader *pR) {
+            /* Read into aligned doubles: the client message is packed. */
+            double distance = 0.0;
+            double azimuth = 0.0;
+            pR->GetBpFixed(&distance);
+            pR->GetBpFixed(&azimuth);
+            pRsp->distance = distance;
+            pRsp->azimuth = azimuth;
+        });
 }
 
 /* ------------------------------------------------------------------------ */
@@ -418,8 +423,7 @@ void LAPI_SRV_ProcBpGetGpsDbDataRspMsg(uint8_t *pMsg, uint16_t msgLen) {
     if (pTran == nullptr) {
         return;
     }
-    GetGpsDbDataRsp rsp =
-        NewAnswer<GetGpsDbDataRsp>(LAPI_GET_GPS_DB_DATA_RSP, LAPI_GET_GPS_DB_DATA_RSP_LEN, pTran);
+    GetGpsDbDataRsp rsp = NewAnswer<GetGpsDbDataRsp, LAPI_GET_GPS_DB_DATA_RSP>(pTran);
     if (ParseGpsDbDataRsp(pMsg, msgLen, &rsp, __func__) != 0) {
         /* Nothing is sent: the client gets the timeout answer instead. */
         RelinkTran(pTran, kRelinkFail, __func__);
@@ -461,8 +465,7 @@ static void SendProximityRsp(Fdops *pFdops, uint16_t msgId, uint8_t sid, uint8_t
 }
 
 void LAPI_SRV_ProcBpAddProximityRspMsg(uint8_t *pMsg, uint16_t msgLen) {
-    LAPI_LogBpMsg(pMsg, msgLen);
-    Transaction *pTran = TakeAnsweredTran(
+    Transaction *pTran = TraceAndTakeAnsweredTran(
         pMsg, msgLen, PROXIMITY_ADD_APBP_REQ, -1,
         "Received addProximityRsp BP Msg not expected, sid: %d, tid: %d!", __func__);
     if (pTran == nullptr) {
@@ -516,8 +519,7 @@ static void RemoveAllProximityAnswered(uint8_t *pMsg) {
 }
 
 void LAPI_SRV_ProcBpRemoveProximityRspMsg(uint8_t *pMsg, uint16_t msgLen) {
-    LAPI_LogBpMsg(pMsg, msgLen);
-    Transaction *pTran = TakeAnsweredTran(
+    Transaction *pTran = TraceAndTakeAnsweredTran(
         pMsg, msgLen, PROXIMITY_REM_APBP_REQ, -1,
         "Received removeProximityRsp BP Msg not expected, sid: %d, tid: %d!", __func__);
     if (pTran == nullptr) {
@@ -553,24 +555,18 @@ void LAPI_SRV_ProcBpRemoveProximityRspMsg(uint8_t *pMsg, uint16_t msgLen) {
 }
 
 void LAPI_SRV_ProcBpProximityHitIndMsg(uint8_t *pMsg, uint16_t msgLen) {
-    LAPI_LogBpMsg(pMsg, msgLen);
-    Transaction *pTran = TakeAnsweredTran(
-        pMsg, msgLen, LAPI_SRV_PROXIMITY_ACTIVE, PROXIMITY_REM_APBP_REQ,
-        "Received proximityHitInd BP Msg not expected, sid: %d, tid: %d!", __func__);
-    if (pTran == nullptr) {
-        return;
-    }
-    ProximityHitInd ind =
-        NewAnswer<ProximityHitInd>(LAPI_PROXIMITY_HIT_IND, LAPI_PROXIMITY_HIT_IND_LEN, pTran);
-    LAPI_Reader r = BodyReader(pMsg, msgLen);
-    StorePosition(&ind, ReadPosition(&r));
-    ind.locationMethod = NextI32(&r);
-    uint64_t ageOfFix = 0;
-    r.GetBe64(&ageOfFix);
-    ind.ageOfFix = static_cast<uint32_t>(ageOfFix);
     /* An area reports one hit and is gone. */
-    AnswerAndFree(pTran, &ind, sizeof(ind), "Fail to send proximity hit indicator to client!",
-                  __func__);
+    AnswerFixed<ProximityHitInd, LAPI_PROXIMITY_HIT_IND>(
+        pMsg, msgLen, LAPI_SRV_PROXIMITY_ACTIVE, PROXIMITY_REM_APBP_REQ,
+        "Received proximityHitInd BP Msg not expected, sid: %d, tid: %d!",
+        "Fail to send proximity hit indicator to client!", __func__,
+        [](ProximityHitInd *pInd, LAPI_Reader *pR) {
+            StorePosition(pInd, ReadPosition(pR));
+            pInd->locationMethod = NextI32(pR);
+            uint64_t ageOfFix = 0;
+            pR->GetBe64(&ageOfFix);
+            pInd->ageOfFix = static_cast<uint32_t>(ageOfFix);
+        });
 }
 
 /* ------------------------------------------------------------------------ */
@@ -579,9 +575,7 @@ void LAPI_SRV_ProcBpProximityHitIndMsg(uint8_t *pMsg, uint16_t msgLen) {
 
 void LAPI_SRV_ProcBpStatusChangeIndMsg(uint8_t *pMsg, uint16_t msgLen) {
     LAPI_LogBpMsg(pMsg, msgLen);
-    StatusChangeInd ind;
-    memset(&ind, 0, sizeof(ind));
-    SetHeader(&ind.header, LAPI_STATUS_CHANGE_IND, LAPI_STATUS_CHANGE_IND_LEN);
+    StatusChangeInd ind = NewClientMsg<StatusChangeInd, LAPI_STATUS_CHANGE_IND>();
     LAPI_Reader r = BodyReader(pMsg, msgLen, &ind.sessionId, &ind.transactionId);
     ReadStatus(&ind, &r);
     if (LAPI_SRV_BroadcastMsgToStatusClient(&ind, sizeof(ind)) != 0) {
@@ -591,9 +585,7 @@ void LAPI_SRV_ProcBpStatusChangeIndMsg(uint8_t *pMsg, uint16_t msgLen) {
 
 void LAPI_SRV_ProcBpNotificationStatusIndMsg(uint8_t *pMsg, uint16_t msgLen) {
     LAPI_LogBpMsg(pMsg, msgLen);
-    NotificationStatusInd ind;
-    memset(&ind, 0, sizeof(ind));
-    SetHeader(&ind.header, LAPI_NOTIFICATION_STATUS_IND, LAPI_NOTIFICATION_STATUS_IND_LEN);
+    NotificationStatusInd ind = NewClientMsg<NotificationStatusInd, LAPI_NOTIFICATION_STATUS_IND>();
     LAPI_Reader r = BodyReader(pMsg, msgLen, &ind.sessionId, &ind.transactionId);
     ind.cause = NextI32(&r);
     if (LAPI_SRV_BroadcastMsgToMtlrClient(&ind, sizeof(ind)) != 0) {
@@ -657,9 +649,8 @@ static int ParseLocationNotificationInd(const uint8_t *pMsg, uint16_t msgLen,
 }
 
 void LAPI_SRV_ProcBpLocationNotificationIndMsg(uint8_t *pMsg, uint16_t msgLen) {
-    LocationNotificationInd ind;
-    memset(&ind, 0, sizeof(ind));
-    SetHeader(&ind.header, LAPI_LOCATION_NOTIFICATION_IND, LAPI_LOCATION_NOTIFICATION_IND_LEN);
+    LocationNotificationInd ind =
+        NewClientMsg<LocationNotificationInd, LAPI_LOCATION_NOTIFICATION_IND>();
     /* The BP's own pair: the MT-LR client answers with it. */
     BodyReader(pMsg, msgLen, &ind.sessionId, &ind.transactionId);
     if (ParseLocationNotificationInd(pMsg, msgLen, &ind, __func__) != 0) {
