@@ -296,10 +296,7 @@ int LAPI_SRV_ProcRegisterMsg(uint8_t *pMsg, Fdops *pFdops) {
         LAPI_SRV_ERR("Fail to create Client, pid is : %d!", pid);
         return -1;
     }
-    RegisterRsp rsp;
-    rsp.header.pid = 0;
-    rsp.header.msgId = LAPI_REGISTER_RSP;
-    rsp.header.msgLen = LAPI_REGISTER_RSP_LEN;
+    RegisterRsp rsp = LAPI_NewApMsg<RegisterRsp, LAPI_REGISTER_RSP>(0);
     rsp.globalId = pClient->globalId;
     if (LAPI_SRV_GeneralWrite(pClient->pSyncFdops, &rsp, sizeof(rsp)) < 0) {
         /* The client stays: closing this connection removes it. */

@@ -131,29 +131,10 @@ static Transaction *TraceAndTakeAnsweredTran(uint8_t *pMsg, uint16_t msgLen, int
     return TakeAnsweredTran(pMsg, msgLen, wantSubCmd, wantSubCmd2, pNotExpectedFmt, func);
 }
 
-static void SetHeader(MsgHeader *pHdr, uint16_t msgId, uint16_t msgLen) {
-    pHdr->pid = 0;
-    pHdr->msgId = msgId;
-    pHdr->msgLen = msgLen;
-}
-
-/* A client message of type T: zeroed, with its header (the body length of
- * its row). */
-template <typename T, uint16_t kMsgId>
-static T NewClientMsg() {
-    constexpr const LAPI_ApMsgLenRow *pRow = LAPI_ApMsgRowOf(kMsgId);
-    static_assert(pRow != nullptr && pRow->fromServer &&
-                  sizeof(T) == LAPI_MSG_HEADER_LEN + pRow->len);
-    T msg;
-    memset(&msg, 0, sizeof(msg));
-    SetHeader(&msg.header, kMsgId, pRow->len);
-    return msg;
-}
-
 /* A client answer of type T to the transaction, with the client's own pair. */
 template <typename T, uint16_t kMsgId>
 static T NewAnswer(const Transaction *pTran) {
-    T answer = NewClientMsg<T, kMsgId>();
+    T answer = LAPI_NewApMsg<T, kMsgId>(0);
     answer.sessionId = pTran->clientSid;
     answer.transactionId = pTran->clientTid;
     return answer;
@@ -450,12 +431,12 @@ static void MakeAreaActive(Transaction *pTran, const char *func) {
 
 /* A proximity answer for the client of a transaction that may already be
  * gone: the pair and descriptor are taken before. */
-static void SendProximityRsp(Fdops *pFdops, uint16_t msgId, uint8_t sid, uint8_t tid,
-                             int32_t status, const char *pSendFail, const char *func) {
-    AddProximityRsp rsp; /* removeProximityRsp has the same layout */
+template <uint16_t kMsgId>
+static void SendProximityRsp(Fdops *pFdops, uint8_t sid, uint8_t tid, int32_t status,
+                             const char *pSendFail, const char *func) {
+    /* removeProximityRsp has the same layout */
     static_assert(sizeof(AddProximityRsp) == sizeof(RemoveProximityRsp), "same layout");
-    memset(&rsp, 0, sizeof(rsp));
-    SetHeader(&rsp.header, msgId, LAPI_ADD_PROXIMITY_RSP_LEN);
+    AddProximityRsp rsp = LAPI_NewApMsg<AddProximityRsp, kMsgId>(0);
     rsp.sessionId = sid;
     rsp.transactionId = tid;
     rsp.status = status;
@@ -482,8 +463,9 @@ void LAPI_SRV_ProcBpAddProximityRspMsg(uint8_t *pMsg, uint16_t msgLen) {
     } else {
         free(pTran);
     }
-    SendProximityRsp(pFdops, LAPI_ADD_PROXIMITY_RSP, clientSid, clientTid, status,
-                     "Fail to send add proximity response to client!", __func__);
+    SendProximityRsp<LAPI_ADD_PROXIMITY_RSP>(pFdops, clientSid, clientTid, status,
+                                             "Fail to send add proximity response to client!",
+                                             __func__);
 }
 
 /* Answers every proximity area of every client after a successful remove-all
@@ -509,8 +491,9 @@ static void RemoveAllProximityAnswered(uint8_t *pMsg) {
         LAPI_SRV_UnlinkTran(pTran);
         free(pTran);
         LAPI_SRV_tranListChanged = 0;
-        SendProximityRsp(pFdops, LAPI_REMOVE_PROXIMITY_RSP, clientSid, clientTid, status,
-                         "Fail to send remove proximity response to client!", __func__);
+        SendProximityRsp<LAPI_REMOVE_PROXIMITY_RSP>(
+            pFdops, clientSid, clientTid, status,
+            "Fail to send remove proximity response to client!", __func__);
         if (LAPI_SRV_tranListChanged) {
             /* The send removed a client with its transactions. */
             pPos = List_GetHeadPos(&LAPI_SRV_tranList);
@@ -550,8 +533,9 @@ void LAPI_SRV_ProcBpRemoveProximityRspMsg(uint8_t *pMsg, uint16_t msgLen) {
     } else {
         free(pTran);
     }
-    SendProximityRsp(pFdops, LAPI_REMOVE_PROXIMITY_RSP, clientSid, clientTid, status,
-                     "Fail to send remove proximity response to client!", __func__);
+    SendProximityRsp<LAPI_REMOVE_PROXIMITY_RSP>(pFdops, clientSid, clientTid, status,
+                                                "Fail to send remove proximity response to client!",
+                                                __func__);
 }
 
 void LAPI_SRV_ProcBpProximityHitIndMsg(uint8_t *pMsg, uint16_t msgLen) {
@@ -575,7 +559,7 @@ void LAPI_SRV_ProcBpProximityHitIndMsg(uint8_t *pMsg, uint16_t msgLen) {
 
 void LAPI_SRV_ProcBpStatusChangeIndMsg(uint8_t *pMsg, uint16_t msgLen) {
     LAPI_LogBpMsg(pMsg, msgLen);
-    StatusChangeInd ind = NewClientMsg<StatusChangeInd, LAPI_STATUS_CHANGE_IND>();
+    StatusChangeInd ind = LAPI_NewApMsg<StatusChangeInd, LAPI_STATUS_CHANGE_IND>(0);
     LAPI_Reader r = BodyReader(pMsg, msgLen, &ind.sessionId, &ind.transactionId);
     ReadStatus(&ind, &r);
     if (LAPI_SRV_BroadcastMsgToStatusClient(&ind, sizeof(ind)) != 0) {
@@ -585,7 +569,8 @@ void LAPI_SRV_ProcBpStatusChangeIndMsg(uint8_t *pMsg, uint16_t msgLen) {
 
 void LAPI_SRV_ProcBpNotificationStatusIndMsg(uint8_t *pMsg, uint16_t msgLen) {
     LAPI_LogBpMsg(pMsg, msgLen);
-    NotificationStatusInd ind = NewClientMsg<NotificationStatusInd, LAPI_NOTIFICATION_STATUS_IND>();
+    NotificationStatusInd ind =
+        LAPI_NewApMsg<NotificationStatusInd, LAPI_NOTIFICATION_STATUS_IND>(0);
     LAPI_Reader r = BodyReader(pMsg, msgLen, &ind.sessionId, &ind.transactionId);
     ind.cause = NextI32(&r);
     if (LAPI_SRV_BroadcastMsgToMtlrClient(&ind, sizeof(ind)) != 0) {
@@ -650,7 +635,7 @@ static int ParseLocationNotificationInd(const uint8_t *pMsg, uint16_t msgLen,
 
 void LAPI_SRV_ProcBpLocationNotificationIndMsg(uint8_t *pMsg, uint16_t msgLen) {
     LocationNotificationInd ind =
-        NewClientMsg<LocationNotificationInd, LAPI_LOCATION_NOTIFICATION_IND>();
+        LAPI_NewApMsg<LocationNotificationInd, LAPI_LOCATION_NOTIFICATION_IND>(0);
     /* The BP's own pair: the MT-LR client answers with it. */
     BodyReader(pMsg, msgLen, &ind.sessionId, &ind.transactionId);
     if (ParseLocationNotificationInd(pMsg, msgLen, &ind, __func__) != 0) {

@@ -11,6 +11,7 @@
 
 #include <stddef.h>
 #include <stdint.h>
+#include <string.h>
 
 #include "LAPI_Msg.h"
 
@@ -121,6 +122,22 @@ constexpr const LAPI_ApMsgLenRow *LAPI_ApMsgRowOf(int msgId) {
 constexpr bool LAPI_ApMsgLenFits(int msgId, unsigned msgLen) {
     const LAPI_ApMsgLenRow *pRow = LAPI_ApMsgRowOf(msgId);
     return pRow != nullptr && LAPI_LenFits(pRow->lenRule, pRow->len, msgLen);
+}
+
+/* A zeroed message of type T with its header filled in: identifier kMsgId,
+ * the body length of its row, and pid (0 in what the server sends). */
+template <typename T, uint16_t kMsgId>
+T LAPI_NewApMsg(uint32_t pid) {
+    constexpr const LAPI_ApMsgLenRow *pRow = LAPI_ApMsgRowOf(kMsgId);
+    static_assert(pRow != nullptr && pRow->lenRule == LAPI_LEN_EXACT &&
+                      sizeof(T) == LAPI_MSG_HEADER_LEN + pRow->len,
+                  "a message of its row's length");
+    T msg;
+    memset(&msg, 0, sizeof(msg));
+    msg.header.pid = pid;
+    msg.header.msgId = kMsgId;
+    msg.header.msgLen = pRow->len;
+    return msg;
 }
 
 namespace lapi_rows_detail {

@@ -307,16 +307,8 @@ int WaitHandshakeAnswer(lapi_client *pClient, int idx, uint16_t msgId, lapi_msg 
  * length is the one of its row. */
 template <typename Msg, uint16_t kMsgId>
 Msg NewMessage(const lapi_client *pClient) {
-    constexpr const LAPI_ApMsgLenRow *pRow = LAPI_ApMsgRowOf(kMsgId);
-    static_assert(pRow != nullptr && !pRow->fromServer && pRow->lenRule == LAPI_LEN_EXACT &&
-                      sizeof(Msg) == LAPI_MSG_HEADER_LEN + pRow->len,
-                  "a client message of the row's length");
-    Msg msg;
-    memset(&msg, 0, sizeof(msg));
-    msg.header.pid = pClient->pid;
-    msg.header.msgId = kMsgId;
-    msg.header.msgLen = pRow->len;
-    return msg;
+    static_assert(!LAPI_ApMsgRowOf(kMsgId)->fromServer, "a message of the client");
+    return LAPI_NewApMsg<Msg, kMsgId>(pClient->pid);
 }
 
 /* Checks shared by every request. */
