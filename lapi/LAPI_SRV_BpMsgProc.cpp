@@ -14,7 +14,10 @@
 #include <string.h>
 #include <unistd.h>
 
+#include <array>
+#include <iterator>
 #include <string>
+#include <utility>
 
 #include "LAPI_BpMsg.h"
 #include "LAPI_Log.h"
@@ -579,12 +582,6 @@ void LAPI_LogBpMsg(const void *pMsg, int length) {
 /* The loggers of the trace table, reached only through it. */
 namespace {
 
-void LAPI_LogBpGetLocationReq(const uint8_t *pMsg, int length) {
-    LogFixedMsg(pMsg, length, GEOLOCATION_APBP_REQ,
-                "AP->BP bpGetLocationReq (GEOLOCATION_APBP_REQ) ", BP_FIELDS(kGetLocationReqFields),
-                __func__);
-}
-
 void LAPI_LogBpGetLocationRsp(const uint8_t *pMsg, int length) {
     BpLogLine line;
     BpLogCursor cur;
@@ -619,53 +616,6 @@ void LAPI_LogBpGetLocationRsp(const uint8_t *pMsg, int length) {
     BP_LOG_LINE(__func__, line);
 }
 
-void LAPI_LogBpAbortLocationReq(const uint8_t *pMsg, int length) {
-    LogFixedMsg(pMsg, length, GEOLOCATION_ABORT_APBP_REQ,
-                "AP->BP bpAbortLocationReq (GEOLOCATION_ABORT_APBP_REQ) ", nullptr, 0, __func__);
-}
-
-void LAPI_LogBpAbortLocationRsp(const uint8_t *pMsg, int length) {
-    LogFixedMsg(pMsg, length, GEOLOCATION_ABORT_APBP_RES,
-                "BP->AP bpAbortLocationRsp (GEOLOCATION_ABORT_APBP_RES) ", BP_FIELDS(kResultFields),
-                __func__);
-}
-
-void LAPI_LogBpSetGpsDbDataReq(const uint8_t *pMsg, int length) {
-    LogDbFilesMsg(pMsg, length, DB_WRITE_APBP_REQ, "AP->BP bpSetGpsDbDataReq (DB_WRITE_APBP_REQ) ",
-                  __func__);
-}
-
-void LAPI_LogBpSetGpsDbDataRsp(const uint8_t *pMsg, int length) {
-    LogFixedMsg(pMsg, length, DB_WRITE_APBP_RES, "BP->AP bpSetGpsDbDataRsp (DB_WRITE_APBP_RES) ",
-                BP_FIELDS(kResultFields), __func__);
-}
-
-void LAPI_LogBpGetGpsDbDataReq(const uint8_t *pMsg, int length) {
-    LogFixedMsg(pMsg, length, DB_READ_APBP_REQ, "AP->BP bpGetGpsDbDataReq (DB_READ_APBP_REQ) ",
-                BP_FIELDS(kFileIdFields), __func__);
-}
-
-void LAPI_LogBpGetGpsDbDataRsp(const uint8_t *pMsg, int length) {
-    LogDbFilesMsg(pMsg, length, DB_READ_APBP_RES, "BP->AP bpGetGpsDbDataRsp (DB_READ_APBP_RES) ",
-                  __func__);
-}
-
-void LAPI_LogBpStatusChangeInd(const uint8_t *pMsg, int length) {
-    LogFixedMsg(pMsg, length, STATUS_CHANGE_BPAP_IND,
-                "BP->AP bpStatusChangeInd (STATUS_CHANGE_BPAP_IND) ", BP_FIELDS(kStatusFields),
-                __func__);
-}
-
-void LAPI_LogBpGetStatusReq(const uint8_t *pMsg, int length) {
-    LogFixedMsg(pMsg, length, GET_STATUS_APBP_REQ, "AP->BP bpGetStatusReq (GET_STATUS_APBP_REQ) ",
-                nullptr, 0, __func__);
-}
-
-void LAPI_LogBpGetStatusRsp(const uint8_t *pMsg, int length) {
-    LogFixedMsg(pMsg, length, GET_STATUS_APBP_RES, "BP->AP bpGetStatusRsp (GET_STATUS_APBP_RES) ",
-                BP_FIELDS(kStatusFields), __func__);
-}
-
 void LAPI_LogBpLocationNotificationInd(const uint8_t *pMsg, int length) {
     BpLogLine line;
     BpLogCursor cur;
@@ -691,60 +641,6 @@ void LAPI_LogBpLocationNotificationInd(const uint8_t *pMsg, int length) {
     BP_LOG_LINE(__func__, line);
 }
 
-void LAPI_LogBpLocationNotificationRsp(const uint8_t *pMsg, int length) {
-    LogFixedMsg(pMsg, length, LOCATION_NOTIFICATION_APBP_RES,
-                "AP->BP bpLocationNotificationRsp (LOCATION_NOTIFICATION_APBP_RES) ",
-                BP_FIELDS(kResponseTypeFields), __func__);
-}
-
-void LAPI_LogBpNotificationStatusInd(const uint8_t *pMsg, int length) {
-    LogFixedMsg(pMsg, length, NOTIFICATION_STATUS_BPAP_IND,
-                "BP->AP bpNotificationStatusInd (NOTIFICATION_STATUS_BPAP_IND) ",
-                BP_FIELDS(kCauseFields), __func__);
-}
-
-void LAPI_LogBpLastKnownLocationReq(const uint8_t *pMsg, int length) {
-    LogFixedMsg(pMsg, length, LAST_KNOWN_GEOLOCATION_APBP_REQ,
-                "AP->BP bpLastKnownLocationReq (LAST_KNOWN_GEOLOCATION_APBP_REQ) ", nullptr, 0,
-                __func__);
-}
-
-void LAPI_LogBpDistanceAzimuthReq(const uint8_t *pMsg, int length) {
-    LogFixedMsg(pMsg, length, DISTANCE_AND_AZIMUTH_APBP_REQ,
-                "AP->BP bpDistanceAzimuthReq (DISTANCE_AND_AZIMUTH_APBP_REQ) ",
-                BP_FIELDS(kDistanceAzimuthReqFields), __func__);
-}
-
-void LAPI_LogBpDistanceAzimuthRsp(const uint8_t *pMsg, int length) {
-    LogFixedMsg(pMsg, length, DISTANCE_AND_AZIMUTH_APBP_RES,
-                "BP->AP bpDistanceAzimuthRsp (DISTANCE_AND_AZIMUTH_APBP_RES) ",
-                BP_FIELDS(kDistanceAzimuthRspFields), __func__);
-}
-
-void LAPI_LogBpAddProximityReq(const uint8_t *pMsg, int length) {
-    LogFixedMsg(pMsg, length, PROXIMITY_ADD_APBP_REQ,
-                "AP->BP bpAddProximityReq (PROXIMITY_ADD_APBP_REQ) ",
-                BP_FIELDS(kAddProximityReqFields), __func__);
-}
-
-void LAPI_LogBpAddProximityRsp(const uint8_t *pMsg, int length) {
-    LogFixedMsg(pMsg, length, PROXIMITY_ADD_APBP_RES,
-                "BP->AP bpAddProximityRsp (PROXIMITY_ADD_APBP_RES) ", BP_FIELDS(kStatusOnlyFields),
-                __func__);
-}
-
-void LAPI_LogBpRemoveProximityReq(const uint8_t *pMsg, int length) {
-    LogFixedMsg(pMsg, length, PROXIMITY_REM_APBP_REQ,
-                "AP->BP bpRemoveProximityReq (PROXIMITY_REM_APBP_REQ) ",
-                BP_FIELDS(kRemoveTypeFields), __func__);
-}
-
-void LAPI_LogBpRemoveProximityRsp(const uint8_t *pMsg, int length) {
-    LogFixedMsg(pMsg, length, PROXIMITY_REM_APBP_RES,
-                "BP->AP bpRemoveProximityRsp (PROXIMITY_REM_APBP_RES) ",
-                BP_FIELDS(kStatusOnlyFields), __func__);
-}
-
 void LAPI_LogBpProximityHitInd(const uint8_t *pMsg, int length) {
     BpLogLine line;
     BpLogCursor cur;
@@ -758,6 +654,79 @@ void LAPI_LogBpProximityHitInd(const uint8_t *pMsg, int length) {
     BP_LOG_LINE(__func__, line);
 }
 
+/* The messages whose trace is their header and fixed fields (or, for the
+ * two assistance-data messages, the file list), one row each; the loggers
+ * of the table are made from the rows and carry the names in them. */
+struct BpTraceRow {
+    uint8_t subCmdId;
+    const char *title;
+    const BpLogField *pFields;
+    size_t count;
+    const char *func; /* the logger's name on its lines */
+    bool dbFiles;     /* numFiles and the files instead of fields */
+};
+
+constexpr BpTraceRow kBpTraceRows[] = {
+    {GEOLOCATION_APBP_REQ, "AP->BP bpGetLocationReq (GEOLOCATION_APBP_REQ) ",
+     BP_FIELDS(kGetLocationReqFields), "LAPI_LogBpGetLocationReq", false},
+    {GEOLOCATION_ABORT_APBP_REQ, "AP->BP bpAbortLocationReq (GEOLOCATION_ABORT_APBP_REQ) ", nullptr,
+     0, "LAPI_LogBpAbortLocationReq", false},
+    {GEOLOCATION_ABORT_APBP_RES, "BP->AP bpAbortLocationRsp (GEOLOCATION_ABORT_APBP_RES) ",
+     BP_FIELDS(kResultFields), "LAPI_LogBpAbortLocationRsp", false},
+    {DB_WRITE_APBP_REQ, "AP->BP bpSetGpsDbDataReq (DB_WRITE_APBP_REQ) ", nullptr, 0,
+     "LAPI_LogBpSetGpsDbDataReq", true},
+    {DB_WRITE_APBP_RES, "BP->AP bpSetGpsDbDataRsp (DB_WRITE_APBP_RES) ", BP_FIELDS(kResultFields),
+     "LAPI_LogBpSetGpsDbDataRsp", false},
+    {DB_READ_APBP_REQ, "AP->BP bpGetGpsDbDataReq (DB_READ_APBP_REQ) ", BP_FIELDS(kFileIdFields),
+     "LAPI_LogBpGetGpsDbDataReq", false},
+    {DB_READ_APBP_RES, "BP->AP bpGetGpsDbDataRsp (DB_READ_APBP_RES) ", nullptr, 0,
+     "LAPI_LogBpGetGpsDbDataRsp", true},
+    {STATUS_CHANGE_BPAP_IND, "BP->AP bpStatusChangeInd (STATUS_CHANGE_BPAP_IND) ",
+     BP_FIELDS(kStatusFields), "LAPI_LogBpStatusChangeInd", false},
+    {GET_STATUS_APBP_REQ, "AP->BP bpGetStatusReq (GET_STATUS_APBP_REQ) ", nullptr, 0,
+     "LAPI_LogBpGetStatusReq", false},
+    {GET_STATUS_APBP_RES, "BP->AP bpGetStatusRsp (GET_STATUS_APBP_RES) ", BP_FIELDS(kStatusFields),
+     "LAPI_LogBpGetStatusRsp", false},
+    {LOCATION_NOTIFICATION_APBP_RES,
+     "AP->BP bpLocationNotificationRsp (LOCATION_NOTIFICATION_APBP_RES) ",
+     BP_FIELDS(kResponseTypeFields), "LAPI_LogBpLocationNotificationRsp", false},
+    {NOTIFICATION_STATUS_BPAP_IND, "BP->AP bpNotificationStatusInd (NOTIFICATION_STATUS_BPAP_IND) ",
+     BP_FIELDS(kCauseFields), "LAPI_LogBpNotificationStatusInd", false},
+    {LAST_KNOWN_GEOLOCATION_APBP_REQ,
+     "AP->BP bpLastKnownLocationReq (LAST_KNOWN_GEOLOCATION_APBP_REQ) ", nullptr, 0,
+     "LAPI_LogBpLastKnownLocationReq", false},
+    {DISTANCE_AND_AZIMUTH_APBP_REQ, "AP->BP bpDistanceAzimuthReq (DISTANCE_AND_AZIMUTH_APBP_REQ) ",
+     BP_FIELDS(kDistanceAzimuthReqFields), "LAPI_LogBpDistanceAzimuthReq", false},
+    {DISTANCE_AND_AZIMUTH_APBP_RES, "BP->AP bpDistanceAzimuthRsp (DISTANCE_AND_AZIMUTH_APBP_RES) ",
+     BP_FIELDS(kDistanceAzimuthRspFields), "LAPI_LogBpDistanceAzimuthRsp", false},
+    {PROXIMITY_ADD_APBP_REQ, "AP->BP bpAddProximityReq (PROXIMITY_ADD_APBP_REQ) ",
+     BP_FIELDS(kAddProximityReqFields), "LAPI_LogBpAddProximityReq", false},
+    {PROXIMITY_ADD_APBP_RES, "BP->AP bpAddProximityRsp (PROXIMITY_ADD_APBP_RES) ",
+     BP_FIELDS(kStatusOnlyFields), "LAPI_LogBpAddProximityRsp", false},
+    {PROXIMITY_REM_APBP_REQ, "AP->BP bpRemoveProximityReq (PROXIMITY_REM_APBP_REQ) ",
+     BP_FIELDS(kRemoveTypeFields), "LAPI_LogBpRemoveProximityReq", false},
+    {PROXIMITY_REM_APBP_RES, "BP->AP bpRemoveProximityRsp (PROXIMITY_REM_APBP_RES) ",
+     BP_FIELDS(kStatusOnlyFields), "LAPI_LogBpRemoveProximityRsp", false},
+};
+
+template <size_t I>
+void LogBpTraceRow(const uint8_t *pMsg, int length) {
+    const BpTraceRow &row = kBpTraceRows[I];
+    if (row.dbFiles) {
+        LogDbFilesMsg(pMsg, length, row.subCmdId, row.title, row.func);
+    } else {
+        LogFixedMsg(pMsg, length, row.subCmdId, row.title, row.pFields, row.count, row.func);
+    }
+}
+
+template <size_t... I>
+constexpr std::array<BpMsgLogProc, sizeof...(I)> BpTraceRowLoggers(std::index_sequence<I...>) {
+    return {LogBpTraceRow<I>...};
+}
+
+constexpr auto kBpTraceRowLoggers =
+    BpTraceRowLoggers(std::make_index_sequence<std::size(kBpTraceRows)>());
+
 }  // namespace
 
 BpMsgLogProc LAPI_SRV_GetBpMsgLogProc(uint8_t subCmdId) {
@@ -766,26 +735,10 @@ BpMsgLogProc LAPI_SRV_GetBpMsgLogProc(uint8_t subCmdId) {
 
 void LAPI_SRV_InitBpMsgLogProc(void) {
     memset(bpMsgLogProc, 0, sizeof(bpMsgLogProc));
-    bpMsgLogProc[GEOLOCATION_APBP_REQ] = LAPI_LogBpGetLocationReq;
+    for (size_t i = 0; i < std::size(kBpTraceRows); ++i) {
+        bpMsgLogProc[kBpTraceRows[i].subCmdId] = kBpTraceRowLoggers[i];
+    }
     bpMsgLogProc[GEOLOCATION_APBP_RES] = LAPI_LogBpGetLocationRsp;
-    bpMsgLogProc[GEOLOCATION_ABORT_APBP_REQ] = LAPI_LogBpAbortLocationReq;
-    bpMsgLogProc[GEOLOCATION_ABORT_APBP_RES] = LAPI_LogBpAbortLocationRsp;
-    bpMsgLogProc[DB_WRITE_APBP_REQ] = LAPI_LogBpSetGpsDbDataReq;
-    bpMsgLogProc[DB_WRITE_APBP_RES] = LAPI_LogBpSetGpsDbDataRsp;
-    bpMsgLogProc[DB_READ_APBP_REQ] = LAPI_LogBpGetGpsDbDataReq;
-    bpMsgLogProc[DB_READ_APBP_RES] = LAPI_LogBpGetGpsDbDataRsp;
-    bpMsgLogProc[STATUS_CHANGE_BPAP_IND] = LAPI_LogBpStatusChangeInd;
-    bpMsgLogProc[GET_STATUS_APBP_REQ] = LAPI_LogBpGetStatusReq;
-    bpMsgLogProc[GET_STATUS_APBP_RES] = LAPI_LogBpGetStatusRsp;
     bpMsgLogProc[LOCATION_NOTIFICATION_BPAP_IND] = LAPI_LogBpLocationNotificationInd;
-    bpMsgLogProc[LOCATION_NOTIFICATION_APBP_RES] = LAPI_LogBpLocationNotificationRsp;
-    bpMsgLogProc[NOTIFICATION_STATUS_BPAP_IND] = LAPI_LogBpNotificationStatusInd;
-    bpMsgLogProc[LAST_KNOWN_GEOLOCATION_APBP_REQ] = LAPI_LogBpLastKnownLocationReq;
-    bpMsgLogProc[DISTANCE_AND_AZIMUTH_APBP_REQ] = LAPI_LogBpDistanceAzimuthReq;
-    bpMsgLogProc[DISTANCE_AND_AZIMUTH_APBP_RES] = LAPI_LogBpDistanceAzimuthRsp;
-    bpMsgLogProc[PROXIMITY_ADD_APBP_REQ] = LAPI_LogBpAddProximityReq;
-    bpMsgLogProc[PROXIMITY_ADD_APBP_RES] = LAPI_LogBpAddProximityRsp;
-    bpMsgLogProc[PROXIMITY_REM_APBP_REQ] = LAPI_LogBpRemoveProximityReq;
-    bpMsgLogProc[PROXIMITY_REM_APBP_RES] = LAPI_LogBpRemoveProximityRsp;
     bpMsgLogProc[PROXIMITY_HIT_APBP_IND] = LAPI_LogBpProximityHitInd;
 }
