@@ -426,10 +426,8 @@ int LAPI_SRV_ProcSetGpsDbDataMsg(uint8_t *pMsg, Fdops *pFdops) {
         size_t data = entry + offsetof(DbFile, data);
         uint8_t *pOut = nullptr;
         if (length > 0 && w.Reserve(length, &pOut) == 0) {
-            const uint8_t *pIn = nullptr;
-            if (data < msgSize && ReaderAt(padded, data).GetSpan(&pIn, length) == 0) {
-                LAPI_SRV_ByteOrderHostToNet(pOut, pIn, length);
-            } else {
+            /* Host order to one big-endian number: the bytes reversed. */
+            if (data >= msgSize || ReaderAt(padded, data).GetReversed(pOut, length) != 0) {
                 memset(pOut, 0, length);
             }
         }

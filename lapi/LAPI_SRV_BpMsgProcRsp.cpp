@@ -379,13 +379,11 @@ static int ParseGpsDbDataRsp(const uint8_t *pMsg, uint16_t msgLen, GetGpsDbDataR
             BP_RSP_ERR(func, "pRsp->dbFile[%d].length: %d is invalid!", i, length);
             return -1;
         }
-        const uint8_t *pData = nullptr;
-        if (r.GetSpan(&pData, length) != 0) {
+        /* The data is one big-endian number of `length` bytes. */
+        if (r.GetReversed(file.data, length) != 0) {
             BP_RSP_ERR(func, "LAPI_SRV_IncreasePtrAndCheck() Error 2!");
             return -1;
         }
-        /* The data is one big-endian number of `length` bytes. */
-        LAPI_SRV_ByteOrderNetToHost(file.data, pData, length);
         memcpy(&pRsp->dbFile[i], &file, sizeof(file));
     }
     int32_t result = 0;
