@@ -15,6 +15,8 @@
 #include "LAPI_TraceText.h"
 
 #include <atomic>
+#include <iterator>
+#include <type_traits>
 
 #include <stddef.h>
 #include <stdio.h>
@@ -164,57 +166,185 @@ int Min(int a, int b) {
 
 }  // namespace
 
-/* Copies the message into a record of its type, checks it against the
- * message's row and starts the line. Used at the top of every trace
- * procedure. */
-#define LOG_BEGIN(Type, msgIdValue)                                                        \
-    static_assert(LAPI_ApMsgRowOf(msgIdValue) != nullptr &&                                \
-                  sizeof(Type) == LAPI_MSG_HEADER_LEN + LAPI_ApMsgRowOf(msgIdValue)->len); \
-    const LAPI_ApMsgLenRow &row = *LAPI_ApMsgRowOf(msgIdValue);                            \
-    Type m;                                                                                \
-    memcpy(&m, pMsg, sizeof(m));                                                           \
-    if (CheckMsg(m.header, row, side, __func__, __LINE__) < 0) {                           \
-        return -1;                                                                         \
-    }                                                                                      \
-    LogText text;                                                                          \
-    Begin(&text, row, m.header, side)
+namespace {
 
-/* A field: its label, its value (appended by appendValue: "%d", "%u" or
- * "%.30e"), ", ", then its raw bytes in hex. */
-#define LOG_FIELD_BY(Type, member, label, appendValue)                                        \
-    do {                                                                                      \
-        text.Append(label);                                                                   \
-        appendValue;                                                                          \
-        text.Append(", ");                                                                    \
-        text.AppendHex(pMsg + offsetof(Type, member), static_cast<int>(sizeof(Type::member)), \
-                       side);                                                                 \
-    } while (0)
+/* How a traced field shows its value. */
+enum class FieldKind : uint8_t {
+    kInt,       /* "%d" */
+    kUInt,      /* "%u" */
+    kDouble,    /* "%.30e" */
+    kReqPrefix, /* "mode: %d, sessionId: %d, transactionId: %d, " */
+    kPair,      /* "sessionId: %d, transactionId: %d, " */
+    kDbFiles,   /* the used file entries, counted by the field at countOffset */
+};
 
-#define LOG_INT(Type, member, label, value) \
-    LOG_FIELD_BY(Type, member, label, text.AppendInt(static_cast<int>(value)))
-#define LOG_UINT(Type, member, label, value) \
-    LOG_FIELD_BY(Type, member, label, text.AppendUInt(static_cast<unsigned>(value)))
-#define LOG_DOUBLE(Type, member) \
-    LOG_FIELD_BY(Type, member, #member ": ", AppendDouble(&text, m.member))
+/* One traced field: its label, its value, ", ", then its raw bytes in hex
+ * (the prefix and the pair: their four and two bytes). */
+struct TraceField {
+    FieldKind kind;
+    const char *label;
+    uint16_t labelLen;
+    uint16_t offset; /* in the whole message */
+    uint8_t width;
+    bool isSigned;
+    uint16_t countOffset; /* kDbFiles: where numFiles is */
+};
 
-/* "sessionId: %d, transactionId: %d, " with the two bytes in hex. */
-#define LOG_SERVER_PAIR(Type)                                      \
-    do {                                                           \
-        AppendPair(&text, m.sessionId, m.transactionId);           \
-        text.AppendHex(pMsg + offsetof(Type, sessionId), 2, side); \
-    } while (0)
+/* The fields of a message of type T (the procedure's T). */
+#define TF_NUM(kind, member, label)                                                 \
+    TraceField {                                                                    \
+        (kind), (label), sizeof(label) - 1, offsetof(T, member), sizeof(T::member), \
+            std::is_signed_v<decltype(T::member)>, 0                                \
+    }
+#define TF_INT(member, label) TF_NUM(FieldKind::kInt, member, label)
+/* An i32 inside a member (a field of a nested record), shown as "%d". */
+#define TF_I32_AT(label, off)                                          \
+    TraceField {                                                       \
+        FieldKind::kInt, (label), sizeof(label) - 1, (off), 4, true, 0 \
+    }
+#define TF_UINT(member, label) TF_NUM(FieldKind::kUInt, member, label)
+#define TF_DOUBLE(member) TF_NUM(FieldKind::kDouble, member, #member ": ")
+#define TF_PREFIX()                                                  \
+    TraceField {                                                     \
+        FieldKind::kReqPrefix, "", 0, offsetof(T, mode), 4, false, 0 \
+    }
+#define TF_PAIR()                                                    \
+    TraceField {                                                     \
+        FieldKind::kPair, "", 0, offsetof(T, sessionId), 2, false, 0 \
+    }
+#define TF_DB_FILES()                                                                    \
+    TraceField {                                                                         \
+        FieldKind::kDbFiles, "", 0, offsetof(T, dbFile), 0, false, offsetof(T, numFiles) \
+    }
+/* The eleven reals that getLocationRsp and proximityHitInd share. */
+#define TF_POSITION()                                                                             \
+    TF_DOUBLE(longitude), TF_DOUBLE(latitude), TF_DOUBLE(latLonAccuracy), TF_DOUBLE(timeStamp),   \
+        TF_DOUBLE(altitude), TF_DOUBLE(speed), TF_DOUBLE(travelDirection),                        \
+        TF_DOUBLE(pointingDirection), TF_DOUBLE(horizontalAccuracy), TF_DOUBLE(verticalAccuracy), \
+        TF_DOUBLE(course)
 
-/* "mode: %d, sessionId: %d, transactionId: %d, " with the four bytes in hex. */
-#define LOG_REQ_PREFIX(Type)                                  \
-    do {                                                      \
-        text.Append("mode: ");                                \
-        text.AppendInt(m.mode);                               \
-        text.Append(", ");                                    \
-        AppendPair(&text, m.sessionId, m.transactionId);      \
-        text.AppendHex(pMsg + offsetof(Type, mode), 4, side); \
-    } while (0)
+/* The value of an integer field of width bytes (1, 2, 4 or 8). */
+int64_t FieldValue(const uint8_t *p, int width, bool isSigned) {
+    switch (width) {
+        case 1: {
+            uint8_t v;
+            memcpy(&v, p, sizeof(v));
+            return isSigned ? static_cast<int8_t>(v) : v;
+        }
+        case 2: {
+            uint16_t v;
+            memcpy(&v, p, sizeof(v));
+            return isSigned ? static_cast<int16_t>(v) : v;
+        }
+        case 4: {
+            uint32_t v;
+            memcpy(&v, p, sizeof(v));
+            return isSigned ? static_cast<int32_t>(v) : static_cast<int64_t>(v);
+        }
+        default: {
+            uint64_t v;
+            memcpy(&v, p, sizeof(v));
+            return static_cast<int64_t>(v);
+        }
+    }
+}
 
-#define LOG_END() return Emit(text, side, __func__, __LINE__)
+void AppendDbFiles(LogText *pText, const uint8_t *pFiles, int numFiles, uint8_t side);
+
+void AppendFields(LogText *pText, const uint8_t *pMsg, const TraceField *pFields, size_t count,
+                  uint8_t side) {
+    for (size_t i = 0; i < count; ++i) {
+        const TraceField &f = pFields[i];
+        const uint8_t *p = pMsg + f.offset;
+        switch (f.kind) {
+            case FieldKind::kReqPrefix:
+                pText->Append("mode: ");
+                pText->AppendInt(static_cast<int>(FieldValue(p, 2, false)));
+                pText->Append(", ");
+                AppendPair(pText, static_cast<int>(FieldValue(p + 2, 1, false)),
+                           static_cast<int>(FieldValue(p + 3, 1, false)));
+                pText->AppendHex(p, f.width, side);
+                break;
+            case FieldKind::kPair:
+                AppendPair(pText, static_cast<int>(FieldValue(p, 1, false)),
+                           static_cast<int>(FieldValue(p + 1, 1, false)));
+                pText->AppendHex(p, f.width, side);
+                break;
+            case FieldKind::kDbFiles:
+                AppendDbFiles(pText, p,
+                              static_cast<int>(FieldValue(pMsg + f.countOffset, 2, false)), side);
+                break;
+            default:
+                pText->Append(f.label, f.labelLen);
+                if (f.kind == FieldKind::kDouble) {
+                    double v;
+                    memcpy(&v, p, sizeof(v));
+                    AppendDouble(pText, v);
+                } else if (f.kind == FieldKind::kUInt) {
+                    pText->AppendUInt(static_cast<unsigned>(FieldValue(p, f.width, f.isSigned)));
+                } else {
+                    pText->AppendInt(static_cast<int>(FieldValue(p, f.width, f.isSigned)));
+                }
+                pText->Append(", ");
+                pText->AppendHex(p, f.width, side);
+                break;
+        }
+    }
+}
+
+/* Checks a message of type T against its row and starts its line: false
+ * after the error line in func's name. */
+template <typename T, uint16_t kMsgId>
+bool BeginTrace(const uint8_t *pMsg, uint8_t side, const char *func, LogText *pText) {
+    static_assert(LAPI_ApMsgRowOf(kMsgId) != nullptr &&
+                  sizeof(T) == LAPI_MSG_HEADER_LEN + LAPI_ApMsgRowOf(kMsgId)->len);
+    const LAPI_ApMsgLenRow &row = *LAPI_ApMsgRowOf(kMsgId);
+    MsgHeader h;
+    memcpy(&h, pMsg, sizeof(h));
+    if (CheckMsg(h, row, side, func, __LINE__) < 0) {
+        return false;
+    }
+    Begin(pText, row, h, side);
+    return true;
+}
+
+/* Starts the line as BeginTrace does and appends the given fields. */
+template <typename T, uint16_t kMsgId>
+bool BeginTraceFields(const uint8_t *pMsg, uint8_t side, const char *func, LogText *pText,
+                      const TraceField *pFields, size_t count) {
+    if (!BeginTrace<T, kMsgId>(pMsg, side, func, pText)) {
+        return false;
+    }
+    AppendFields(pText, pMsg, pFields, count, side);
+    return true;
+}
+
+/* The whole trace of a message made of its header and the given fields. */
+template <typename T, uint16_t kMsgId>
+int TraceFields(const uint8_t *pMsg, uint8_t side, const TraceField *pFields, size_t count,
+                const char *func) {
+    LogText text;
+    if (!BeginTraceFields<T, kMsgId>(pMsg, side, func, &text, pFields, count)) {
+        return -1;
+    }
+    return Emit(text, side, func, __LINE__);
+}
+
+}  // namespace
+
+/* A trace procedure of the tables: the message's header, then the fields
+ * listed (with T the message's type). */
+#define TRACE_PROC(name, Type, msgId, ...)                                            \
+    int name(const uint8_t *pMsg, uint8_t side) {                                     \
+        using T = Type;                                                               \
+        static constexpr TraceField kFields[] = {__VA_ARGS__};                        \
+        return TraceFields<T, msgId>(pMsg, side, kFields, std::size(kFields), #name); \
+    }
+/* One that traces the header alone. */
+#define TRACE_HEADER_PROC(name, Type, msgId)                            \
+    int name(const uint8_t *pMsg, uint8_t side) {                       \
+        return TraceFields<Type, msgId>(pMsg, side, nullptr, 0, #name); \
+    }
 
 /* ------------------------------------------------------------------------ */
 /* Hex helpers                                                               */
@@ -292,64 +422,27 @@ int LAPI_LogApMsgHeader(const MsgHeader *pMsgHeader, char *pBuf, uint8_t side) {
 /* Client to server                                                          */
 /* ------------------------------------------------------------------------ */
 
-int LAPI_LogRegisterReq(const uint8_t *pMsg, uint8_t side) {
-    LOG_BEGIN(RegisterReq, LAPI_REGISTER_REQ);
-    LOG_UINT(RegisterReq, service, "service: ", m.service);
-    LOG_END();
-}
-
-int LAPI_LogGetAsyncFdReq(const uint8_t *pMsg, uint8_t side) {
-    LOG_BEGIN(GetAsyncFdReq, LAPI_GET_ASYNC_FD_REQ);
-    LOG_INT(GetAsyncFdReq, globalId, "globalId: ", m.globalId);
-    LOG_END();
-}
-
-int LAPI_LogUnregisterReq(const uint8_t *pMsg, uint8_t side) {
-    LOG_BEGIN(UnregisterReq, LAPI_UNREGISTER_REQ);
-    LOG_END();
-}
-
-int LAPI_LogGetLocationReq(const uint8_t *pMsg, uint8_t side) {
-    LOG_BEGIN(GetLocationReq, LAPI_GET_LOCATION_REQ);
-    LOG_REQ_PREFIX(GetLocationReq);
-    LOG_INT(GetLocationReq, responseTime, "responseTime: ", m.responseTime);
-    LOG_INT(GetLocationReq, horizontalAccuracy, "horizontalAccuracy: ", m.horizontalAccuracy);
-    LOG_INT(GetLocationReq, verticalAccuracy, "verticalAccuracy: ", m.verticalAccuracy);
-    LOG_INT(GetLocationReq, preferredPowerConsumption,
-            "preferredPowerConsumption: ", m.preferredPowerConsumption);
-    LOG_INT(GetLocationReq, interval, "interval: ", m.interval);
-    LOG_INT(GetLocationReq, reportCriteria, "reportCriteria: ", m.reportCriteria);
-    LOG_UINT(GetLocationReq, costAllowed, "costAllowed: ", m.costAllowed);
-    LOG_UINT(GetLocationReq, addressInfoRequired, "addressInfoRequired: ", m.addressInfoRequired);
-    LOG_UINT(GetLocationReq, speedAndCourseRequired,
-             "speedAndCourseRequired: ", m.speedAndCourseRequired);
-    LOG_UINT(GetLocationReq, altitudeRequired, "altitudeRequired: ", m.altitudeRequired);
-    LOG_END();
-}
-
-int LAPI_LogAbortLocationReq(const uint8_t *pMsg, uint8_t side) {
-    LOG_BEGIN(AbortLocationReq, LAPI_ABORT_LOCATION_REQ);
-    LOG_REQ_PREFIX(AbortLocationReq);
-    LOG_END();
-}
-
-int LAPI_LogAbortAllLocationReq(const uint8_t *pMsg, uint8_t side) {
-    LOG_BEGIN(AbortAllLocationReq, LAPI_ABORT_ALL_LOCATION_REQ);
-    LOG_END();
-}
-
-int LAPI_LogLastKnownLocationReq(const uint8_t *pMsg, uint8_t side) {
-    LOG_BEGIN(LastKnownLocationReq, LAPI_LAST_KNOWN_LOCATION_REQ);
-    LOG_REQ_PREFIX(LastKnownLocationReq);
-    LOG_END();
-}
-
-int LAPI_LogGetGpsDbDataReq(const uint8_t *pMsg, uint8_t side) {
-    LOG_BEGIN(GetGpsDbDataReq, LAPI_GET_GPS_DB_DATA_REQ);
-    LOG_REQ_PREFIX(GetGpsDbDataReq);
-    LOG_UINT(GetGpsDbDataReq, fileId, "fileId: ", m.fileId);
-    LOG_END();
-}
+TRACE_PROC(LAPI_LogRegisterReq, RegisterReq, LAPI_REGISTER_REQ, TF_UINT(service, "service: "))
+TRACE_PROC(LAPI_LogGetAsyncFdReq, GetAsyncFdReq, LAPI_GET_ASYNC_FD_REQ,
+           TF_INT(globalId, "globalId: "))
+TRACE_HEADER_PROC(LAPI_LogUnregisterReq, UnregisterReq, LAPI_UNREGISTER_REQ)
+/* nmeaRequired travels but is not traced. */
+TRACE_PROC(LAPI_LogGetLocationReq, GetLocationReq, LAPI_GET_LOCATION_REQ, TF_PREFIX(),
+           TF_INT(responseTime, "responseTime: "),
+           TF_INT(horizontalAccuracy, "horizontalAccuracy: "),
+           TF_INT(verticalAccuracy, "verticalAccuracy: "),
+           TF_INT(preferredPowerConsumption, "preferredPowerConsumption: "),
+           TF_INT(interval, "interval: "), TF_INT(reportCriteria, "reportCriteria: "),
+           TF_UINT(costAllowed, "costAllowed: "),
+           TF_UINT(addressInfoRequired, "addressInfoRequired: "),
+           TF_UINT(speedAndCourseRequired, "speedAndCourseRequired: "),
+           TF_UINT(altitudeRequired, "altitudeRequired: "))
+TRACE_PROC(LAPI_LogAbortLocationReq, AbortLocationReq, LAPI_ABORT_LOCATION_REQ, TF_PREFIX())
+TRACE_HEADER_PROC(LAPI_LogAbortAllLocationReq, AbortAllLocationReq, LAPI_ABORT_ALL_LOCATION_REQ)
+TRACE_PROC(LAPI_LogLastKnownLocationReq, LastKnownLocationReq, LAPI_LAST_KNOWN_LOCATION_REQ,
+           TF_PREFIX())
+TRACE_PROC(LAPI_LogGetGpsDbDataReq, GetGpsDbDataReq, LAPI_GET_GPS_DB_DATA_REQ, TF_PREFIX(),
+           TF_UINT(fileId, "fileId: "))
 
 namespace {
 
@@ -379,111 +472,56 @@ void AppendDbFiles(LogText *pText, const uint8_t *pFiles, int numFiles, uint8_t 
 
 }  // namespace
 
-int LAPI_LogSetGpsDbDataReq(const uint8_t *pMsg, uint8_t side) {
-    LOG_BEGIN(SetGpsDbDataReq, LAPI_SET_GPS_DB_DATA_REQ);
-    LOG_REQ_PREFIX(SetGpsDbDataReq);
-    LOG_INT(SetGpsDbDataReq, numFiles, "numFiles: ", m.numFiles);
-    AppendDbFiles(&text, pMsg + offsetof(SetGpsDbDataReq, dbFile), m.numFiles, side);
-    LOG_END();
-}
-
-int LAPI_LogGetStatusReq(const uint8_t *pMsg, uint8_t side) {
-    LOG_BEGIN(GetStatusReq, LAPI_GET_STATUS_REQ);
-    LOG_REQ_PREFIX(GetStatusReq);
-    LOG_END();
-}
-
-int LAPI_LogLocationNotificationCfm(const uint8_t *pMsg, uint8_t side) {
-    LOG_BEGIN(LocationNotificationCfm, LAPI_LOCATION_NOTIFICATION_CFM);
-    LOG_SERVER_PAIR(LocationNotificationCfm);
-    LOG_INT(LocationNotificationCfm, responseType, "responseType: ", m.responseType);
-    LOG_END();
-}
-
-int LAPI_LogDistanceAzimuthReq(const uint8_t *pMsg, uint8_t side) {
-    LOG_BEGIN(DistanceAzimuthReq, LAPI_DISTANCE_AZIMUTH_REQ);
-    LOG_REQ_PREFIX(DistanceAzimuthReq);
-    LOG_DOUBLE(DistanceAzimuthReq, latitude1);
-    LOG_DOUBLE(DistanceAzimuthReq, longitude1);
-    LOG_DOUBLE(DistanceAzimuthReq, latitude2);
-    LOG_DOUBLE(DistanceAzimuthReq, longitude2);
-    LOG_INT(DistanceAzimuthReq, distanceOnly, "distanceOnly: ", m.distanceOnly);
-    LOG_END();
-}
-
-int LAPI_LogAddProximityReq(const uint8_t *pMsg, uint8_t side) {
-    LOG_BEGIN(AddProximityReq, LAPI_ADD_PROXIMITY_REQ);
-    LOG_REQ_PREFIX(AddProximityReq);
-    LOG_DOUBLE(AddProximityReq, latitude);
-    LOG_DOUBLE(AddProximityReq, longitude);
-    LOG_DOUBLE(AddProximityReq, altitude);
-    LOG_DOUBLE(AddProximityReq, radius);
-    LOG_END();
-}
-
-int LAPI_LogRemoveProximityReq(const uint8_t *pMsg, uint8_t side) {
-    LOG_BEGIN(RemoveProximityReq, LAPI_REMOVE_PROXIMITY_REQ);
-    LOG_REQ_PREFIX(RemoveProximityReq);
-    LOG_INT(RemoveProximityReq, removeType, "removeType: ", m.removeType);
-    LOG_END();
-}
+TRACE_PROC(LAPI_LogSetGpsDbDataReq, SetGpsDbDataReq, LAPI_SET_GPS_DB_DATA_REQ, TF_PREFIX(),
+           TF_INT(numFiles, "numFiles: "), TF_DB_FILES())
+TRACE_PROC(LAPI_LogGetStatusReq, GetStatusReq, LAPI_GET_STATUS_REQ, TF_PREFIX())
+TRACE_PROC(LAPI_LogLocationNotificationCfm, LocationNotificationCfm, LAPI_LOCATION_NOTIFICATION_CFM,
+           TF_PAIR(), TF_INT(responseType, "responseType: "))
+TRACE_PROC(LAPI_LogDistanceAzimuthReq, DistanceAzimuthReq, LAPI_DISTANCE_AZIMUTH_REQ, TF_PREFIX(),
+           TF_DOUBLE(latitude1), TF_DOUBLE(longitude1), TF_DOUBLE(latitude2), TF_DOUBLE(longitude2),
+           TF_INT(distanceOnly, "distanceOnly: "))
+TRACE_PROC(LAPI_LogAddProximityReq, AddProximityReq, LAPI_ADD_PROXIMITY_REQ, TF_PREFIX(),
+           TF_DOUBLE(latitude), TF_DOUBLE(longitude), TF_DOUBLE(altitude), TF_DOUBLE(radius))
+TRACE_PROC(LAPI_LogRemoveProximityReq, RemoveProximityReq, LAPI_REMOVE_PROXIMITY_REQ, TF_PREFIX(),
+           TF_INT(removeType, "removeType: "))
 
 /* ------------------------------------------------------------------------ */
 /* Server to client                                                          */
 /* ------------------------------------------------------------------------ */
 
-int LAPI_LogRegisterRsp(const uint8_t *pMsg, uint8_t side) {
-    LOG_BEGIN(RegisterRsp, LAPI_REGISTER_RSP);
-    LOG_INT(RegisterRsp, globalId, "globalId: ", m.globalId);
-    LOG_END();
-}
-
-int LAPI_LogGetAsyncFdRsp(const uint8_t *pMsg, uint8_t side) {
-    LOG_BEGIN(GetAsyncFdRsp, LAPI_GET_ASYNC_FD_RSP);
-    LOG_END();
-}
-
-int LAPI_LogUnregisterRsp(const uint8_t *pMsg, uint8_t side) {
-    LOG_BEGIN(UnregisterRsp, LAPI_UNREGISTER_RSP);
-    LOG_END();
-}
-
-/* The eleven doubles that getLocationRsp and proximityHitInd share. */
-#define LOG_POSITION(Type)                    \
-    do {                                      \
-        LOG_DOUBLE(Type, longitude);          \
-        LOG_DOUBLE(Type, latitude);           \
-        LOG_DOUBLE(Type, latLonAccuracy);     \
-        LOG_DOUBLE(Type, timeStamp);          \
-        LOG_DOUBLE(Type, altitude);           \
-        LOG_DOUBLE(Type, speed);              \
-        LOG_DOUBLE(Type, travelDirection);    \
-        LOG_DOUBLE(Type, pointingDirection);  \
-        LOG_DOUBLE(Type, horizontalAccuracy); \
-        LOG_DOUBLE(Type, verticalAccuracy);   \
-        LOG_DOUBLE(Type, course);             \
-    } while (0)
+TRACE_PROC(LAPI_LogRegisterRsp, RegisterRsp, LAPI_REGISTER_RSP, TF_INT(globalId, "globalId: "))
+TRACE_HEADER_PROC(LAPI_LogGetAsyncFdRsp, GetAsyncFdRsp, LAPI_GET_ASYNC_FD_RSP)
+TRACE_HEADER_PROC(LAPI_LogUnregisterRsp, UnregisterRsp, LAPI_UNREGISTER_RSP)
 
 int LAPI_LogGetLocationRsp(const uint8_t *pMsg, uint8_t side) {
-    LOG_BEGIN(GetLocationRsp, LAPI_GET_LOCATION_RSP);
-    LOG_SERVER_PAIR(GetLocationRsp);
-    LOG_POSITION(GetLocationRsp);
-    LOG_INT(GetLocationRsp, locationMethod, "locationMethod: ", m.locationMethod);
-    LOG_INT(GetLocationRsp, cause, "cause: ", m.cause);
-    LOG_UINT(GetLocationRsp, ageOfFix, "ageOfFix: ", m.ageOfFix);
+    using T = GetLocationRsp;
+    static constexpr TraceField kFields[] = {
+        TF_PAIR(),
+        TF_POSITION(),
+        TF_INT(locationMethod, "locationMethod: "),
+        TF_INT(cause, "cause: "),
+        TF_UINT(ageOfFix, "ageOfFix: "),
+    };
+    LogText text;
+    if (!BeginTraceFields<T, LAPI_GET_LOCATION_RSP>(pMsg, side, __func__, &text, kFields,
+                                                    std::size(kFields))) {
+        return -1;
+    }
+    uint16_t nmeaDataLength;
+    memcpy(&nmeaDataLength, pMsg + offsetof(T, nmeaDataLength), sizeof(nmeaDataLength));
     text.Append("nmeaDataLength: ");
-    text.AppendInt(m.nmeaDataLength);
+    text.AppendInt(nmeaDataLength);
     text.Append(", \n");
-    text.AppendHex(pMsg + offsetof(GetLocationRsp, nmeaDataLength), 2, side);
+    text.AppendHex(pMsg + offsetof(T, nmeaDataLength), 2, side);
 
     /* The NMEA sentences, as text and in hex, never beyond the array. */
-    int nmeaLen = Min(m.nmeaDataLength, LAPI_MAX_NMEA_LEN);
-    const char *pNmea = reinterpret_cast<const char *>(pMsg + offsetof(GetLocationRsp, nmeaData));
+    int nmeaLen = Min(nmeaDataLength, LAPI_MAX_NMEA_LEN);
+    const char *pNmea = reinterpret_cast<const char *>(pMsg + offsetof(T, nmeaData));
     text.Append("nmeaData: ");
     text.Append(pNmea, strnlen(pNmea, static_cast<size_t>(nmeaLen))); /* text stops at NUL */
     text.Append(", \n");
     text.Append("nmeaData: ");
-    text.AppendHex(pMsg + offsetof(GetLocationRsp, nmeaData), nmeaLen, side);
+    text.AppendHex(pMsg + offsetof(T, nmeaData), nmeaLen, side);
 
     /* "\n %s, %s, pMsg->nmeaDataLength:%d\n" on standard output. */
     char plain[256];
@@ -498,7 +536,7 @@ int LAPI_LogGetLocationRsp(const uint8_t *pMsg, uint8_t side) {
     put(", ");
     put(__func__);
     put(", pMsg->nmeaDataLength:");
-    end = lapi_fmt::Int(end, m.nmeaDataLength);
+    end = lapi_fmt::Int(end, nmeaDataLength);
     *end++ = '\n';
     /* Standard output keeps its place among the diagnostic lines. */
     LAPI_LogFlush();
@@ -506,131 +544,71 @@ int LAPI_LogGetLocationRsp(const uint8_t *pMsg, uint8_t side) {
     fflush(stdout);
     gMemo.sideEffect = true;
     text.Append("nmea end\n");
-    LOG_END();
+    return Emit(text, side, __func__, __LINE__);
 }
 
-int LAPI_LogAbortLocationRsp(const uint8_t *pMsg, uint8_t side) {
-    LOG_BEGIN(AbortLocationRsp, LAPI_ABORT_LOCATION_RSP);
-    LOG_SERVER_PAIR(AbortLocationRsp);
-    LOG_INT(AbortLocationRsp, result, "result: ", m.result);
-    LOG_END();
-}
-
-int LAPI_LogTimeOutRsp(const uint8_t *pMsg, uint8_t side) {
-    LOG_BEGIN(TimeOutRsp, LAPI_TIME_OUT_RSP);
-    LOG_SERVER_PAIR(TimeOutRsp);
-    LOG_END();
-}
-
-int LAPI_LogInvalidRequestRsp(const uint8_t *pMsg, uint8_t side) {
-    LOG_BEGIN(InvalidRequestRsp, LAPI_INVALID_REQUEST_RSP);
-    LOG_SERVER_PAIR(InvalidRequestRsp);
-    LOG_END();
-}
-
-int LAPI_LogGetGpsDbDataRsp(const uint8_t *pMsg, uint8_t side) {
-    LOG_BEGIN(GetGpsDbDataRsp, LAPI_GET_GPS_DB_DATA_RSP);
-    LOG_SERVER_PAIR(GetGpsDbDataRsp);
-    LOG_INT(GetGpsDbDataRsp, numFiles, "numFiles: ", m.numFiles);
-    AppendDbFiles(&text, pMsg + offsetof(GetGpsDbDataRsp, dbFile), m.numFiles, side);
-    LOG_INT(GetGpsDbDataRsp, result, "result: ", m.result);
-    LOG_END();
-}
-
-int LAPI_LogSetGpsDbDataRsp(const uint8_t *pMsg, uint8_t side) {
-    LOG_BEGIN(SetGpsDbDataRsp, LAPI_SET_GPS_DB_DATA_RSP);
-    LOG_SERVER_PAIR(SetGpsDbDataRsp);
-    LOG_INT(SetGpsDbDataRsp, result, "result: ", m.result);
-    LOG_END();
-}
+TRACE_PROC(LAPI_LogAbortLocationRsp, AbortLocationRsp, LAPI_ABORT_LOCATION_RSP, TF_PAIR(),
+           TF_INT(result, "result: "))
+TRACE_PROC(LAPI_LogTimeOutRsp, TimeOutRsp, LAPI_TIME_OUT_RSP, TF_PAIR())
+TRACE_PROC(LAPI_LogInvalidRequestRsp, InvalidRequestRsp, LAPI_INVALID_REQUEST_RSP, TF_PAIR())
+TRACE_PROC(LAPI_LogGetGpsDbDataRsp, GetGpsDbDataRsp, LAPI_GET_GPS_DB_DATA_RSP, TF_PAIR(),
+           TF_INT(numFiles, "numFiles: "), TF_DB_FILES(), TF_INT(result, "result: "))
+TRACE_PROC(LAPI_LogSetGpsDbDataRsp, SetGpsDbDataRsp, LAPI_SET_GPS_DB_DATA_RSP, TF_PAIR(),
+           TF_INT(result, "result: "))
 
 /* getStatusRsp and statusChangeInd: the six status fields (signalStatus and
  * iconStatus travel but are not traced). */
-#define LOG_STATUS_FIELDS()                                                             \
-    do {                                                                                \
-        LOG_SERVER_PAIR(GetStatusRsp);                                                  \
-        LOG_INT(GetStatusRsp, userStatus, "userStatus: ", m.userStatus);                \
-        LOG_INT(GetStatusRsp, hwStatus, "hwStatus: ", m.hwStatus);                      \
-        LOG_INT(GetStatusRsp, fixStatus, "fixStatus: ", m.fixStatus);                   \
-        LOG_INT(GetStatusRsp, emergencyStatus, "emergencyStatus: ", m.emergencyStatus); \
-        text.Append("fixResultStatus.status: ");                                        \
-        text.AppendInt(m.fixResultStatus.status);                                       \
-        text.Append(", ");                                                              \
-        text.AppendHex(pMsg + offsetof(GetStatusRsp, fixResultStatus), 4, side);        \
-        text.Append("fixResultStatus.cause: ");                                         \
-        text.AppendInt(m.fixResultStatus.cause);                                        \
-        text.Append(", ");                                                              \
-        text.AppendHex(pMsg + offsetof(GetStatusRsp, fixResultStatus) + 4, 4, side);    \
-    } while (0)
+#define TF_STATUS()                                                                     \
+    TF_PAIR(), TF_INT(userStatus, "userStatus: "), TF_INT(hwStatus, "hwStatus: "),      \
+        TF_INT(fixStatus, "fixStatus: "), TF_INT(emergencyStatus, "emergencyStatus: "), \
+        TF_I32_AT("fixResultStatus.status: ",                                           \
+                  offsetof(T, fixResultStatus) + offsetof(FixResultStatus, status)),    \
+        TF_I32_AT("fixResultStatus.cause: ",                                            \
+                  offsetof(T, fixResultStatus) + offsetof(FixResultStatus, cause))
 
-int LAPI_LogGetStatusRsp(const uint8_t *pMsg, uint8_t side) {
-    LOG_BEGIN(GetStatusRsp, LAPI_GET_STATUS_RSP);
-    LOG_STATUS_FIELDS();
-    LOG_END();
-}
-
-int LAPI_LogStatusChangeInd(const uint8_t *pMsg, uint8_t side) {
-    LOG_BEGIN(StatusChangeInd, LAPI_STATUS_CHANGE_IND);
-    LOG_STATUS_FIELDS();
-    LOG_END();
-}
+TRACE_PROC(LAPI_LogGetStatusRsp, GetStatusRsp, LAPI_GET_STATUS_RSP, TF_STATUS())
+TRACE_PROC(LAPI_LogStatusChangeInd, StatusChangeInd, LAPI_STATUS_CHANGE_IND, TF_STATUS())
 
 int LAPI_LogLocationNotificationInd(const uint8_t *pMsg, uint8_t side) {
-    LOG_BEGIN(LocationNotificationInd, LAPI_LOCATION_NOTIFICATION_IND);
-    LOG_SERVER_PAIR(LocationNotificationInd);
-    LOG_INT(LocationNotificationInd, notificationType, "notificationType: ", m.notificationType);
-    LOG_INT(LocationNotificationInd, locationType, "locationType: ", m.locationType);
-    LOG_INT(LocationNotificationInd, dataCodingSchema, "dataCodingSchema: ", m.dataCodingSchema);
+    using T = LocationNotificationInd;
+    static constexpr TraceField kFields[] = {
+        TF_PAIR(),
+        TF_INT(notificationType, "notificationType: "),
+        TF_INT(locationType, "locationType: "),
+        TF_INT(dataCodingSchema, "dataCodingSchema: "),
+    };
+    LogText text;
+    if (!BeginTraceFields<T, LAPI_LOCATION_NOTIFICATION_IND>(pMsg, side, __func__, &text, kFields,
+                                                             std::size(kFields))) {
+        return -1;
+    }
+    uint8_t nameLength;
+    uint8_t addrLength;
+    memcpy(&nameLength, pMsg + offsetof(T, nameLength), sizeof(nameLength));
+    memcpy(&addrLength, pMsg + offsetof(T, addrLength), sizeof(addrLength));
     text.Append("nameLength: ");
-    text.AppendInt(m.nameLength);
+    text.AppendInt(nameLength);
     text.Append(", clientName: ");
-    text.AppendHex(pMsg + offsetof(LocationNotificationInd, clientName),
-                   Min(m.nameLength, LAPI_CLIENT_NAME_LEN), side);
+    text.AppendHex(pMsg + offsetof(T, clientName), Min(nameLength, LAPI_CLIENT_NAME_LEN), side);
     text.Append("addrLength: ");
-    text.AppendInt(m.addrLength);
+    text.AppendInt(addrLength);
     text.Append(", clientExternalAddr: ");
-    text.AppendHex(pMsg + offsetof(LocationNotificationInd, clientExternalAddr),
-                   Min(m.addrLength, LAPI_CLIENT_ADDR_LEN), side);
-    LOG_END();
+    text.AppendHex(pMsg + offsetof(T, clientExternalAddr), Min(addrLength, LAPI_CLIENT_ADDR_LEN),
+                   side);
+    return Emit(text, side, __func__, __LINE__);
 }
 
-int LAPI_LogNotificationStatusInd(const uint8_t *pMsg, uint8_t side) {
-    LOG_BEGIN(NotificationStatusInd, LAPI_NOTIFICATION_STATUS_IND);
-    LOG_SERVER_PAIR(NotificationStatusInd);
-    LOG_INT(NotificationStatusInd, cause, "cause: ", m.cause);
-    LOG_END();
-}
-
-int LAPI_LogDistanceAzimuthRsp(const uint8_t *pMsg, uint8_t side) {
-    LOG_BEGIN(DistanceAzimuthRsp, LAPI_DISTANCE_AZIMUTH_RSP);
-    LOG_SERVER_PAIR(DistanceAzimuthRsp);
-    LOG_DOUBLE(DistanceAzimuthRsp, distance);
-    LOG_DOUBLE(DistanceAzimuthRsp, azimuth);
-    LOG_END();
-}
-
-int LAPI_LogAddProximityRsp(const uint8_t *pMsg, uint8_t side) {
-    LOG_BEGIN(AddProximityRsp, LAPI_ADD_PROXIMITY_RSP);
-    LOG_SERVER_PAIR(AddProximityRsp);
-    LOG_INT(AddProximityRsp, status, "status: ", m.status);
-    LOG_END();
-}
-
-int LAPI_LogRemoveProximityRsp(const uint8_t *pMsg, uint8_t side) {
-    LOG_BEGIN(RemoveProximityRsp, LAPI_REMOVE_PROXIMITY_RSP);
-    LOG_SERVER_PAIR(RemoveProximityRsp);
-    LOG_INT(RemoveProximityRsp, status, "status: ", m.status);
-    LOG_END();
-}
-
-int LAPI_LogProximityHitInd(const uint8_t *pMsg, uint8_t side) {
-    LOG_BEGIN(ProximityHitInd, LAPI_PROXIMITY_HIT_IND);
-    LOG_SERVER_PAIR(ProximityHitInd);
-    LOG_POSITION(ProximityHitInd);
-    LOG_INT(ProximityHitInd, locationMethod, "locationMethod: ", m.locationMethod);
-    LOG_UINT(ProximityHitInd, ageOfFix, "ageOfFix: ", m.ageOfFix);
-    LOG_END();
-}
+TRACE_PROC(LAPI_LogNotificationStatusInd, NotificationStatusInd, LAPI_NOTIFICATION_STATUS_IND,
+           TF_PAIR(), TF_INT(cause, "cause: "))
+TRACE_PROC(LAPI_LogDistanceAzimuthRsp, DistanceAzimuthRsp, LAPI_DISTANCE_AZIMUTH_RSP, TF_PAIR(),
+           TF_DOUBLE(distance), TF_DOUBLE(azimuth))
+TRACE_PROC(LAPI_LogAddProximityRsp, AddProximityRsp, LAPI_ADD_PROXIMITY_RSP, TF_PAIR(),
+           TF_INT(status, "status: "))
+TRACE_PROC(LAPI_LogRemoveProximityRsp, RemoveProximityRsp, LAPI_REMOVE_PROXIMITY_RSP, TF_PAIR(),
+           TF_INT(status, "status: "))
+TRACE_PROC(LAPI_LogProximityHitInd, ProximityHitInd, LAPI_PROXIMITY_HIT_IND, TF_PAIR(),
+           TF_POSITION(), TF_INT(locationMethod, "locationMethod: "),
+           TF_UINT(ageOfFix, "ageOfFix: "))
 
 /* ------------------------------------------------------------------------ */
 /* Tables and the dump of one message                                        */
