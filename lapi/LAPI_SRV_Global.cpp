@@ -62,7 +62,11 @@ SocketInfo socketInfoTable[LAPI_SRV_MAX_SOCKET_NUM];
  * timer scan's lower bound on every listed deadline. */
 static Transaction *gTranFirst;
 static Transaction *gTranLast;
-static Transaction *gPairIndex[256 * 256];
+/* Chained buckets of BP pairs: a table with a slot for every one of the
+ * 65536 pairs would be half a megabyte of memory, dirtied by its clearing at
+ * start-up. Pairs are handed out in sequence, so the low bits spread them. */
+constexpr unsigned kPairBuckets = 1024; /* a power of two */
+static Transaction *gPairIndex[kPairBuckets];
 static bool gScanBoundKnown;
 static int32_t gScanBound;
 
@@ -921,7 +925,29 @@ static void AdvanceBpPair(void) {
 }
 
 static unsigned PairKey(uint8_t sid, uint8_t tid) {
-    return (static_cast<unsigned>(sid) << 8) | tid;
+    return ((static_cast<unsigned>(sid) << 8) | tid) & (kPairBuckets - 1);
+}
+
+/* The first listed record of the pair, or null. */
+static Transaction *FindPair(uint8_t sid, uint8_t tid) {
+    for (Transaction *pTran = gPairIndex[PairKey(sid, tid)]; pTran != nullptr;
+         pTran = pTran->pPairNext) {
+        if (pTran->sid == sid && pTran->tid == tid) {
+            return pTran;
+        }
+    }
+    return nullptr;
+}
+
+/* Puts the record at the end of its bucket: records of one pair stay in
+ * the order they were listed. */
+static void IndexPair(Transaction *pTran) {
+    pTran->pPairNext = nullptr;
+    Transaction **ppLink = &gPairIndex[PairKey(pTran->sid, pTran->tid)];
+    while (*ppLink != nullptr) {
+        ppLink = &(*ppLink)->pPairNext;
+    }
+    *ppLink = pTran;
 }
 
 /* Puts a record that has just joined the list (at its tail) into the index. */
@@ -936,12 +962,7 @@ static void IndexTran(Transaction *pTran, ListNode *pNode) {
     }
     gTranLast = pTran;
 
-    pTran->pPairNext = nullptr;
-    Transaction **ppLink = &gPairIndex[PairKey(pTran->sid, pTran->tid)];
-    while (*ppLink != nullptr) {
-        ppLink = &(*ppLink)->pPairNext;
-    }
-    *ppLink = pTran;
+    IndexPair(pTran);
 
     Client *pClient = pTran->pClient;
     pTran->pIndexClient = pClient;
@@ -1118,7 +1139,7 @@ Transaction *LAPI_SRV_CreateTransaction(uint32_t clientSid, uint32_t clientTid, 
     LAPI_SRV_tranListChanged = 1;
     /* Every pair taken: refuse rather than search for ever. */
     int tries = 0;
-    while (gPairIndex[PairKey(LAPI_SRV_nextSid, LAPI_SRV_nextTid)] != nullptr) {
+    while (FindPair(LAPI_SRV_nextSid, LAPI_SRV_nextTid) != nullptr) {
         if (++tries >= LAPI_SRV_BP_PAIR_COUNT) {
             LAPI_SRV_ERR("No free BP sid/tid pair, %d transactions!",
                          static_cast<int>(LAPI_SRV_tranList.count));
@@ -1131,7 +1152,7 @@ Transaction *LAPI_SRV_CreateTransaction(uint32_t clientSid, uint32_t clientTid, 
     UnindexPair(pTran);
     pTran->sid = LAPI_SRV_nextSid;
     pTran->tid = LAPI_SRV_nextTid;
-    gPairIndex[PairKey(pTran->sid, pTran->tid)] = pTran;
+    IndexPair(pTran);
     AdvanceBpPair();
     pTran->clientSid = static_cast<uint8_t>(clientSid);
     pTran->clientTid = static_cast<uint8_t>(clientTid);
@@ -1155,17 +1176,12 @@ int LAPI_SRV_AddTranList(Transaction *pTran) {
 Transaction *LAPI_SRV_GetTranByBpId(uint32_t sid, uint32_t tid, uint32_t remove) {
     uint8_t sid8 = static_cast<uint8_t>(sid);
     uint8_t tid8 = static_cast<uint8_t>(tid);
-    for (Transaction *pTran = gPairIndex[PairKey(sid8, tid8)]; pTran != nullptr;
-         pTran = pTran->pPairNext) {
-        if (pTran->sid == sid8 && pTran->tid == tid8) {
-            if (static_cast<uint8_t>(remove) != 0) {
-                LAPI_SRV_UnlinkTran(pTran);
-                LAPI_SRV_tranListChanged = 1;
-            }
-            return pTran;
-        }
+    Transaction *pTran = FindPair(sid8, tid8);
+    if (pTran != nullptr && static_cast<uint8_t>(remove) != 0) {
+        LAPI_SRV_UnlinkTran(pTran);
+        LAPI_SRV_tranListChanged = 1;
     }
-    return nullptr;
+    return pTran;
 }
 
 Transaction *LAPI_SRV_GetTranByClientId(Client *pClient, uint32_t clientSid, uint32_t clientTid,

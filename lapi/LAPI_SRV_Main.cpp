@@ -75,6 +75,24 @@ void ShutdownSignals(sigset_t *pSet) {
     sigaddset(pSet, SIGTERM);
 }
 
+/* The mask the wait runs with: the process's own, the shutdown signals let
+ * in. Made once when the signals are set up, so that the loop does not ask
+ * the kernel for the mask on every turn; made afresh on each turn when they
+ * were not (a loop driven without LAPI_SRV_InitSignal). */
+sigset_t gWaitMask;
+bool gWaitMaskReady = false;
+
+void MakeWaitMask(sigset_t *pMask) {
+    sigset_t shutdownSet;
+    sigprocmask(SIG_SETMASK, nullptr, pMask);
+    ShutdownSignals(&shutdownSet);
+    for (int sig = 1; sig < NSIG; ++sig) {
+        if (sigismember(&shutdownSet, sig) == 1) {
+            sigdelset(pMask, sig);
+        }
+    }
+}
+
 /*
  * SIGFPE and SIGSEGV cannot be blocked: a real fault while they are blocked
  * kills the process without the clean-up. So they stay open, and one that
@@ -276,6 +294,8 @@ void LAPI_SRV_InitSignal(void) {
     if (sigprocmask(SIG_BLOCK, &shutdownSet, nullptr) != 0) {
         LAPI_SRV_ERR("Fail to block SIGTERM, errno is: %d, %s", errno, strerror(errno));
     }
+    MakeWaitMask(&gWaitMask);
+    gWaitMaskReady = true;
     for (const auto &s : kSignals) {
         struct sigaction action;
         memset(&action, 0, sizeof(action));
@@ -500,13 +520,10 @@ void LAPI_SRV_LoopOnce(void) {
      * wait alone, atomically, so a signal sent at any other moment stays
      * pending until here and its clean-up never meets a half-changed list. */
     sigset_t waitMask;
-    sigset_t shutdownSet;
-    sigprocmask(SIG_SETMASK, nullptr, &waitMask);
-    ShutdownSignals(&shutdownSet);
-    for (int sig = 1; sig < NSIG; ++sig) {
-        if (sigismember(&shutdownSet, sig) == 1) {
-            sigdelset(&waitMask, sig);
-        }
+    if (gWaitMaskReady) {
+        waitMask = gWaitMask;
+    } else {
+        MakeWaitMask(&waitMask);
     }
     struct timespec waitTime;
     waitTime.tv_sec = timeout.tv_sec;

@@ -389,7 +389,7 @@ struct TimedLine {
 
 std::vector<TimedLine> RunLapiTimed(const std::string &args) {
     std::vector<TimedLine> lines;
-    std::string cmd = kLapiBin + " " + args + " 2>/dev/null";
+    std::string cmd = lapitest::EmulatorPrefix() + kLapiBin + " " + args + " 2>/dev/null";
     FILE *p = popen(cmd.c_str(), "r");
     if (p == nullptr) {
         return lines;
@@ -520,7 +520,7 @@ TEST(BpSimCommandLine, MissingOrBadScriptIsAnError) {
 }
 
 TEST(BpSimCommandLine, HelpListsEveryCommand) {
-    FILE *p = popen((kBpSimBin + " --help").c_str(), "r");
+    FILE *p = popen((lapitest::EmulatorPrefix() + kBpSimBin + " --help").c_str(), "r");
     ASSERT_NE(p, nullptr);
     std::string out;
     char buf[512];

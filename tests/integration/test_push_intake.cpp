@@ -277,16 +277,17 @@ int RunTool(const std::vector<std::string> &args, std::string *out) {
     if (pipe(p) != 0) {
         return -1;
     }
+    std::vector<char *> argv;
+    for (const std::string &a : args) {
+        argv.push_back(const_cast<char *>(a.c_str()));
+    }
+    argv.push_back(nullptr);
+    argv = lapitest::UnderEmulator(std::move(argv));
     pid_t pid = fork();
     if (pid == 0) {
         dup2(p[1], 1);
         close(p[0]);
         close(p[1]);
-        std::vector<char *> argv;
-        for (const std::string &a : args) {
-            argv.push_back(const_cast<char *>(a.c_str()));
-        }
-        argv.push_back(nullptr);
         execv(argv[0], argv.data());
         _exit(127);
     }
@@ -350,6 +351,11 @@ TEST(BpsimProgram, ShowsEachPushIndicationEvenWhenQuiet) {
     int fromSim[2];
     ASSERT_EQ(pipe(toSim), 0);
     ASSERT_EQ(pipe(fromSim), 0);
+    std::string bin = std::string(LAPI_BIN_DIR) + "/bpsim";
+    std::string rootDir = root.Dir();
+    std::vector<char *> argv =
+        lapitest::UnderEmulator({bin.data(), const_cast<char *>("--root"), rootDir.data(),
+                                 const_cast<char *>("--quiet"), nullptr});
     pid_t simPid = fork();
     if (simPid == 0) {
         dup2(toSim[0], 0);
@@ -357,9 +363,7 @@ TEST(BpsimProgram, ShowsEachPushIndicationEvenWhenQuiet) {
         for (int fd : {toSim[0], toSim[1], fromSim[0], fromSim[1]}) {
             close(fd);
         }
-        std::string bin = std::string(LAPI_BIN_DIR) + "/bpsim";
-        execl(bin.c_str(), bin.c_str(), "--root", root.Dir().c_str(), "--quiet",
-              static_cast<char *>(nullptr));
+        execv(argv[0], argv.data());
         _exit(127);
     }
     close(toSim[0]);

@@ -147,7 +147,7 @@ TEST(ReadmeTest, TestModesAreTheOnesCiRuns) {
             std::regex::multiline);
         EXPECT_TRUE(std::regex_search(ci, inCi)) << cmd << " is not what .ci/run runs";
     }
-    EXPECT_EQ(4, modes);
+    EXPECT_EQ(8, modes);
     EXPECT_NE(std::string::npos, ci.find("bash scripts/demo.sh"));
 }
 

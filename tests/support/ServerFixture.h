@@ -310,6 +310,16 @@ pid_t DeadPid();
 /* Milliseconds of the monotonic clock. */
 int64_t NowMs();
 
+/* The emulator that runs the programs under test when they were built for
+ * another processor (LAPI_TEST_EMULATOR, e.g. qemu-arm), or null. */
+const char *TestEmulator();
+/* argv (null-terminated) behind TestEmulator() when there is one. Built
+ * before fork; the child calls execv(result[0], result.data()). */
+std::vector<char *> UnderEmulator(std::vector<char *> argv);
+/* The same for a shell command line: "EMULATOR " to put before the program,
+ * or "". */
+std::string EmulatorPrefix();
+
 }  // namespace lapitest
 
 #endif /* LAPI_TEST_SERVERFIXTURE_H */

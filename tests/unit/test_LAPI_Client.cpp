@@ -229,7 +229,7 @@ TEST(LapiClientErrors, UnknownCodeHasGenericText) {
 }
 
 TEST(LapiClientErrors, CProgramUsesThePublicHeader) {
-    std::string cmd = std::string(LAPI_BIN_DIR) + "/lapi_c_check > /dev/null";
+    std::string cmd = lapitest::EmulatorPrefix() + LAPI_BIN_DIR + "/lapi_c_check > /dev/null";
     int status = system(cmd.c_str());
     ASSERT_TRUE(WIFEXITED(status));
     EXPECT_EQ(WEXITSTATUS(status), 0);

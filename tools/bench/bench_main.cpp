@@ -40,6 +40,7 @@
 #include "bench_proc.h"
 #include "bench_profile.h"
 #include "bench_relay.h"
+#include "lapi_version.h"
 
 #ifndef LAPI_BENCH_BUILD
 #define LAPI_BENCH_BUILD "unknown"
@@ -138,6 +139,7 @@ constexpr const char *kHelp =
     "                      /dev/null; a file costs the server more)\n"
     "  --verbose           progress on standard error\n"
     "  --help              this text\n"
+    "  --version           the version\n"
     "\n"
     "Exit status: 0 all figures measured, 1 set-up failure, 2 usage error,\n"
     "3 some figures missing (see the notes), 130 interrupted.\n";
@@ -184,6 +186,9 @@ int ParseOptions(int argc, char **argv, Options *o) {
         std::string v;
         if (a == "--help" || a == "-h") {
             fputs(kHelp, stdout);
+            return 1;
+        } else if (a == "--version") {
+            printf("lapi_bench %s\n", LAPI_VERSION_STRING);
             return 1;
         } else if (a == "--quick") {
             o->quick = true;

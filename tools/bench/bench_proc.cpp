@@ -124,6 +124,11 @@ pid_t SpawnProgram(const std::vector<std::string> &argv, const std::string &outP
         return -1;
     }
     std::vector<char *> args;
+    /* A bench built for another processor runs its server under the same
+     * emulator as itself (the cross-build's tests set it). */
+    if (const char *pEmulator = getenv("LAPI_TEST_EMULATOR"); pEmulator && *pEmulator) {
+        args.push_back(const_cast<char *>(pEmulator));
+    }
     for (const std::string &a : argv) {
         args.push_back(const_cast<char *>(a.c_str()));
     }

@@ -41,6 +41,7 @@
 
 #include "BpSim.h"
 #include "BpSimNet.h"
+#include "lapi_version.h"
 
 namespace {
 
@@ -69,6 +70,7 @@ const char kHelp[] =
     "  --script FILE  run the commands of FILE, one per line, from the start\n"
     "  --quiet        do not echo the messages (push indications are still shown)\n"
     "  -h, --help     this text\n"
+    "  --version      the version\n"
     "\n"
     "Every request is answered at once: location and last-known requests with\n"
     "the position, periodic requests with a report at once and then one every\n"
@@ -107,13 +109,14 @@ bool ParseId(const std::string &s, uint8_t *out) {
 }
 
 /* Decimal integers of a command, all of them in range. */
-bool ParseInts(std::istringstream &args, size_t count, long lo, long hi, std::vector<long> *out) {
+bool ParseInts(std::istringstream &args, size_t count, int64_t lo, int64_t hi,
+               std::vector<int64_t> *out) {
     out->clear();
     std::string tok;
     while (out->size() < count && args >> tok) {
         char *end = nullptr;
         errno = 0;
-        long v = strtol(tok.c_str(), &end, 10);
+        long long v = strtoll(tok.c_str(), &end, 10);
         if (end == tok.c_str() || *end != '\0' || errno != 0 || v < lo || v > hi) {
             return false;
         }
@@ -122,10 +125,10 @@ bool ParseInts(std::istringstream &args, size_t count, long lo, long hi, std::ve
     return out->size() == count;
 }
 
-constexpr long kI32Min = -2147483648L;
-constexpr long kI32Max = 2147483647L;
+constexpr int64_t kI32Min = INT32_MIN;
+constexpr int64_t kI32Max = INT32_MAX;
 
-bpsim::Status StatusOf(const std::vector<long> &v) {
+bpsim::Status StatusOf(const std::vector<int64_t> &v) {
     bpsim::Status st;
     st.userStatus = static_cast<int32_t>(v[0]);
     st.hwStatus = static_cast<int32_t>(v[1]);
@@ -246,7 +249,7 @@ std::string CmdAnswer(Session &s, const std::string &rest) {
 
 std::string CmdResult(Session &s, const std::string &rest) {
     std::istringstream args(rest);
-    std::vector<long> v;
+    std::vector<int64_t> v;
     std::string id;
     args >> id;
     uint8_t subCmdId = 0;
@@ -281,7 +284,7 @@ std::string CmdResult(Session &s, const std::string &rest) {
 /* statusrsp and status: eight numbers. */
 std::string ReadStatus(const std::string &rest, bpsim::Status *pStatus) {
     std::istringstream args(rest);
-    std::vector<long> v;
+    std::vector<int64_t> v;
     if (!ParseInts(args, 8, kI32Min, kI32Max, &v)) {
         return "usage";
     }
@@ -353,7 +356,7 @@ std::string CmdPeriodic(Session &s, const std::string &rest) {
         r.periodicMs = bpsim::Results::kPeriodicAsRequested;
     } else {
         std::istringstream again(rest);
-        std::vector<long> v;
+        std::vector<int64_t> v;
         if (!ParseInts(again, 1, 0, kMaxWaitMs, &v)) {
             return "usage";
         }
@@ -365,9 +368,9 @@ std::string CmdPeriodic(Session &s, const std::string &rest) {
 
 std::string CmdNotify(Session &s, const std::string &rest) {
     std::istringstream args(rest);
-    std::vector<long> ids;
-    std::vector<long> v;
-    std::vector<long> dcs;
+    std::vector<int64_t> ids;
+    std::vector<int64_t> v;
+    std::vector<int64_t> dcs;
     std::string name, addr;
     if (!ParseInts(args, 2, 0, 255, &ids) || !ParseInts(args, 2, kI32Min, kI32Max, &v) ||
         !ParseInts(args, 1, 0, 255, &dcs) || !(args >> name)) {
@@ -392,8 +395,8 @@ std::string CmdNotify(Session &s, const std::string &rest) {
 
 std::string CmdNotifyStatus(Session &s, const std::string &rest) {
     std::istringstream args(rest);
-    std::vector<long> ids;
-    std::vector<long> v;
+    std::vector<int64_t> ids;
+    std::vector<int64_t> v;
     if (!ParseInts(args, 2, 0, 255, &ids) || !ParseInts(args, 1, kI32Min, kI32Max, &v)) {
         return "usage";
     }
@@ -404,7 +407,7 @@ std::string CmdNotifyStatus(Session &s, const std::string &rest) {
 
 std::string CmdHit(Session &s, const std::string &rest) {
     std::istringstream args(rest);
-    std::vector<long> ids;
+    std::vector<int64_t> ids;
     if (!ParseInts(args, 2, 0, 255, &ids)) {
         if (rest.find_first_not_of(" \t") != std::string::npos) {
             return "usage";
@@ -421,7 +424,7 @@ std::string CmdHit(Session &s, const std::string &rest) {
 
 std::string CmdReport(Session &s, const std::string &rest) {
     std::istringstream args(rest);
-    std::vector<long> ids;
+    std::vector<int64_t> ids;
     if (!ParseInts(args, 2, 0, 255, &ids)) {
         return "usage";
     }
@@ -441,7 +444,7 @@ std::string CmdAreas(Session &s, const std::string &) {
 
 std::string CmdSleep(Session &s, const std::string &rest) {
     std::istringstream args(rest);
-    std::vector<long> v;
+    std::vector<int64_t> v;
     if (!ParseInts(args, 1, 0, kMaxWaitMs, &v)) {
         return "usage";
     }
@@ -508,8 +511,8 @@ uint8_t gSocketTid = 1;
 
 /* LINK of a socket command: 1 to 4294967295 (0 names no socket). */
 bool SocketLink(std::istringstream &args, uint32_t *pLinkId) {
-    std::vector<long> v;
-    if (!ParseInts(args, 1, 1, 4294967295L, &v)) {
+    std::vector<int64_t> v;
+    if (!ParseInts(args, 1, 1, UINT32_MAX, &v)) {
         return false;
     }
     *pLinkId = static_cast<uint32_t>(v[0]);
@@ -527,7 +530,7 @@ std::string CmdSockOpen(Session &s, const std::string &rest) {
     std::istringstream args(rest);
     uint32_t linkId = 0;
     std::string host;
-    std::vector<long> port;
+    std::vector<int64_t> port;
     if (!SocketLink(args, &linkId) || !(args >> host) || !ParseInts(args, 1, 0, 65535, &port)) {
         return "usage";
     }
@@ -775,6 +778,10 @@ int ParseCommandLine(int argc, char **argv, Config *cfg) {
         std::string arg = argv[i];
         if (arg == "--help" || arg == "-h") {
             PrintHelp();
+            return -1;
+        }
+        if (arg == "--version") {
+            printf("bpsim %s\n", LAPI_VERSION_STRING);
             return -1;
         }
         if (arg == "--quiet") {

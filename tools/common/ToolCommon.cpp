@@ -148,6 +148,11 @@ ChildProcess::~ChildProcess() {
     CloseIfOpen(&inFd_);
 }
 
+const char *TestEmulator() {
+    const char *pEmulator = getenv("LAPI_TEST_EMULATOR");
+    return (pEmulator != nullptr && pEmulator[0] != '\0') ? pEmulator : nullptr;
+}
+
 bool ChildProcess::Start(const std::vector<std::string> &argv, const Options &options) {
     if (argv.empty() || pid_ > 0) {
         return false;
@@ -164,6 +169,9 @@ bool ChildProcess::Start(const std::vector<std::string> &argv, const Options &op
         return false;
     }
     std::vector<char *> args;
+    if (const char *pEmulator = TestEmulator()) {
+        args.push_back(const_cast<char *>(pEmulator));
+    }
     for (const std::string &a : argv) {
         args.push_back(const_cast<char *>(a.c_str()));
     }

@@ -45,6 +45,11 @@ std::string TraceLineText(const std::string &func, const std::string &msg);
 bool HasErrorLine(const std::string &text, const std::string &func, const std::string &msg);
 bool HasTraceLine(const std::string &text, const std::string &func, const std::string &msg);
 
+/* The emulator that runs the programs a test starts when they are built for
+ * another processor (LAPI_TEST_EMULATOR, e.g. "qemu-arm -L /usr/arm-linux-
+ * gnueabihf"); null when they run here as they are. */
+const char *TestEmulator();
+
 /* A program run with its standard output and error on pipes (or left to
  * the caller's, see Options). The destructor kills a child still running. */
 class ChildProcess {
@@ -69,8 +74,9 @@ class ChildProcess {
     ChildProcess(const ChildProcess &) = delete;
     ChildProcess &operator=(const ChildProcess &) = delete;
 
-    /* Starts argv[0] with argv; false when the pipes or the fork failed.
-     * Everything the child needs is prepared before the fork. */
+    /* Starts argv[0] with argv (behind TestEmulator() when there is one);
+     * false when the pipes or the fork failed. Everything the child needs
+     * is prepared before the fork. */
     bool Start(const std::vector<std::string> &argv, const Options &options);
     bool Start(const std::vector<std::string> &argv) { return Start(argv, Options()); }
 

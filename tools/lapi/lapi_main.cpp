@@ -1171,7 +1171,8 @@ void PrintTopHelp(FILE *out) {
     fputs(kCommonHelp, out);
     fputs(
         "\n"
-        "Run 'lapi COMMAND --help' for the options of a command.\n"
+        "Run 'lapi COMMAND --help' for the options of a command;\n"
+        "'lapi --version' prints the version.\n"
         "\n"
         "Exit status: 0 success; 1 the server answered with an error, did not answer\n"
         "in time, or went away; 2 usage error; 3 the server cannot be reached.\n",
@@ -1203,6 +1204,10 @@ int main(int argc, char **argv) {
     sigaction(SIGINT, &sa, nullptr);
     sigaction(SIGTERM, &sa, nullptr);
 
+    if (argc == 2 && strcmp(argv[1], "--version") == 0) {
+        printf("lapi %s\n", lapi_version());
+        return kExitOk;
+    }
     Ctx ctx;
     /* --json anywhere asks for JSON from the first usage error on. */
     for (int k = 1; k < argc && strcmp(argv[k], "--") != 0; ++k) {

@@ -14,12 +14,14 @@
 
 #include "BpSim.h"
 #include "PushPdu.h"
+#include "lapi_version.h"
 
 namespace {
 
 const char kUsage[] =
     "usage: lapi_push (--udp PORT | --root DIR) (--hex HEX | --file FILE) [--supl-init]\n"
-    "                 [--sms-port N] [--from ADDR] [--msg-id N] [--tid N] [--dry-run]\n";
+    "                 [--sms-port N] [--from ADDR] [--msg-id N] [--tid N] [--dry-run]\n"
+    "       lapi_push --help | --version\n";
 
 const char kHelp[] =
     "Sends one WSP push PDU to a location server on this machine.\n"
@@ -43,6 +45,7 @@ const char kHelp[] =
     "\n"
     "  --dry-run      print the bytes that would be sent, as hex, and send nothing\n"
     "  --help         this text\n"
+    "  --version      the version\n"
     "\n"
     "Exit status: 0 sent, 1 it could not be sent, 2 bad command line.\n";
 
@@ -86,6 +89,10 @@ int main(int argc, char **argv) {
         if (arg == "--help" || arg == "-h") {
             fputs(kUsage, stdout);
             fputs(kHelp, stdout);
+            return 0;
+        }
+        if (arg == "--version") {
+            printf("lapi_push %s\n", LAPI_VERSION_STRING);
             return 0;
         }
         if (arg == "--supl-init") {

@@ -19,7 +19,8 @@
  * gives a text for each. After LAPI_E_IO and LAPI_E_CONNECT, errno tells the
  * cause. A client is not safe to share between threads without a lock.
  *
- * The header is C and C++.
+ * The header is C and C++. Installed, it lives with LAPI_Msg.h and
+ * lapi_version.h in include/lapi/: include it as <lapi/lapi_client.h>.
  */
 #ifndef LAPI_CLIENT_H
 #define LAPI_CLIENT_H
@@ -28,6 +29,7 @@
 #include <stdint.h>
 
 #include "LAPI_Msg.h"
+#include "lapi_version.h"
 
 #ifdef __cplusplus
 extern "C" {

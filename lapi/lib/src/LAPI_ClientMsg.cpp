@@ -1,6 +1,7 @@
 /*
  * Messages in the client library: names and lengths (from the rows shared
- * with the server), decoding of one whole message, error texts.
+ * with the server), decoding of one whole message, error texts, the
+ * library's version.
  * Nothing here touches a descriptor, so all of it is testable alone.
  */
 #include <string.h>
@@ -44,6 +45,10 @@ extern "C" const char *lapi_strerror(int err) {
         }
     }
     return "unknown error";
+}
+
+extern "C" const char *lapi_version(void) {
+    return LAPI_VERSION_STRING;
 }
 
 extern "C" const char *lapi_msg_name(int msgId) {

@@ -19,6 +19,7 @@
 #include "HOST_Root.h"
 #include "LAPI_SRV_Main.h"
 #include "LAPI_SRV_Paths.h"
+#include "lapi_version.h"
 
 namespace {
 
@@ -112,6 +113,7 @@ constexpr const char kHelp[] =
     "                 107 bytes\n"
     "  --push-port N  UDP port of the WAP push intake, 1 to 65535 (default 2948)\n"
     "  -h, --help     this text\n"
+    "  --version      the version\n"
     "\n"
     "Paths below DIR (the launcher creates the missing folders):\n"
     "  DIR/tmp/lapisock     the clients' socket (lapi --root DIR talks to it)\n"
@@ -146,6 +148,10 @@ int main(int argc, char **argv) {
     for (int i = 1; i < argc; ++i) {
         if (strcmp(argv[i], "--help") == 0 || strcmp(argv[i], "-h") == 0) {
             printf("%s\n%s", kUsage, kHelp);
+            return 0;
+        }
+        if (strcmp(argv[i], "--version") == 0) {
+            printf("lapi_srv_host %s\n", LAPI_VERSION_STRING);
             return 0;
         }
     }
