@@ -252,16 +252,26 @@ int LAPI_SRV_SockMsgProcAfterRegister(Fdops *pFdops) {
 /* Handshake                                                                 */
 /* ------------------------------------------------------------------------ */
 
-/* The start of both handshake handlers: the message's header in *pH, or
- * false (after the handler's error line) when there is no message or the
- * connection already belongs to a client. */
-static bool HandshakeOnFreshConnection(const uint8_t *pMsg, Fdops *pFdops, MsgHeader *pH, int line,
-                                       const char *func) {
+/* The start of every message handler here: the message's header in *pH,
+ * or false (after the handler's error line) when there is no message or no
+ * connection. */
+static bool HeaderOf(const uint8_t *pMsg, const Fdops *pFdops, MsgHeader *pH, int line,
+                     const char *func) {
     if (pMsg == nullptr || pFdops == nullptr) {
         LAPI_LogLine(1, 1, LAPI_LOG_FILE, line, func, "Invalid pFdops!");
         return false;
     }
     *pH = ReadHeader(pMsg);
+    return true;
+}
+
+/* The start of both handshake handlers: as HeaderOf, and false as well when
+ * the connection already belongs to a client. */
+static bool HandshakeOnFreshConnection(const uint8_t *pMsg, Fdops *pFdops, MsgHeader *pH, int line,
+                                       const char *func) {
+    if (!HeaderOf(pMsg, pFdops, pH, line, func)) {
+        return false;
+    }
     if (LAPI_SRV_FdopsClient(pFdops) != nullptr) {
         LAPI_LogLine(1, 1, LAPI_LOG_FILE, line, func, "pFdops->pFdInfo != NULL, pid is : %d!",
                      static_cast<int>(pH->pid));
@@ -355,11 +365,10 @@ int LAPI_SRV_ProcGetAsyncFdMsg(uint8_t *pMsg, Fdops *pFdops) {
 /* ------------------------------------------------------------------------ */
 
 int LAPI_SRV_ProcessApMsg(uint8_t *pMsg, Fdops *pFdops) {
-    if (pMsg == nullptr || pFdops == nullptr) {
-        LAPI_SRV_ERR("Invalid pFdops!");
+    MsgHeader h;
+    if (!HeaderOf(pMsg, pFdops, &h, __LINE__, __func__)) {
         return -1;
     }
-    MsgHeader h = ReadHeader(pMsg);
     int pid = static_cast<int>(h.pid);
     Client *pClient = LAPI_SRV_FdopsClient(pFdops);
     if (pClient == nullptr) {
@@ -388,11 +397,10 @@ int LAPI_SRV_ProcessApMsg(uint8_t *pMsg, Fdops *pFdops) {
 }
 
 int LAPI_SRV_ProcUnregisterMsg(uint8_t *pMsg, Fdops *pFdops) {
-    if (pMsg == nullptr || pFdops == nullptr) {
-        LAPI_SRV_ERR("Invalid pFdops!");
+    MsgHeader h;
+    if (!HeaderOf(pMsg, pFdops, &h, __LINE__, __func__)) {
         return -1;
     }
-    MsgHeader h = ReadHeader(pMsg);
     int pid = static_cast<int>(h.pid);
     if (SendHeaderOnly(pFdops, LAPI_UNREGISTER_RSP) < 0) {
         LAPI_SRV_ERR("Fail to send unregister response to pid : %d!", pid);
