@@ -2,6 +2,12 @@
  * Host stand-in of the TLS library ("libzelssl.so") and of the certificate
  * manager and parser ("libzelcm.so"), built on OpenSSL 3.
  *
+ * - OpenSSL is loaded with dlopen by the first call that needs it, not at
+ *   start-up: most servers never open a TLS session, and just having
+ *   libcrypto and libssl mapped costs an idle server some 460 kB of private
+ *   dirty memory (their relocated read-only data). Every OpenSSL function is
+ *   called through a pointer of the table below; the library is not linked,
+ *   so a direct call left anywhere in this file fails to link.
  * - A context is a HostTlsContext placed in the caller's CD_malloc memory;
  *   the OpenSSL objects are made at the first TLSHandshake, once every
  *   setter has run.
@@ -20,12 +26,14 @@
 #include "zelssl.h"
 
 #include <dirent.h>
+#include <dlfcn.h>
 #include <openssl/bio.h>
 #include <openssl/err.h>
 #include <openssl/rand.h>
 #include <openssl/ssl.h>
 #include <openssl/x509.h>
 #include <openssl/x509v3.h>
+#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 
@@ -33,6 +41,237 @@
 #include <string>
 
 #include "HOST_Root.h"
+
+/* The libraries' files as the build found them (full paths, so that a
+ * cross build finds OpenSSL where it was unpacked, off every default
+ * library path), and their sonames to fall back on. */
+#ifndef LAPI_OPENSSL_CRYPTO_PATH
+#define LAPI_OPENSSL_CRYPTO_PATH ""
+#endif
+#ifndef LAPI_OPENSSL_SSL_PATH
+#define LAPI_OPENSSL_SSL_PATH ""
+#endif
+#define LAPI_OPENSSL_CRYPTO_SONAME "libcrypto.so.3"
+#define LAPI_OPENSSL_SSL_SONAME "libssl.so.3"
+
+/* Every OpenSSL function this file calls, by library, including those that
+ * OpenSSL's own macros expand to (SSL_CTX_set_mode is SSL_CTX_ctrl,
+ * BIO_set_retry_read is BIO_set_flags, OPENSSL_free is CRYPTO_free, ...). */
+/* clang-format off */
+#define LAPI_OPENSSL_CRYPTO_FUNCTIONS(X) \
+    X(ASN1_STRING_get0_data)             \
+    X(ASN1_STRING_length)                \
+    X(BIO_clear_flags)                   \
+    X(BIO_get_data)                      \
+    X(BIO_get_new_index)                 \
+    X(BIO_meth_new)                      \
+    X(BIO_meth_set_ctrl)                 \
+    X(BIO_meth_set_read)                 \
+    X(BIO_meth_set_write)                \
+    X(BIO_new)                           \
+    X(BIO_set_data)                      \
+    X(BIO_set_flags)                     \
+    X(BIO_set_init)                      \
+    X(CRYPTO_free)                       \
+    X(CRYPTO_get_ex_new_index)           \
+    X(ERR_clear_error)                   \
+    X(OPENSSL_sk_num)                    \
+    X(RAND_add)                          \
+    X(RAND_bytes)                        \
+    X(X509_NAME_ENTRY_get_data)          \
+    X(X509_NAME_get_entry)               \
+    X(X509_NAME_get_index_by_NID)        \
+    X(X509_STORE_CTX_get0_cert)          \
+    X(X509_STORE_CTX_get0_untrusted)     \
+    X(X509_STORE_CTX_get_error)          \
+    X(X509_STORE_CTX_get_ex_data)        \
+    X(X509_STORE_CTX_set_error)          \
+    X(X509_STORE_free)                   \
+    X(X509_STORE_load_file)              \
+    X(X509_STORE_new)                    \
+    X(X509_STORE_up_ref)                 \
+    X(X509_free)                         \
+    X(X509_get_subject_name)             \
+    X(X509_verify_cert)                  \
+    X(d2i_X509)                          \
+    X(i2d_X509)
+#define LAPI_OPENSSL_SSL_FUNCTIONS(X)     \
+    X(SSL_CIPHER_get_protocol_id)         \
+    X(SSL_CTX_ctrl)                       \
+    X(SSL_CTX_free)                       \
+    X(SSL_CTX_new)                        \
+    X(SSL_CTX_set_cert_store)             \
+    X(SSL_CTX_set_cert_verify_callback)   \
+    X(SSL_CTX_set_cipher_list)            \
+    X(SSL_CTX_set_info_callback)          \
+    X(SSL_CTX_set_options)                \
+    X(SSL_CTX_set_security_level)         \
+    X(SSL_CTX_set_verify)                 \
+    X(SSL_do_handshake)                   \
+    X(SSL_free)                           \
+    X(SSL_get_current_cipher)             \
+    X(SSL_get_error)                      \
+    X(SSL_get_ex_data)                    \
+    X(SSL_get_ex_data_X509_STORE_CTX_idx) \
+    X(SSL_new)                            \
+    X(SSL_read_ex)                        \
+    X(SSL_set_bio)                        \
+    X(SSL_set_connect_state)              \
+    X(SSL_set_ex_data)                    \
+    X(SSL_shutdown)                       \
+    X(SSL_version)                        \
+    X(SSL_write_ex)                       \
+    X(TLS_client_method)
+/* clang-format on */
+
+namespace {
+
+struct OpenSslApi {
+#define LAPI_OPENSSL_POINTER(name) decltype(&::name) name;
+    LAPI_OPENSSL_CRYPTO_FUNCTIONS(LAPI_OPENSSL_POINTER)
+    LAPI_OPENSSL_SSL_FUNCTIONS(LAPI_OPENSSL_POINTER)
+#undef LAPI_OPENSSL_POINTER
+};
+OpenSslApi g_openSsl;
+
+/* Opens one library, by its full path first, then by its soname. Returns
+ * null with dlerror() describing the last attempt. */
+void *OpenLibrary(const char *path, const char *soname) {
+#ifdef LAPI_SSL_HOST_TEST_HOOKS
+    /* The load failure tests name a library of their own; this build only. */
+    const char *envName =
+        strcmp(soname, LAPI_OPENSSL_SSL_SONAME) == 0 ? "LAPI_TEST_LIBSSL" : "LAPI_TEST_LIBCRYPTO";
+    if (const char *pTest = getenv(envName)) {
+        return dlopen(pTest, RTLD_NOW | RTLD_GLOBAL);
+    }
+#endif
+    void *pHandle = path[0] != '\0' ? dlopen(path, RTLD_NOW | RTLD_GLOBAL) : nullptr;
+    return pHandle != nullptr ? pHandle : dlopen(soname, RTLD_NOW | RTLD_GLOBAL);
+}
+
+/* Looks up every name of one library's list; the first one missing is
+ * reported. */
+#define LAPI_OPENSSL_RESOLVE(name)                                                          \
+    if ((g_openSsl.name = reinterpret_cast<decltype(&::name)>(dlsym(pHandle, #name))) ==    \
+        nullptr) {                                                                          \
+        fprintf(stderr, "zelssl: OpenSSL's %s has no %s: %s\n", library, #name, dlerror()); \
+        return false;                                                                       \
+    }
+
+bool ResolveCrypto(void *pHandle, const char *library) {
+    LAPI_OPENSSL_CRYPTO_FUNCTIONS(LAPI_OPENSSL_RESOLVE)
+    return true;
+}
+
+bool ResolveSsl(void *pHandle, const char *library) {
+    LAPI_OPENSSL_SSL_FUNCTIONS(LAPI_OPENSSL_RESOLVE)
+    return true;
+}
+#undef LAPI_OPENSSL_RESOLVE
+
+bool LoadOpenSsl() {
+    /* libcrypto first and global, so that libssl's own need of it is met by
+     * the copy already loaded, wherever that came from. */
+    void *pCrypto = OpenLibrary(LAPI_OPENSSL_CRYPTO_PATH, LAPI_OPENSSL_CRYPTO_SONAME);
+    if (pCrypto == nullptr) {
+        fprintf(stderr, "zelssl: cannot load OpenSSL's libcrypto: %s\n", dlerror());
+        return false;
+    }
+    /* A libcrypto that is not OpenSSL's is told as such, before libssl
+     * fails to find the real one. */
+    if (!ResolveCrypto(pCrypto, "libcrypto")) {
+        return false;
+    }
+    void *pSsl = OpenLibrary(LAPI_OPENSSL_SSL_PATH, LAPI_OPENSSL_SSL_SONAME);
+    if (pSsl == nullptr) {
+        fprintf(stderr, "zelssl: cannot load OpenSSL's libssl: %s\n", dlerror());
+        return false;
+    }
+    /* The handles stay open for the life of the process: OpenSSL cleans up
+     * at exit on its own. */
+    return ResolveSsl(pSsl, "libssl");
+}
+
+/* Whether OpenSSL can be used, loading it on the first call. A failure is
+ * final: the load is not tried again on every call, so a handset without
+ * the libraries gets one line about it, not one per request, and every
+ * call that needs OpenSSL fails as it would with an unusable context.
+ * Single-threaded, as the server is. */
+bool OpenSslReady() {
+    enum class State { kNotTried, kLoaded, kFailed };
+    static State state = State::kNotTried;
+    if (state == State::kNotTried) {
+        state = LoadOpenSsl() ? State::kLoaded : State::kFailed;
+    }
+    return state == State::kLoaded;
+}
+
+}  // namespace
+
+/* From here on every OpenSSL name is a call through the table; OpenSSL's
+ * macros expand to these names and reach the table too. */
+#define ASN1_STRING_get0_data (g_openSsl.ASN1_STRING_get0_data)
+#define ASN1_STRING_length (g_openSsl.ASN1_STRING_length)
+#define BIO_clear_flags (g_openSsl.BIO_clear_flags)
+#define BIO_get_data (g_openSsl.BIO_get_data)
+#define BIO_get_new_index (g_openSsl.BIO_get_new_index)
+#define BIO_meth_new (g_openSsl.BIO_meth_new)
+#define BIO_meth_set_ctrl (g_openSsl.BIO_meth_set_ctrl)
+#define BIO_meth_set_read (g_openSsl.BIO_meth_set_read)
+#define BIO_meth_set_write (g_openSsl.BIO_meth_set_write)
+#define BIO_new (g_openSsl.BIO_new)
+#define BIO_set_data (g_openSsl.BIO_set_data)
+#define BIO_set_flags (g_openSsl.BIO_set_flags)
+#define BIO_set_init (g_openSsl.BIO_set_init)
+#define CRYPTO_free (g_openSsl.CRYPTO_free)
+#define CRYPTO_get_ex_new_index (g_openSsl.CRYPTO_get_ex_new_index)
+#define ERR_clear_error (g_openSsl.ERR_clear_error)
+#define OPENSSL_sk_num (g_openSsl.OPENSSL_sk_num)
+#define RAND_add (g_openSsl.RAND_add)
+#define RAND_bytes (g_openSsl.RAND_bytes)
+#define SSL_CIPHER_get_protocol_id (g_openSsl.SSL_CIPHER_get_protocol_id)
+#define SSL_CTX_ctrl (g_openSsl.SSL_CTX_ctrl)
+#define SSL_CTX_free (g_openSsl.SSL_CTX_free)
+#define SSL_CTX_new (g_openSsl.SSL_CTX_new)
+#define SSL_CTX_set_cert_store (g_openSsl.SSL_CTX_set_cert_store)
+#define SSL_CTX_set_cert_verify_callback (g_openSsl.SSL_CTX_set_cert_verify_callback)
+#define SSL_CTX_set_cipher_list (g_openSsl.SSL_CTX_set_cipher_list)
+#define SSL_CTX_set_info_callback (g_openSsl.SSL_CTX_set_info_callback)
+#define SSL_CTX_set_options (g_openSsl.SSL_CTX_set_options)
+#define SSL_CTX_set_security_level (g_openSsl.SSL_CTX_set_security_level)
+#define SSL_CTX_set_verify (g_openSsl.SSL_CTX_set_verify)
+#define SSL_do_handshake (g_openSsl.SSL_do_handshake)
+#define SSL_free (g_openSsl.SSL_free)
+#define SSL_get_current_cipher (g_openSsl.SSL_get_current_cipher)
+#define SSL_get_error (g_openSsl.SSL_get_error)
+#define SSL_get_ex_data (g_openSsl.SSL_get_ex_data)
+#define SSL_get_ex_data_X509_STORE_CTX_idx (g_openSsl.SSL_get_ex_data_X509_STORE_CTX_idx)
+#define SSL_new (g_openSsl.SSL_new)
+#define SSL_read_ex (g_openSsl.SSL_read_ex)
+#define SSL_set_bio (g_openSsl.SSL_set_bio)
+#define SSL_set_connect_state (g_openSsl.SSL_set_connect_state)
+#define SSL_set_ex_data (g_openSsl.SSL_set_ex_data)
+#define SSL_shutdown (g_openSsl.SSL_shutdown)
+#define SSL_version (g_openSsl.SSL_version)
+#define SSL_write_ex (g_openSsl.SSL_write_ex)
+#define TLS_client_method (g_openSsl.TLS_client_method)
+#define X509_NAME_ENTRY_get_data (g_openSsl.X509_NAME_ENTRY_get_data)
+#define X509_NAME_get_entry (g_openSsl.X509_NAME_get_entry)
+#define X509_NAME_get_index_by_NID (g_openSsl.X509_NAME_get_index_by_NID)
+#define X509_STORE_CTX_get0_cert (g_openSsl.X509_STORE_CTX_get0_cert)
+#define X509_STORE_CTX_get0_untrusted (g_openSsl.X509_STORE_CTX_get0_untrusted)
+#define X509_STORE_CTX_get_error (g_openSsl.X509_STORE_CTX_get_error)
+#define X509_STORE_CTX_get_ex_data (g_openSsl.X509_STORE_CTX_get_ex_data)
+#define X509_STORE_CTX_set_error (g_openSsl.X509_STORE_CTX_set_error)
+#define X509_STORE_free (g_openSsl.X509_STORE_free)
+#define X509_STORE_load_file (g_openSsl.X509_STORE_load_file)
+#define X509_STORE_new (g_openSsl.X509_STORE_new)
+#define X509_STORE_up_ref (g_openSsl.X509_STORE_up_ref)
+#define X509_free (g_openSsl.X509_free)
+#define X509_get_subject_name (g_openSsl.X509_get_subject_name)
+#define X509_verify_cert (g_openSsl.X509_verify_cert)
+#define d2i_X509 (g_openSsl.d2i_X509)
+#define i2d_X509 (g_openSsl.i2d_X509)
 
 namespace {
 
@@ -366,7 +605,7 @@ int TLSDeleteContext(TLSContext *pCtx) {
 }
 
 int TLSInitCMContext(TLSContext *pCtx, CM_CONTEXT_T *pCmContext) {
-    if (Ctx(pCtx) == nullptr || pCmContext == nullptr) {
+    if (Ctx(pCtx) == nullptr || pCmContext == nullptr || !OpenSslReady()) {
         return kFail;
     }
     X509_STORE *pStore = X509_STORE_new();
@@ -398,7 +637,10 @@ int TLSDeleteCMContext(TLSContext *, CM_CONTEXT_T *pCmContext) {
     if (pCmContext == nullptr) {
         return kFail;
     }
-    X509_STORE_free(reinterpret_cast<X509_STORE *>(*pCmContext));
+    /* A store was only ever made with OpenSSL loaded. */
+    if (*pCmContext != 0) {
+        X509_STORE_free(reinterpret_cast<X509_STORE *>(*pCmContext));
+    }
     *pCmContext = 0;
     return 0;
 }
@@ -449,7 +691,7 @@ LAPI_HOST_SETTER(TLSSetCheckCertificateChainRef, void *, pChainRef)
 int TLSSetCipherSuites(TLSContext *pCtx, const TLSBuffer *pSuites) {
     HostTlsContext *p = Ctx(pCtx);
     if (p == nullptr || p->pSsl != nullptr || pSuites == nullptr || pSuites->data == nullptr ||
-        pSuites->length < 2 || pSuites->length % 2 != 0) {
+        pSuites->length < 2 || pSuites->length % 2 != 0 || !OpenSslReady()) {
         return kFail;
     }
     std::string list;
@@ -497,6 +739,9 @@ int TLSSetOption(TLSContext *pCtx, uint32_t option) {
 int TLSHandshake(TLSContext *pCtx) {
     HostTlsContext *p = Ctx(pCtx);
     if (p == nullptr || p->readFunc == nullptr || p->writeFunc == nullptr) {
+        return kFail;
+    }
+    if (p->pSsl == nullptr && !OpenSslReady()) {
         return kFail;
     }
     if (p->pSsl == nullptr && MakeSession(p) != 0) {
@@ -585,7 +830,7 @@ int TLSClose(TLSContext *pCtx) {
 
 int TLSExtractCertificateNameItem(const TLSBuffer *pCertificate, uint32_t item, TLSBuffer *pName) {
     if (pCertificate == nullptr || pCertificate->data == nullptr || pName == nullptr ||
-        pName->data == nullptr || item != 0) {
+        pName->data == nullptr || item != 0 || !OpenSslReady()) {
         return kFail;
     }
     const unsigned char *pDer = pCertificate->data;
@@ -615,14 +860,14 @@ int TLSExtractCertificateNameItem(const TLSBuffer *pCertificate, uint32_t item, 
 
 int TLSGenerateRandom(const TLSBuffer *, TLSBuffer *pRandom, uint32_t) {
     if (pRandom == nullptr || (pRandom->data == nullptr && pRandom->length != 0) ||
-        pRandom->length > 0x7FFFFFFFu) {
+        pRandom->length > 0x7FFFFFFFu || !OpenSslReady()) {
         return kFail;
     }
     return RAND_bytes(pRandom->data, static_cast<int>(pRandom->length)) == 1 ? 0 : kFail;
 }
 
 int cert_ParseCertificate(const uint8_t *pData, uint32_t length, CERT_PARSED_S *pParsed) {
-    if (pData == nullptr || pParsed == nullptr) {
+    if (pData == nullptr || pParsed == nullptr || !OpenSslReady()) {
         return kFail;
     }
     /* Only a certificate OpenSSL accepts is located. */

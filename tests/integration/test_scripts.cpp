@@ -94,4 +94,13 @@ TEST(SetUpScripts, TestScriptRefusesAnUnknownMode) {
     EXPECT_EQ(2, r.status);
 }
 
+TEST(SetUpScripts, MemoryScriptRefusesAnUnknownOptionAndExplainsItself) {
+    ScriptRun r = Bash("bash scripts/memory.sh --bogus");
+    EXPECT_EQ(2, r.status);
+    EXPECT_NE(std::string::npos, r.output.find("usage: scripts/memory.sh")) << r.output;
+    r = Bash("bash scripts/memory.sh --help");
+    EXPECT_EQ(0, r.status);
+    EXPECT_NE(std::string::npos, r.output.find("Private_Dirty")) << r.output;
+}
+
 }  // namespace
