@@ -29,6 +29,19 @@ namespace {
 constexpr int kHandshakeMsgSize = LAPI_MSG_HEADER_LEN + LAPI_REGISTER_REQ_LEN;
 static_assert(LAPI_REGISTER_REQ_LEN == LAPI_GET_ASYNC_FD_REQ_LEN);
 
+/* The two messages a new connection may start with. */
+struct Handshake {
+    uint16_t msgId;
+    const char *pWrongLenFmt; /* takes msgLen */
+    const char *pWhat;        /* "Receive %s message with more bytes than expected!" */
+    int (*proc)(uint8_t *pMsg, Fdops *pFdops);
+};
+constexpr Handshake kHandshakes[] = {
+    {LAPI_REGISTER_REQ, "Invalid register msgLen: %d!", "register", LAPI_SRV_ProcRegisterMsg},
+    {LAPI_GET_ASYNC_FD_REQ, "Invalid get async fd msgLen: %d!", "get async fd",
+     LAPI_SRV_ProcGetAsyncFdMsg},
+};
+
 MsgHeader ReadHeader(const uint8_t *pMsg) {
     MsgHeader h;
     memset(&h, 0, sizeof(h));
@@ -71,9 +84,10 @@ int SendHeaderOnly(Fdops *pFdops, uint16_t msgId) {
  * taken is a mistake in the rows and is left out with an error line. */
 static void InstallApRows(const LAPI_SRV_ApMsgRow *pRows, size_t count) {
     for (size_t i = 0; i < count; ++i) {
-        int index = pRows[i].msgId - LAPI_CLI_MSG_BASE;
+        int msgId = pRows[i].pMsg != nullptr ? pRows[i].pMsg->msgId : -1;
+        int index = msgId - LAPI_CLI_MSG_BASE;
         if (index < 0 || index >= LAPI_SRV_AP_MSG_PROC_COUNT || apMsgRows[index] != nullptr) {
-            LAPI_SRV_ERR("Invalid client msg row: %d!", pRows[i].msgId);
+            LAPI_SRV_ERR("Invalid client msg row: %d!", msgId);
             continue;
         }
         apMsgRows[index] = &pRows[i];
@@ -89,19 +103,19 @@ void LAPI_SRV_InitApMsgProc(void) {
 }
 
 int LAPI_SRV_RunApMsgRow(const LAPI_SRV_ApMsgRow *pRow, uint8_t *pMsg, Fdops *pFdops) {
-    if (pRow == nullptr || pRow->proc == nullptr) {
+    if (pRow == nullptr || pRow->proc == nullptr || pRow->pMsg == nullptr) {
         return -1;
     }
+    const LAPI_ApMsgLenRow &m = *pRow->pMsg;
     MsgHeader h = ReadHeader(pMsg);
     int pid = static_cast<int>(h.pid);
-    if (h.msgId != pRow->msgId) {
+    if (h.msgId != m.msgId) {
         LAPI_LogLine(1, 1, pRow->pFile, __LINE__, pRow->pProcName,
                      "pMsgHeader->msgId : %d is not expected, pid : %d!", h.msgId, pid);
         return -1;
     }
-    if (!LAPI_SRV_LenFits(pRow->lenRule, pRow->len, h.msgLen)) {
-        LAPI_LogLine(1, 1, pRow->pFile, __LINE__, pRow->pProcName, pRow->pWrongLenFmt, h.msgLen,
-                     pid);
+    if (!LAPI_LenFits(m.lenRule, m.len, h.msgLen)) {
+        LAPI_LogLine(1, 1, pRow->pFile, __LINE__, pRow->pProcName, m.pWrongLenFmt, h.msgLen, pid);
         return -1;
     }
     return pRow->proc(pMsg, pFdops);
@@ -111,26 +125,27 @@ int LAPI_SRV_RunApMsgRow(const LAPI_SRV_ApMsgRow *pRow, uint8_t *pMsg, Fdops *pF
 /* Read procedures                                                           */
 /* ------------------------------------------------------------------------ */
 
-void LAPI_SRV_SockReadProcAfterConnect(Fdops *pFdops) {
-    if (!LAPI_SRV_READ_INTO_FDOPS(pFdops)) {
+/* A read procedure of a client connection: reads, then takes the complete
+ * messages; a refusal closes the connection. The lines name the read
+ * procedure (file, line, func). A successful unregisterReq has freed
+ * pFdops: it is touched afterwards only on failure, which never frees it. */
+static void ReadAndTakeMessages(Fdops *pFdops, int (*takeMessages)(Fdops *), const char *file,
+                                int line, const char *func) {
+    if (!LAPI_SRV_ReadIntoFdops(pFdops, file, line, func)) {
         return;
     }
-    if (LAPI_SRV_SockMsgProcAfterConnect(pFdops) < 0) {
-        LAPI_SRV_ERR("Fail to process message for pFdops!");
+    if (takeMessages(pFdops) < 0) {
+        LAPI_LogLine(1, 1, file, line, func, "Fail to process message for pFdops!");
         CallCloseProc(pFdops);
     }
 }
 
+void LAPI_SRV_SockReadProcAfterConnect(Fdops *pFdops) {
+    ReadAndTakeMessages(pFdops, LAPI_SRV_SockMsgProcAfterConnect, __FILE__, __LINE__, __func__);
+}
+
 void LAPI_SRV_SockReadProcAfterRegister(Fdops *pFdops) {
-    if (!LAPI_SRV_READ_INTO_FDOPS(pFdops)) {
-        return;
-    }
-    /* A successful unregisterReq has freed pFdops: touch it only on failure,
-     * which never frees it. */
-    if (LAPI_SRV_SockMsgProcAfterRegister(pFdops) < 0) {
-        LAPI_SRV_ERR("Fail to process message for pFdops!");
-        CallCloseProc(pFdops);
-    }
+    ReadAndTakeMessages(pFdops, LAPI_SRV_SockMsgProcAfterRegister, __FILE__, __LINE__, __func__);
 }
 
 void LAPI_SRV_SockReadProcNull(Fdops *pFdops) {
@@ -163,37 +178,28 @@ int LAPI_SRV_SockMsgProcAfterConnect(Fdops *pFdops) {
         return 0;
     }
     MsgHeader h = ReadHeader(pFdBuf->buf);
-    int ret;
-    if (h.msgId == LAPI_REGISTER_REQ) {
-        if (h.msgLen != LAPI_REGISTER_REQ_LEN) {
-            LAPI_SRV_ERR("Invalid register msgLen: %d!", h.msgLen);
-            return -1;
+    const Handshake *pStep = nullptr;
+    for (const Handshake &step : kHandshakes) {
+        if (step.msgId == h.msgId) {
+            pStep = &step;
         }
-        if (pFdBuf->idx < kHandshakeMsgSize) {
-            return 0;
-        }
-        if (pFdBuf->idx > kHandshakeMsgSize) {
-            LAPI_SRV_ERR("Receive register message with more bytes than expected!");
-            return -1;
-        }
-        ret = LAPI_SRV_ProcRegisterMsg(pFdBuf->buf, pFdops);
-    } else if (h.msgId == LAPI_GET_ASYNC_FD_REQ) {
-        if (h.msgLen != LAPI_GET_ASYNC_FD_REQ_LEN) {
-            LAPI_SRV_ERR("Invalid get async fd msgLen: %d!", h.msgLen);
-            return -1;
-        }
-        if (pFdBuf->idx < kHandshakeMsgSize) {
-            return 0;
-        }
-        if (pFdBuf->idx > kHandshakeMsgSize) {
-            LAPI_SRV_ERR("Receive get async fd message with more bytes than expected!");
-            return -1;
-        }
-        ret = LAPI_SRV_ProcGetAsyncFdMsg(pFdBuf->buf, pFdops);
-    } else {
+    }
+    if (pStep == nullptr) {
         LAPI_SRV_ERR("Not expected msgId: %d!", h.msgId);
         return -1;
     }
+    if (!LAPI_ApMsgLenFits(h.msgId, h.msgLen)) {
+        LAPI_SRV_ERR(pStep->pWrongLenFmt, h.msgLen);
+        return -1;
+    }
+    if (pFdBuf->idx < kHandshakeMsgSize) {
+        return 0;
+    }
+    if (pFdBuf->idx > kHandshakeMsgSize) {
+        LAPI_SRV_ERR("Receive %s message with more bytes than expected!", pStep->pWhat);
+        return -1;
+    }
+    int ret = pStep->proc(pFdBuf->buf, pFdops);
     /* The handshake handlers never free pFdops; a refusal is closed by the
      * read procedure afterwards. */
     pFdBuf->idx = 0;
@@ -246,17 +252,40 @@ int LAPI_SRV_SockMsgProcAfterRegister(Fdops *pFdops) {
 /* Handshake                                                                 */
 /* ------------------------------------------------------------------------ */
 
-int LAPI_SRV_ProcRegisterMsg(uint8_t *pMsg, Fdops *pFdops) {
+/* The start of every message handler here: the message's header in *pH,
+ * or false (after the handler's error line) when there is no message or no
+ * connection. */
+static bool HeaderOf(const uint8_t *pMsg, const Fdops *pFdops, MsgHeader *pH, int line,
+                     const char *func) {
     if (pMsg == nullptr || pFdops == nullptr) {
-        LAPI_SRV_ERR("Invalid pFdops!");
-        return -1;
+        LAPI_LogLine(1, 1, LAPI_LOG_FILE, line, func, "Invalid pFdops!");
+        return false;
     }
-    MsgHeader h = ReadHeader(pMsg);
-    int pid = static_cast<int>(h.pid);
+    *pH = ReadHeader(pMsg);
+    return true;
+}
+
+/* The start of both handshake handlers: as HeaderOf, and false as well when
+ * the connection already belongs to a client. */
+static bool HandshakeOnFreshConnection(const uint8_t *pMsg, Fdops *pFdops, MsgHeader *pH, int line,
+                                       const char *func) {
+    if (!HeaderOf(pMsg, pFdops, pH, line, func)) {
+        return false;
+    }
     if (LAPI_SRV_FdopsClient(pFdops) != nullptr) {
-        LAPI_SRV_ERR("pFdops->pFdInfo != NULL, pid is : %d!", pid);
+        LAPI_LogLine(1, 1, LAPI_LOG_FILE, line, func, "pFdops->pFdInfo != NULL, pid is : %d!",
+                     static_cast<int>(pH->pid));
+        return false;
+    }
+    return true;
+}
+
+int LAPI_SRV_ProcRegisterMsg(uint8_t *pMsg, Fdops *pFdops) {
+    MsgHeader h;
+    if (!HandshakeOnFreshConnection(pMsg, pFdops, &h, __LINE__, __func__)) {
         return -1;
     }
+    int pid = static_cast<int>(h.pid);
     /* Only the three low bits mean something; the others are cleared in
      * the message itself. */
     uint32_t service = ReadU32At(pMsg, offsetof(RegisterReq, service)) & LAPI_SERVICE_MASK;
@@ -277,10 +306,7 @@ int LAPI_SRV_ProcRegisterMsg(uint8_t *pMsg, Fdops *pFdops) {
         LAPI_SRV_ERR("Fail to create Client, pid is : %d!", pid);
         return -1;
     }
-    RegisterRsp rsp;
-    rsp.header.pid = 0;
-    rsp.header.msgId = LAPI_REGISTER_RSP;
-    rsp.header.msgLen = LAPI_REGISTER_RSP_LEN;
+    RegisterRsp rsp = LAPI_NewApMsg<RegisterRsp, LAPI_REGISTER_RSP>(0);
     rsp.globalId = pClient->globalId;
     if (LAPI_SRV_GeneralWrite(pClient->pSyncFdops, &rsp, sizeof(rsp)) < 0) {
         /* The client stays: closing this connection removes it. */
@@ -291,16 +317,11 @@ int LAPI_SRV_ProcRegisterMsg(uint8_t *pMsg, Fdops *pFdops) {
 }
 
 int LAPI_SRV_ProcGetAsyncFdMsg(uint8_t *pMsg, Fdops *pFdops) {
-    if (pMsg == nullptr || pFdops == nullptr) {
-        LAPI_SRV_ERR("Invalid pFdops!");
+    MsgHeader h;
+    if (!HandshakeOnFreshConnection(pMsg, pFdops, &h, __LINE__, __func__)) {
         return -1;
     }
-    MsgHeader h = ReadHeader(pMsg);
     int pid = static_cast<int>(h.pid);
-    if (LAPI_SRV_FdopsClient(pFdops) != nullptr) {
-        LAPI_SRV_ERR("pFdops->pFdInfo != NULL, pid is : %d!", pid);
-        return -1;
-    }
     uint32_t globalId = ReadU32At(pMsg, offsetof(GetAsyncFdReq, globalId));
     Client *pClient = LAPI_SRV_GetClientByGlobalId(globalId);
     if (pClient == nullptr) {
@@ -344,11 +365,10 @@ int LAPI_SRV_ProcGetAsyncFdMsg(uint8_t *pMsg, Fdops *pFdops) {
 /* ------------------------------------------------------------------------ */
 
 int LAPI_SRV_ProcessApMsg(uint8_t *pMsg, Fdops *pFdops) {
-    if (pMsg == nullptr || pFdops == nullptr) {
-        LAPI_SRV_ERR("Invalid pFdops!");
+    MsgHeader h;
+    if (!HeaderOf(pMsg, pFdops, &h, __LINE__, __func__)) {
         return -1;
     }
-    MsgHeader h = ReadHeader(pMsg);
     int pid = static_cast<int>(h.pid);
     Client *pClient = LAPI_SRV_FdopsClient(pFdops);
     if (pClient == nullptr) {
@@ -377,11 +397,10 @@ int LAPI_SRV_ProcessApMsg(uint8_t *pMsg, Fdops *pFdops) {
 }
 
 int LAPI_SRV_ProcUnregisterMsg(uint8_t *pMsg, Fdops *pFdops) {
-    if (pMsg == nullptr || pFdops == nullptr) {
-        LAPI_SRV_ERR("Invalid pFdops!");
+    MsgHeader h;
+    if (!HeaderOf(pMsg, pFdops, &h, __LINE__, __func__)) {
         return -1;
     }
-    MsgHeader h = ReadHeader(pMsg);
     int pid = static_cast<int>(h.pid);
     if (SendHeaderOnly(pFdops, LAPI_UNREGISTER_RSP) < 0) {
         LAPI_SRV_ERR("Fail to send unregister response to pid : %d!", pid);
@@ -411,6 +430,6 @@ void LAPI_SRV_ProcClientCrash(Fdops *pFdops) {
     }
 }
 
-const LAPI_SRV_ApMsgRow LAPI_SRV_unregisterRow =
-    LAPI_SRV_AP_ROW(LAPI_UNREGISTER_REQ, LAPI_SRV_ProcUnregisterMsg, LAPI_SRV_LEN_EXACT,
-                    LAPI_UNREGISTER_REQ_LEN, "Wrong unregister msg length: %d, pid is: %d!");
+constexpr LAPI_SRV_ApMsgRow LAPI_SRV_unregisterRow =
+    LAPI_SRV_AP_ROW(LAPI_UNREGISTER_REQ, LAPI_SRV_ProcUnregisterMsg);
+static_assert(LAPI_SRV_ApRowsValid(&LAPI_SRV_unregisterRow, 1));

@@ -38,30 +38,40 @@ extern LAPI_SRV_ApMsgProcFn LAPI_SRV_apMsgProcTable[LAPI_SRV_AP_MSG_PROC_COUNT];
 /* ---- dispatch rows ----
  *
  * Every client message the dispatcher takes has one row: its handler, the
- * name and source file the handler's diagnostics carry, and the length rule
- * of its body with the wrong-length text. LAPI_SRV_ProcessApMsg checks the
- * message against the row (identifier, then length, each error line in the
- * handler's name) before the handler runs. A handler put into
- * LAPI_SRV_apMsgProcTable in place of its row's (a stand-in) gets every
- * message unchecked.
+ * name and source file the handler's diagnostics carry, and the message's
+ * shared row (LAPI_ApMsgRows.h: the length rule of its body and the
+ * wrong-length text). LAPI_SRV_ProcessApMsg checks the message against the
+ * row (identifier, then length, each error line in the handler's name)
+ * before the handler runs. A handler put into LAPI_SRV_apMsgProcTable in
+ * place of its row's (a stand-in) gets every message unchecked.
  *
  * To add a row: write the handler, list it with LAPI_SRV_AP_ROW in the row
  * array of its source file, and install that array in
- * LAPI_SRV_InitApMsgProc. */
+ * LAPI_SRV_InitApMsgProc. The message's shared row must carry a
+ * wrong-length text (checked at compile time). */
 struct LAPI_SRV_ApMsgRow {
-    uint16_t msgId;
+    const LAPI_ApMsgLenRow *pMsg; /* identifier, length rule, wrong-length text */
     LAPI_SRV_ApMsgProcFn proc;
     const char *pProcName; /* the function named on its error lines */
     const char *pFile;     /* the source those lines name */
-    LAPI_SRV_LenRule lenRule;
-    uint16_t len;             /* of the body after the MsgHeader */
-    const char *pWrongLenFmt; /* takes msgLen, then the pid */
 };
 
-#define LAPI_SRV_AP_ROW(msgId, proc, lenRule, len, wrongLenFmt)           \
-    LAPI_SRV_ApMsgRow {                                                   \
-        (msgId), (proc), #proc, __FILE__, (lenRule), (len), (wrongLenFmt) \
+#define LAPI_SRV_AP_ROW(msgId, proc)                    \
+    LAPI_SRV_ApMsgRow {                                 \
+        LAPI_ApMsgRowOf(msgId), (proc), #proc, __FILE__ \
     }
+
+/* Whether rows are sound: each names a shared row with a wrong-length text
+ * and a handler. */
+constexpr bool LAPI_SRV_ApRowsValid(const LAPI_SRV_ApMsgRow *pRows, size_t count) {
+    for (size_t i = 0; i < count; ++i) {
+        if (pRows[i].pMsg == nullptr || pRows[i].pMsg->pWrongLenFmt == nullptr ||
+            pRows[i].proc == nullptr) {
+            return false;
+        }
+    }
+    return true;
+}
 
 /* unregisterReq (LAPI_SRV_ApMsgProc.cpp) and the requests that go to the BP
  * (LAPI_SRV_ApMsgProcReq.cpp). */

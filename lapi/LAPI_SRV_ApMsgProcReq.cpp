@@ -218,18 +218,42 @@ class BpRequest {
     LAPI_Writer w_;
 };
 
+/* A request that goes to the BP as one message: a new transaction for the
+ * client, then the BP message with what fill writes after its header (fill
+ * may also note what the transaction must keep), sent in the handler's name
+ * (site). Returns what the handler returns. */
+template <typename Fill>
+static int ForwardToBp(uint8_t *pMsg, Fdops *pFdops, uint8_t subCmdId, uint32_t deadlineSec,
+                       const char *pName, LogSite site, Fill fill) {
+    int result = 0;
+    Transaction *pTran = StartBpRequest(pMsg, pFdops, subCmdId, deadlineSec, &result, site);
+    if (pTran == nullptr) {
+        return result;
+    }
+    BpRequest bp(subCmdId, pTran->sid, pTran->tid);
+    fill(pTran, bp.W());
+    bp.Send(pName, ReadHeader(pMsg).pid, site);
+    return 0;
+}
+
+/* A request that carries nothing but its header to the BP. */
+#define NOTHING_MORE [](Transaction *, LAPI_Writer &) {}
+
 /* ------------------------------------------------------------------------ */
 /* Short answers the server gives by itself                                  */
 /* ------------------------------------------------------------------------ */
 
-int LAPI_SRV_SendInvalidReqResponse(Fdops *pFdops, uint8_t sid, uint8_t tid) {
-    InvalidRequestRsp rsp;
-    memset(&rsp, 0, sizeof(rsp));
-    rsp.header.pid = 0;
-    rsp.header.msgId = LAPI_INVALID_REQUEST_RSP;
-    rsp.header.msgLen = LAPI_INVALID_REQUEST_RSP_LEN;
+/* An answer that carries the client's pair alone. */
+template <typename T, uint16_t kMsgId>
+static T PairAnswer(uint8_t sid, uint8_t tid) {
+    T rsp = LAPI_NewApMsg<T, kMsgId>(0);
     rsp.sessionId = sid;
     rsp.transactionId = tid;
+    return rsp;
+}
+
+int LAPI_SRV_SendInvalidReqResponse(Fdops *pFdops, uint8_t sid, uint8_t tid) {
+    InvalidRequestRsp rsp = PairAnswer<InvalidRequestRsp, LAPI_INVALID_REQUEST_RSP>(sid, tid);
     /* Written straight to the connection: a refused pair keeps the client,
      * so a failure here is left to the caller's result. */
     if (pFdops == nullptr || LAPI_SRV_GeneralWrite(pFdops, &rsp, sizeof(rsp)) != 0) {
@@ -240,13 +264,7 @@ int LAPI_SRV_SendInvalidReqResponse(Fdops *pFdops, uint8_t sid, uint8_t tid) {
 }
 
 int LAPI_SRV_SendTimeOutReqResponse(Fdops *pFdops, uint8_t sid, uint8_t tid) {
-    TimeOutRsp rsp;
-    memset(&rsp, 0, sizeof(rsp));
-    rsp.header.pid = 0;
-    rsp.header.msgId = LAPI_TIME_OUT_RSP;
-    rsp.header.msgLen = LAPI_TIME_OUT_RSP_LEN;
-    rsp.sessionId = sid;
-    rsp.transactionId = tid;
+    TimeOutRsp rsp = PairAnswer<TimeOutRsp, LAPI_TIME_OUT_RSP>(sid, tid);
     if (LAPI_SRV_SendMsgToClient(pFdops, &rsp, sizeof(rsp)) != 0) {
         LAPI_SRV_ERR("Fail to send timeout response!");
         return -1;
@@ -344,15 +362,9 @@ int LAPI_SRV_ProcAbortAllLocationMsg(uint8_t * /*pMsg*/, Fdops * /*pFdops*/) {
 }
 
 int LAPI_SRV_ProcLastKnownLocationMsg(uint8_t *pMsg, Fdops *pFdops) {
-    int result = 0;
-    Transaction *pTran = StartBpRequest(pMsg, pFdops, LAST_KNOWN_GEOLOCATION_APBP_REQ,
-                                        LAPI_SRV_LAST_KNOWN_DEADLINE_SEC, &result, LOG_SITE);
-    if (pTran == nullptr) {
-        return result;
-    }
-    BpRequest bp(LAST_KNOWN_GEOLOCATION_APBP_REQ, pTran->sid, pTran->tid);
-    bp.Send("getLastKnownLocation", ReadHeader(pMsg).pid, LOG_SITE);
-    return 0;
+    return ForwardToBp(pMsg, pFdops, LAST_KNOWN_GEOLOCATION_APBP_REQ,
+                       LAPI_SRV_LAST_KNOWN_DEADLINE_SEC, "getLastKnownLocation", LOG_SITE,
+                       NOTHING_MORE);
 }
 
 /* ------------------------------------------------------------------------ */
@@ -361,16 +373,8 @@ int LAPI_SRV_ProcLastKnownLocationMsg(uint8_t *pMsg, Fdops *pFdops) {
 
 int LAPI_SRV_ProcGetGpsDbDataMsg(uint8_t *pMsg, Fdops *pFdops) {
     GetGpsDbDataReq req = ReadMsg<GetGpsDbDataReq>(pMsg);
-    int result = 0;
-    Transaction *pTran =
-        StartBpRequest(pMsg, pFdops, DB_READ_APBP_REQ, LAPI_SRV_DB_DEADLINE_SEC, &result, LOG_SITE);
-    if (pTran == nullptr) {
-        return result;
-    }
-    BpRequest bp(DB_READ_APBP_REQ, pTran->sid, pTran->tid);
-    bp.W().PutBe32(req.fileId);
-    bp.Send("getGpsDbData", req.header.pid, LOG_SITE);
-    return 0;
+    return ForwardToBp(pMsg, pFdops, DB_READ_APBP_REQ, LAPI_SRV_DB_DEADLINE_SEC, "getGpsDbData",
+                       LOG_SITE, [&req](Transaction *, LAPI_Writer &w) { w.PutBe32(req.fileId); });
 }
 
 /*
@@ -422,10 +426,8 @@ int LAPI_SRV_ProcSetGpsDbDataMsg(uint8_t *pMsg, Fdops *pFdops) {
         size_t data = entry + offsetof(DbFile, data);
         uint8_t *pOut = nullptr;
         if (length > 0 && w.Reserve(length, &pOut) == 0) {
-            const uint8_t *pIn = nullptr;
-            if (data < msgSize && ReaderAt(padded, data).GetSpan(&pIn, length) == 0) {
-                LAPI_SRV_ByteOrderHostToNet(pOut, pIn, length);
-            } else {
+            /* Host order to one big-endian number: the bytes reversed. */
+            if (data >= msgSize || ReaderAt(padded, data).GetReversed(pOut, length) != 0) {
                 memset(pOut, 0, length);
             }
         }
@@ -435,15 +437,8 @@ int LAPI_SRV_ProcSetGpsDbDataMsg(uint8_t *pMsg, Fdops *pFdops) {
 }
 
 int LAPI_SRV_ProcGetStatusMsg(uint8_t *pMsg, Fdops *pFdops) {
-    int result = 0;
-    Transaction *pTran = StartBpRequest(pMsg, pFdops, GET_STATUS_APBP_REQ,
-                                        LAPI_SRV_STATUS_DEADLINE_SEC, &result, LOG_SITE);
-    if (pTran == nullptr) {
-        return result;
-    }
-    BpRequest bp(GET_STATUS_APBP_REQ, pTran->sid, pTran->tid);
-    bp.Send("getStatus", ReadHeader(pMsg).pid, LOG_SITE);
-    return 0;
+    return ForwardToBp(pMsg, pFdops, GET_STATUS_APBP_REQ, LAPI_SRV_STATUS_DEADLINE_SEC, "getStatus",
+                       LOG_SITE, NOTHING_MORE);
 }
 
 /* The pair in the answer is the BP's own, from the notification being
@@ -458,21 +453,14 @@ int LAPI_SRV_ProcLocationNotificationCfmMsg(uint8_t *pMsg, Fdops * /*pFdops*/) {
 
 int LAPI_SRV_ProcDistanceAzimuthMsg(uint8_t *pMsg, Fdops *pFdops) {
     DistanceAzimuthReq req = ReadMsg<DistanceAzimuthReq>(pMsg);
-    int result = 0;
-    Transaction *pTran = StartBpRequest(pMsg, pFdops, DISTANCE_AND_AZIMUTH_APBP_REQ,
-                                        LAPI_SRV_DISTANCE_DEADLINE_SEC, &result, LOG_SITE);
-    if (pTran == nullptr) {
-        return result;
-    }
-    BpRequest bp(DISTANCE_AND_AZIMUTH_APBP_REQ, pTran->sid, pTran->tid);
-    LAPI_Writer &w = bp.W();
-    w.PutBpFixed(req.latitude1);
-    w.PutBpFixed(req.longitude1);
-    w.PutBpFixed(req.latitude2);
-    w.PutBpFixed(req.longitude2);
-    w.PutU8(req.distanceOnly);
-    bp.Send("distanceAzimuthReq", req.header.pid, LOG_SITE);
-    return 0;
+    return ForwardToBp(pMsg, pFdops, DISTANCE_AND_AZIMUTH_APBP_REQ, LAPI_SRV_DISTANCE_DEADLINE_SEC,
+                       "distanceAzimuthReq", LOG_SITE, [&req](Transaction *, LAPI_Writer &w) {
+                           w.PutBpFixed(req.latitude1);
+                           w.PutBpFixed(req.longitude1);
+                           w.PutBpFixed(req.latitude2);
+                           w.PutBpFixed(req.longitude2);
+                           w.PutU8(req.distanceOnly);
+                       });
 }
 
 /* ------------------------------------------------------------------------ */
@@ -481,21 +469,14 @@ int LAPI_SRV_ProcDistanceAzimuthMsg(uint8_t *pMsg, Fdops *pFdops) {
 
 int LAPI_SRV_ProcAddProximityMsg(uint8_t *pMsg, Fdops *pFdops) {
     AddProximityReq req = ReadMsg<AddProximityReq>(pMsg);
-    int result = 0;
     /* The transaction stays after the BP's answer as the record of the area. */
-    Transaction *pTran = StartBpRequest(pMsg, pFdops, PROXIMITY_ADD_APBP_REQ,
-                                        LAPI_SRV_ADD_PROXIMITY_DEADLINE_SEC, &result, LOG_SITE);
-    if (pTran == nullptr) {
-        return result;
-    }
-    BpRequest bp(PROXIMITY_ADD_APBP_REQ, pTran->sid, pTran->tid);
-    LAPI_Writer &w = bp.W();
-    w.PutBpFixed(req.latitude);
-    w.PutBpFixed(req.longitude);
-    w.PutBpFixed(req.altitude);
-    w.PutBpFixed(req.radius);
-    bp.Send("addProximityReq", req.header.pid, LOG_SITE);
-    return 0;
+    return ForwardToBp(pMsg, pFdops, PROXIMITY_ADD_APBP_REQ, LAPI_SRV_ADD_PROXIMITY_DEADLINE_SEC,
+                       "addProximityReq", LOG_SITE, [&req](Transaction *, LAPI_Writer &w) {
+                           w.PutBpFixed(req.latitude);
+                           w.PutBpFixed(req.longitude);
+                           w.PutBpFixed(req.altitude);
+                           w.PutBpFixed(req.radius);
+                       });
 }
 
 static void SendRemoveProximityReq(const Transaction *pTran, uint32_t removeType, uint32_t pid,
@@ -507,15 +488,11 @@ static void SendRemoveProximityReq(const Transaction *pTran, uint32_t removeType
 
 int LAPI_SRV_ProcRemoveAllProximityMsg(uint8_t *pMsg, Fdops *pFdops) {
     RemoveProximityReq req = ReadMsg<RemoveProximityReq>(pMsg);
-    int result = 0;
-    Transaction *pTran = StartBpRequest(pMsg, pFdops, PROXIMITY_REM_APBP_REQ,
-                                        LAPI_SRV_REMOVE_PROXIMITY_DEADLINE_SEC, &result, LOG_SITE);
-    if (pTran == nullptr) {
-        return result;
-    }
-    pTran->reqParam = req.removeType;
-    SendRemoveProximityReq(pTran, req.removeType, req.header.pid, LOG_SITE);
-    return 0;
+    return ForwardToBp(pMsg, pFdops, PROXIMITY_REM_APBP_REQ, LAPI_SRV_REMOVE_PROXIMITY_DEADLINE_SEC,
+                       "removeProximityReq", LOG_SITE, [&req](Transaction *pTran, LAPI_Writer &w) {
+                           pTran->reqParam = req.removeType;
+                           w.PutBe32(req.removeType);
+                       });
 }
 
 int LAPI_SRV_ProcRemoveProximityMsg(uint8_t *pMsg, Fdops *pFdops) {
@@ -556,59 +533,30 @@ int LAPI_SRV_ProcRemoveProximityMsg(uint8_t *pMsg, Fdops *pFdops) {
 /* Dispatch rows                                                             */
 /* ------------------------------------------------------------------------ */
 
-/* Every request has a body of one exact length; the texts are the ones the
- * handlers have always written. */
+/* The lengths and wrong-length texts are in the shared rows. */
 constexpr LAPI_SRV_ApMsgRow LAPI_SRV_apRequestRows[] = {
-    LAPI_SRV_AP_ROW(LAPI_GET_LOCATION_REQ, LAPI_SRV_ProcGetLocationMsg, LAPI_SRV_LEN_EXACT,
-                    LAPI_GET_LOCATION_REQ_LEN, "Wrong get location msg length: %d, pid is: %d!"),
-    LAPI_SRV_AP_ROW(LAPI_ABORT_LOCATION_REQ, LAPI_SRV_ProcAbortLocationMsg, LAPI_SRV_LEN_EXACT,
-                    LAPI_ABORT_LOCATION_REQ_LEN,
-                    "Wrong abort location msg length: %d, pid is: %d!"),
-    LAPI_SRV_AP_ROW(LAPI_ABORT_ALL_LOCATION_REQ, LAPI_SRV_ProcAbortAllLocationMsg,
-                    LAPI_SRV_LEN_EXACT, LAPI_ABORT_ALL_LOCATION_REQ_LEN,
-                    "Wrong abort all location msg length: %d, pid is: %d!"),
-    LAPI_SRV_AP_ROW(LAPI_LAST_KNOWN_LOCATION_REQ, LAPI_SRV_ProcLastKnownLocationMsg,
-                    LAPI_SRV_LEN_EXACT, LAPI_LAST_KNOWN_LOCATION_REQ_LEN,
-                    "Wrong get last known location msg length: %d, pid is: %d!"),
-    LAPI_SRV_AP_ROW(LAPI_GET_GPS_DB_DATA_REQ, LAPI_SRV_ProcGetGpsDbDataMsg, LAPI_SRV_LEN_EXACT,
-                    LAPI_GET_GPS_DB_DATA_REQ_LEN,
-                    "Wrong get location state msg length: %d, pid is: %d!"),
-    LAPI_SRV_AP_ROW(LAPI_SET_GPS_DB_DATA_REQ, LAPI_SRV_ProcSetGpsDbDataMsg, LAPI_SRV_LEN_EXACT,
-                    LAPI_SET_GPS_DB_DATA_REQ_LEN,
-                    "Wrong set location state msg length: %d, pid is: %d!"),
-    LAPI_SRV_AP_ROW(LAPI_GET_STATUS_REQ, LAPI_SRV_ProcGetStatusMsg, LAPI_SRV_LEN_EXACT,
-                    LAPI_GET_STATUS_REQ_LEN, "Wrong get status msg length: %d, pid is: %d!"),
-    LAPI_SRV_AP_ROW(LAPI_LOCATION_NOTIFICATION_CFM, LAPI_SRV_ProcLocationNotificationCfmMsg,
-                    LAPI_SRV_LEN_EXACT, LAPI_LOCATION_NOTIFICATION_CFM_LEN,
-                    "Wrong location notification confirm msg length: %d, pid is: %d!"),
-    LAPI_SRV_AP_ROW(LAPI_DISTANCE_AZIMUTH_REQ, LAPI_SRV_ProcDistanceAzimuthMsg, LAPI_SRV_LEN_EXACT,
-                    LAPI_DISTANCE_AZIMUTH_REQ_LEN,
-                    "Wrong distance and azimuth req msg length: %d, pid is: %d!"),
-    LAPI_SRV_AP_ROW(LAPI_ADD_PROXIMITY_REQ, LAPI_SRV_ProcAddProximityMsg, LAPI_SRV_LEN_EXACT,
-                    LAPI_ADD_PROXIMITY_REQ_LEN,
-                    "Wrong add proximity req msg length: %d, pid is: %d!"),
-    LAPI_SRV_AP_ROW(LAPI_REMOVE_PROXIMITY_REQ, LAPI_SRV_ProcRemoveProximityMsg, LAPI_SRV_LEN_EXACT,
-                    LAPI_REMOVE_PROXIMITY_REQ_LEN,
-                    "Wrong remove proximity req msg length: %d, pid is: %d!"),
+    LAPI_SRV_AP_ROW(LAPI_GET_LOCATION_REQ, LAPI_SRV_ProcGetLocationMsg),
+    LAPI_SRV_AP_ROW(LAPI_ABORT_LOCATION_REQ, LAPI_SRV_ProcAbortLocationMsg),
+    LAPI_SRV_AP_ROW(LAPI_ABORT_ALL_LOCATION_REQ, LAPI_SRV_ProcAbortAllLocationMsg),
+    LAPI_SRV_AP_ROW(LAPI_LAST_KNOWN_LOCATION_REQ, LAPI_SRV_ProcLastKnownLocationMsg),
+    LAPI_SRV_AP_ROW(LAPI_GET_GPS_DB_DATA_REQ, LAPI_SRV_ProcGetGpsDbDataMsg),
+    LAPI_SRV_AP_ROW(LAPI_SET_GPS_DB_DATA_REQ, LAPI_SRV_ProcSetGpsDbDataMsg),
+    LAPI_SRV_AP_ROW(LAPI_GET_STATUS_REQ, LAPI_SRV_ProcGetStatusMsg),
+    LAPI_SRV_AP_ROW(LAPI_LOCATION_NOTIFICATION_CFM, LAPI_SRV_ProcLocationNotificationCfmMsg),
+    LAPI_SRV_AP_ROW(LAPI_DISTANCE_AZIMUTH_REQ, LAPI_SRV_ProcDistanceAzimuthMsg),
+    LAPI_SRV_AP_ROW(LAPI_ADD_PROXIMITY_REQ, LAPI_SRV_ProcAddProximityMsg),
+    LAPI_SRV_AP_ROW(LAPI_REMOVE_PROXIMITY_REQ, LAPI_SRV_ProcRemoveProximityMsg),
 };
 const size_t LAPI_SRV_apRequestRowCount =
     sizeof(LAPI_SRV_apRequestRows) / sizeof(LAPI_SRV_apRequestRows[0]);
-
-static constexpr bool RowsValid() {
-    for (const LAPI_SRV_ApMsgRow &row : LAPI_SRV_apRequestRows) {
-        if (row.msgId < LAPI_CLI_MSG_BASE ||
-            row.msgId >= LAPI_CLI_MSG_BASE + LAPI_SRV_AP_MSG_PROC_COUNT || row.proc == nullptr) {
-            return false;
-        }
-    }
-    return true;
-}
-static_assert(RowsValid(), "every row names a client message identifier and a handler");
+static_assert(LAPI_SRV_ApRowsValid(LAPI_SRV_apRequestRows, sizeof(LAPI_SRV_apRequestRows) /
+                                                               sizeof(LAPI_SRV_apRequestRows[0])),
+              "every row names a client request with a wrong-length text and a handler");
 
 /* Not in the table: removeProximityReq hands a remove-all over to it. */
-const LAPI_SRV_ApMsgRow LAPI_SRV_removeAllProximityRow = LAPI_SRV_AP_ROW(
-    LAPI_REMOVE_PROXIMITY_REQ, LAPI_SRV_ProcRemoveAllProximityMsg, LAPI_SRV_LEN_EXACT,
-    LAPI_REMOVE_PROXIMITY_REQ_LEN, "Wrong remove proximity req msg length: %d, pid is: %d!");
+constexpr LAPI_SRV_ApMsgRow LAPI_SRV_removeAllProximityRow =
+    LAPI_SRV_AP_ROW(LAPI_REMOVE_PROXIMITY_REQ, LAPI_SRV_ProcRemoveAllProximityMsg);
+static_assert(LAPI_SRV_ApRowsValid(&LAPI_SRV_removeAllProximityRow, 1));
 
 /* ------------------------------------------------------------------------ */
 /* Deadlines                                                                 */

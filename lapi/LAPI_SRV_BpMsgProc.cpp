@@ -14,13 +14,17 @@
 #include <string.h>
 #include <unistd.h>
 
+#include <array>
+#include <iterator>
 #include <string>
+#include <utility>
 
 #include "LAPI_BpMsg.h"
 #include "LAPI_Log.h"
 #include "LAPI_SRV_Paths.h"
 #include "LAPI_LogFmt.h"
 #include "LAPI_SrvCli.h"
+#include "LAPI_TraceText.h"
 #include "LAPI_Wire.h"
 
 /* ------------------------------------------------------------------------ */
@@ -54,7 +58,7 @@ BpMsgProc LAPI_SRV_SetBpMsgProc(uint8_t subCmdId, BpMsgProc proc) {
     BpMsgProc old = bpMsgProc[subCmdId].proc;
     /* A stand-in procedure takes every length. */
     bpMsgProc[subCmdId] =
-        LAPI_SRV_BpMsgRow{subCmdId, proc, "", __FILE__, LAPI_SRV_LEN_AT_LEAST, 0, nullptr};
+        LAPI_SRV_BpMsgRow{subCmdId, proc, "", __FILE__, LAPI_LEN_AT_LEAST, 0, nullptr};
     return old;
 }
 
@@ -290,7 +294,7 @@ void LAPI_SRV_RunBpMsgRow(const LAPI_SRV_BpMsgRow *pRow, uint8_t *pMsg, uint16_t
                          r.Left() > 0 ? subCmdId : 0xFF, msgLen);
             return;
         }
-        if (!LAPI_SRV_LenFits(pRow->lenRule, pRow->len, msgLen)) {
+        if (!LAPI_LenFits(pRow->lenRule, pRow->len, msgLen)) {
             LAPI_LogLine(1, 1, pRow->pFile, __LINE__, pRow->pProcName, pRow->pWrongLenFmt, msgLen,
                          pRow->len);
             return;
@@ -336,10 +340,7 @@ void LAPI_SRV_InitBpMsgProc(void) {
 
 namespace {
 
-struct BpLogLine {
-    char text[LAPI_BP_LOG_LINE_SIZE];
-    int len;
-};
+using BpLogLine = LAPI_TraceText<LAPI_BP_LOG_LINE_SIZE>;
 
 /* One field of a fixed layout: its label and its width on the wire. */
 struct BpLogField {
@@ -362,50 +363,6 @@ LAPI_Reader Rest(const BpLogCursor *pCur) {
     return LAPI_Reader(pCur->pMsg + pCur->pos, pCur->pMsg + pCur->length);
 }
 
-/* Copies fixed text; cut (never written past) when the line is full. */
-void AppendStr(BpLogLine *pLine, const char *str, size_t n) {
-    int room = LAPI_BP_LOG_LINE_SIZE - pLine->len;
-    if (room <= 1) {
-        return;
-    }
-    if (n > static_cast<size_t>(room - 1)) {
-        n = static_cast<size_t>(room - 1);
-    }
-    memcpy(pLine->text + pLine->len, str, n);
-    pLine->len += static_cast<int>(n);
-    pLine->text[pLine->len] = '\0';
-}
-
-void AppendStr(BpLogLine *pLine, const char *str) {
-    AppendStr(pLine, str, strlen(str));
-}
-
-/* "%d" */
-void AppendInt(BpLogLine *pLine, int value) {
-    char num[lapi_fmt::kNumRoom];
-    AppendStr(pLine, num, static_cast<size_t>(lapi_fmt::Int(num, value) - num));
-}
-
-/* "0x" + two digits per byte in wire order + ", ". An empty field (no NMEA
- * data, no name, no address) goes to LAPI_FormatHexStr all the same: its
- * error line tells that the field was empty, and it adds nothing. */
-void AppendHex(BpLogLine *pLine, const uint8_t *pData, int width) {
-    if (width <= 0) {
-        LAPI_FormatHexStr(pData, width, pLine->text + pLine->len, 1);
-        pLine->text[pLine->len] = '\0';
-        return;
-    }
-    int need = 2 + 2 * width + 2 + 1;
-    if (LAPI_BP_LOG_LINE_SIZE - pLine->len < need) {
-        return;
-    }
-    int n = LAPI_FormatHexStr(pData, width, pLine->text + pLine->len, 1);
-    if (n > 0 && n < need) {
-        pLine->len += n;
-    }
-    pLine->text[pLine->len] = '\0';
-}
-
 /* Appends label and value of the next field; false when the message ends
  * before the field does. */
 bool LogField(BpLogLine *pLine, BpLogCursor *pCur, const char *label, size_t labelLen, int width) {
@@ -413,8 +370,8 @@ bool LogField(BpLogLine *pLine, BpLogCursor *pCur, const char *label, size_t lab
     if (width < 0 || Rest(pCur).GetSpan(&pField, static_cast<size_t>(width)) != 0) {
         return false;
     }
-    AppendStr(pLine, label, labelLen);
-    AppendHex(pLine, pField, width);
+    pLine->Append(label, labelLen);
+    pLine->AppendHex(pField, width, 1);
     pCur->pos += width;
     return true;
 }
@@ -436,8 +393,7 @@ bool LogFields(BpLogLine *pLine, BpLogCursor *pCur, const BpLogField *pFields, s
  * False (after the error line, in the logger's name) for a wrong message. */
 bool BeginLine(BpLogLine *pLine, BpLogCursor *pCur, const uint8_t *pMsg, int length,
                uint8_t subCmdId, const char *title, const char *func) {
-    pLine->len = 0;
-    pLine->text[0] = '\0';
+    pLine->Clear();
     pCur->pMsg = pMsg;
     pCur->length = length;
     pCur->pos = 0;
@@ -451,9 +407,9 @@ bool BeginLine(BpLogLine *pLine, BpLogCursor *pCur, const uint8_t *pMsg, int len
         BP_LOG_ERR(func, "pMsgHeader->subCmdId : 0x%02x is not expected!", id);
         return false;
     }
-    AppendStr(pLine, title);
+    pLine->AppendCStr(title);
     if (length >= LAPI_BP_MSG_HEADER_LEN) {
-        pLine->len += LAPI_LogBpMsgHeader(pMsg, pLine->text + pLine->len);
+        pLine->len += LAPI_LogBpMsgHeader(pMsg, pLine->End());
         pCur->pos = LAPI_BP_MSG_HEADER_LEN;
     } else {
         pCur->pos = length; /* a header cut short: nothing more to show */
@@ -486,17 +442,17 @@ void LogDbFilesMsg(const uint8_t *pMsg, int length, uint8_t subCmdId, const char
         uint16_t numFiles = 0;
         Rest(&cur).GetBe16(&numFiles);
         cur.pos += 2;
-        AppendStr(&line, "numFiles: ");
-        AppendInt(&line, numFiles);
-        AppendStr(&line, ", ");
+        line.Append("numFiles: ");
+        line.AppendInt(numFiles);
+        line.Append(", ");
         for (int i = 0; i < numFiles && cur.length - cur.pos >= LAPI_BP_DB_FILE_HEAD_LEN; ++i) {
             LAPI_Reader head = Rest(&cur);
             uint16_t fileLen = 0;
             head.Skip(4);
             head.GetBe16(&fileLen);
-            AppendStr(&line, "dbFile[");
-            AppendInt(&line, i);
-            AppendStr(&line, "]: ");
+            line.Append("dbFile[");
+            line.AppendInt(i);
+            line.Append("]: ");
             LogField(&line, &cur, "fileId: ", 4);
             LogField(&line, &cur, "length: ", 2);
             if (!LogField(&line, &cur, "data: ", fileLen)) {
@@ -626,12 +582,6 @@ void LAPI_LogBpMsg(const void *pMsg, int length) {
 /* The loggers of the trace table, reached only through it. */
 namespace {
 
-void LAPI_LogBpGetLocationReq(const uint8_t *pMsg, int length) {
-    LogFixedMsg(pMsg, length, GEOLOCATION_APBP_REQ,
-                "AP->BP bpGetLocationReq (GEOLOCATION_APBP_REQ) ", BP_FIELDS(kGetLocationReqFields),
-                __func__);
-}
-
 void LAPI_LogBpGetLocationRsp(const uint8_t *pMsg, int length) {
     BpLogLine line;
     BpLogCursor cur;
@@ -661,56 +611,9 @@ void LAPI_LogBpGetLocationRsp(const uint8_t *pMsg, int length) {
         *end++ = '\n';
         fwrite(plain, 1, static_cast<size_t>(end - plain), stdout);
         fflush(stdout);
-        AppendStr(&line, "nmea end\n");
+        line.Append("nmea end\n");
     }
     BP_LOG_LINE(__func__, line);
-}
-
-void LAPI_LogBpAbortLocationReq(const uint8_t *pMsg, int length) {
-    LogFixedMsg(pMsg, length, GEOLOCATION_ABORT_APBP_REQ,
-                "AP->BP bpAbortLocationReq (GEOLOCATION_ABORT_APBP_REQ) ", nullptr, 0, __func__);
-}
-
-void LAPI_LogBpAbortLocationRsp(const uint8_t *pMsg, int length) {
-    LogFixedMsg(pMsg, length, GEOLOCATION_ABORT_APBP_RES,
-                "BP->AP bpAbortLocationRsp (GEOLOCATION_ABORT_APBP_RES) ", BP_FIELDS(kResultFields),
-                __func__);
-}
-
-void LAPI_LogBpSetGpsDbDataReq(const uint8_t *pMsg, int length) {
-    LogDbFilesMsg(pMsg, length, DB_WRITE_APBP_REQ, "AP->BP bpSetGpsDbDataReq (DB_WRITE_APBP_REQ) ",
-                  __func__);
-}
-
-void LAPI_LogBpSetGpsDbDataRsp(const uint8_t *pMsg, int length) {
-    LogFixedMsg(pMsg, length, DB_WRITE_APBP_RES, "BP->AP bpSetGpsDbDataRsp (DB_WRITE_APBP_RES) ",
-                BP_FIELDS(kResultFields), __func__);
-}
-
-void LAPI_LogBpGetGpsDbDataReq(const uint8_t *pMsg, int length) {
-    LogFixedMsg(pMsg, length, DB_READ_APBP_REQ, "AP->BP bpGetGpsDbDataReq (DB_READ_APBP_REQ) ",
-                BP_FIELDS(kFileIdFields), __func__);
-}
-
-void LAPI_LogBpGetGpsDbDataRsp(const uint8_t *pMsg, int length) {
-    LogDbFilesMsg(pMsg, length, DB_READ_APBP_RES, "BP->AP bpGetGpsDbDataRsp (DB_READ_APBP_RES) ",
-                  __func__);
-}
-
-void LAPI_LogBpStatusChangeInd(const uint8_t *pMsg, int length) {
-    LogFixedMsg(pMsg, length, STATUS_CHANGE_BPAP_IND,
-                "BP->AP bpStatusChangeInd (STATUS_CHANGE_BPAP_IND) ", BP_FIELDS(kStatusFields),
-                __func__);
-}
-
-void LAPI_LogBpGetStatusReq(const uint8_t *pMsg, int length) {
-    LogFixedMsg(pMsg, length, GET_STATUS_APBP_REQ, "AP->BP bpGetStatusReq (GET_STATUS_APBP_REQ) ",
-                nullptr, 0, __func__);
-}
-
-void LAPI_LogBpGetStatusRsp(const uint8_t *pMsg, int length) {
-    LogFixedMsg(pMsg, length, GET_STATUS_APBP_RES, "BP->AP bpGetStatusRsp (GET_STATUS_APBP_RES) ",
-                BP_FIELDS(kStatusFields), __func__);
 }
 
 void LAPI_LogBpLocationNotificationInd(const uint8_t *pMsg, int length) {
@@ -738,60 +641,6 @@ void LAPI_LogBpLocationNotificationInd(const uint8_t *pMsg, int length) {
     BP_LOG_LINE(__func__, line);
 }
 
-void LAPI_LogBpLocationNotificationRsp(const uint8_t *pMsg, int length) {
-    LogFixedMsg(pMsg, length, LOCATION_NOTIFICATION_APBP_RES,
-                "AP->BP bpLocationNotificationRsp (LOCATION_NOTIFICATION_APBP_RES) ",
-                BP_FIELDS(kResponseTypeFields), __func__);
-}
-
-void LAPI_LogBpNotificationStatusInd(const uint8_t *pMsg, int length) {
-    LogFixedMsg(pMsg, length, NOTIFICATION_STATUS_BPAP_IND,
-                "BP->AP bpNotificationStatusInd (NOTIFICATION_STATUS_BPAP_IND) ",
-                BP_FIELDS(kCauseFields), __func__);
-}
-
-void LAPI_LogBpLastKnownLocationReq(const uint8_t *pMsg, int length) {
-    LogFixedMsg(pMsg, length, LAST_KNOWN_GEOLOCATION_APBP_REQ,
-                "AP->BP bpLastKnownLocationReq (LAST_KNOWN_GEOLOCATION_APBP_REQ) ", nullptr, 0,
-                __func__);
-}
-
-void LAPI_LogBpDistanceAzimuthReq(const uint8_t *pMsg, int length) {
-    LogFixedMsg(pMsg, length, DISTANCE_AND_AZIMUTH_APBP_REQ,
-                "AP->BP bpDistanceAzimuthReq (DISTANCE_AND_AZIMUTH_APBP_REQ) ",
-                BP_FIELDS(kDistanceAzimuthReqFields), __func__);
-}
-
-void LAPI_LogBpDistanceAzimuthRsp(const uint8_t *pMsg, int length) {
-    LogFixedMsg(pMsg, length, DISTANCE_AND_AZIMUTH_APBP_RES,
-                "BP->AP bpDistanceAzimuthRsp (DISTANCE_AND_AZIMUTH_APBP_RES) ",
-                BP_FIELDS(kDistanceAzimuthRspFields), __func__);
-}
-
-void LAPI_LogBpAddProximityReq(const uint8_t *pMsg, int length) {
-    LogFixedMsg(pMsg, length, PROXIMITY_ADD_APBP_REQ,
-                "AP->BP bpAddProximityReq (PROXIMITY_ADD_APBP_REQ) ",
-                BP_FIELDS(kAddProximityReqFields), __func__);
-}
-
-void LAPI_LogBpAddProximityRsp(const uint8_t *pMsg, int length) {
-    LogFixedMsg(pMsg, length, PROXIMITY_ADD_APBP_RES,
-                "BP->AP bpAddProximityRsp (PROXIMITY_ADD_APBP_RES) ", BP_FIELDS(kStatusOnlyFields),
-                __func__);
-}
-
-void LAPI_LogBpRemoveProximityReq(const uint8_t *pMsg, int length) {
-    LogFixedMsg(pMsg, length, PROXIMITY_REM_APBP_REQ,
-                "AP->BP bpRemoveProximityReq (PROXIMITY_REM_APBP_REQ) ",
-                BP_FIELDS(kRemoveTypeFields), __func__);
-}
-
-void LAPI_LogBpRemoveProximityRsp(const uint8_t *pMsg, int length) {
-    LogFixedMsg(pMsg, length, PROXIMITY_REM_APBP_RES,
-                "BP->AP bpRemoveProximityRsp (PROXIMITY_REM_APBP_RES) ",
-                BP_FIELDS(kStatusOnlyFields), __func__);
-}
-
 void LAPI_LogBpProximityHitInd(const uint8_t *pMsg, int length) {
     BpLogLine line;
     BpLogCursor cur;
@@ -805,6 +654,79 @@ void LAPI_LogBpProximityHitInd(const uint8_t *pMsg, int length) {
     BP_LOG_LINE(__func__, line);
 }
 
+/* The messages whose trace is their header and fixed fields (or, for the
+ * two assistance-data messages, the file list), one row each; the loggers
+ * of the table are made from the rows and carry the names in them. */
+struct BpTraceRow {
+    uint8_t subCmdId;
+    const char *title;
+    const BpLogField *pFields;
+    size_t count;
+    const char *func; /* the logger's name on its lines */
+    bool dbFiles;     /* numFiles and the files instead of fields */
+};
+
+constexpr BpTraceRow kBpTraceRows[] = {
+    {GEOLOCATION_APBP_REQ, "AP->BP bpGetLocationReq (GEOLOCATION_APBP_REQ) ",
+     BP_FIELDS(kGetLocationReqFields), "LAPI_LogBpGetLocationReq", false},
+    {GEOLOCATION_ABORT_APBP_REQ, "AP->BP bpAbortLocationReq (GEOLOCATION_ABORT_APBP_REQ) ", nullptr,
+     0, "LAPI_LogBpAbortLocationReq", false},
+    {GEOLOCATION_ABORT_APBP_RES, "BP->AP bpAbortLocationRsp (GEOLOCATION_ABORT_APBP_RES) ",
+     BP_FIELDS(kResultFields), "LAPI_LogBpAbortLocationRsp", false},
+    {DB_WRITE_APBP_REQ, "AP->BP bpSetGpsDbDataReq (DB_WRITE_APBP_REQ) ", nullptr, 0,
+     "LAPI_LogBpSetGpsDbDataReq", true},
+    {DB_WRITE_APBP_RES, "BP->AP bpSetGpsDbDataRsp (DB_WRITE_APBP_RES) ", BP_FIELDS(kResultFields),
+     "LAPI_LogBpSetGpsDbDataRsp", false},
+    {DB_READ_APBP_REQ, "AP->BP bpGetGpsDbDataReq (DB_READ_APBP_REQ) ", BP_FIELDS(kFileIdFields),
+     "LAPI_LogBpGetGpsDbDataReq", false},
+    {DB_READ_APBP_RES, "BP->AP bpGetGpsDbDataRsp (DB_READ_APBP_RES) ", nullptr, 0,
+     "LAPI_LogBpGetGpsDbDataRsp", true},
+    {STATUS_CHANGE_BPAP_IND, "BP->AP bpStatusChangeInd (STATUS_CHANGE_BPAP_IND) ",
+     BP_FIELDS(kStatusFields), "LAPI_LogBpStatusChangeInd", false},
+    {GET_STATUS_APBP_REQ, "AP->BP bpGetStatusReq (GET_STATUS_APBP_REQ) ", nullptr, 0,
+     "LAPI_LogBpGetStatusReq", false},
+    {GET_STATUS_APBP_RES, "BP->AP bpGetStatusRsp (GET_STATUS_APBP_RES) ", BP_FIELDS(kStatusFields),
+     "LAPI_LogBpGetStatusRsp", false},
+    {LOCATION_NOTIFICATION_APBP_RES,
+     "AP->BP bpLocationNotificationRsp (LOCATION_NOTIFICATION_APBP_RES) ",
+     BP_FIELDS(kResponseTypeFields), "LAPI_LogBpLocationNotificationRsp", false},
+    {NOTIFICATION_STATUS_BPAP_IND, "BP->AP bpNotificationStatusInd (NOTIFICATION_STATUS_BPAP_IND) ",
+     BP_FIELDS(kCauseFields), "LAPI_LogBpNotificationStatusInd", false},
+    {LAST_KNOWN_GEOLOCATION_APBP_REQ,
+     "AP->BP bpLastKnownLocationReq (LAST_KNOWN_GEOLOCATION_APBP_REQ) ", nullptr, 0,
+     "LAPI_LogBpLastKnownLocationReq", false},
+    {DISTANCE_AND_AZIMUTH_APBP_REQ, "AP->BP bpDistanceAzimuthReq (DISTANCE_AND_AZIMUTH_APBP_REQ) ",
+     BP_FIELDS(kDistanceAzimuthReqFields), "LAPI_LogBpDistanceAzimuthReq", false},
+    {DISTANCE_AND_AZIMUTH_APBP_RES, "BP->AP bpDistanceAzimuthRsp (DISTANCE_AND_AZIMUTH_APBP_RES) ",
+     BP_FIELDS(kDistanceAzimuthRspFields), "LAPI_LogBpDistanceAzimuthRsp", false},
+    {PROXIMITY_ADD_APBP_REQ, "AP->BP bpAddProximityReq (PROXIMITY_ADD_APBP_REQ) ",
+     BP_FIELDS(kAddProximityReqFields), "LAPI_LogBpAddProximityReq", false},
+    {PROXIMITY_ADD_APBP_RES, "BP->AP bpAddProximityRsp (PROXIMITY_ADD_APBP_RES) ",
+     BP_FIELDS(kStatusOnlyFields), "LAPI_LogBpAddProximityRsp", false},
+    {PROXIMITY_REM_APBP_REQ, "AP->BP bpRemoveProximityReq (PROXIMITY_REM_APBP_REQ) ",
+     BP_FIELDS(kRemoveTypeFields), "LAPI_LogBpRemoveProximityReq", false},
+    {PROXIMITY_REM_APBP_RES, "BP->AP bpRemoveProximityRsp (PROXIMITY_REM_APBP_RES) ",
+     BP_FIELDS(kStatusOnlyFields), "LAPI_LogBpRemoveProximityRsp", false},
+};
+
+template <size_t I>
+void LogBpTraceRow(const uint8_t *pMsg, int length) {
+    const BpTraceRow &row = kBpTraceRows[I];
+    if (row.dbFiles) {
+        LogDbFilesMsg(pMsg, length, row.subCmdId, row.title, row.func);
+    } else {
+        LogFixedMsg(pMsg, length, row.subCmdId, row.title, row.pFields, row.count, row.func);
+    }
+}
+
+template <size_t... I>
+constexpr std::array<BpMsgLogProc, sizeof...(I)> BpTraceRowLoggers(std::index_sequence<I...>) {
+    return {LogBpTraceRow<I>...};
+}
+
+constexpr auto kBpTraceRowLoggers =
+    BpTraceRowLoggers(std::make_index_sequence<std::size(kBpTraceRows)>());
+
 }  // namespace
 
 BpMsgLogProc LAPI_SRV_GetBpMsgLogProc(uint8_t subCmdId) {
@@ -813,26 +735,10 @@ BpMsgLogProc LAPI_SRV_GetBpMsgLogProc(uint8_t subCmdId) {
 
 void LAPI_SRV_InitBpMsgLogProc(void) {
     memset(bpMsgLogProc, 0, sizeof(bpMsgLogProc));
-    bpMsgLogProc[GEOLOCATION_APBP_REQ] = LAPI_LogBpGetLocationReq;
+    for (size_t i = 0; i < std::size(kBpTraceRows); ++i) {
+        bpMsgLogProc[kBpTraceRows[i].subCmdId] = kBpTraceRowLoggers[i];
+    }
     bpMsgLogProc[GEOLOCATION_APBP_RES] = LAPI_LogBpGetLocationRsp;
-    bpMsgLogProc[GEOLOCATION_ABORT_APBP_REQ] = LAPI_LogBpAbortLocationReq;
-    bpMsgLogProc[GEOLOCATION_ABORT_APBP_RES] = LAPI_LogBpAbortLocationRsp;
-    bpMsgLogProc[DB_WRITE_APBP_REQ] = LAPI_LogBpSetGpsDbDataReq;
-    bpMsgLogProc[DB_WRITE_APBP_RES] = LAPI_LogBpSetGpsDbDataRsp;
-    bpMsgLogProc[DB_READ_APBP_REQ] = LAPI_LogBpGetGpsDbDataReq;
-    bpMsgLogProc[DB_READ_APBP_RES] = LAPI_LogBpGetGpsDbDataRsp;
-    bpMsgLogProc[STATUS_CHANGE_BPAP_IND] = LAPI_LogBpStatusChangeInd;
-    bpMsgLogProc[GET_STATUS_APBP_REQ] = LAPI_LogBpGetStatusReq;
-    bpMsgLogProc[GET_STATUS_APBP_RES] = LAPI_LogBpGetStatusRsp;
     bpMsgLogProc[LOCATION_NOTIFICATION_BPAP_IND] = LAPI_LogBpLocationNotificationInd;
-    bpMsgLogProc[LOCATION_NOTIFICATION_APBP_RES] = LAPI_LogBpLocationNotificationRsp;
-    bpMsgLogProc[NOTIFICATION_STATUS_BPAP_IND] = LAPI_LogBpNotificationStatusInd;
-    bpMsgLogProc[LAST_KNOWN_GEOLOCATION_APBP_REQ] = LAPI_LogBpLastKnownLocationReq;
-    bpMsgLogProc[DISTANCE_AND_AZIMUTH_APBP_REQ] = LAPI_LogBpDistanceAzimuthReq;
-    bpMsgLogProc[DISTANCE_AND_AZIMUTH_APBP_RES] = LAPI_LogBpDistanceAzimuthRsp;
-    bpMsgLogProc[PROXIMITY_ADD_APBP_REQ] = LAPI_LogBpAddProximityReq;
-    bpMsgLogProc[PROXIMITY_ADD_APBP_RES] = LAPI_LogBpAddProximityRsp;
-    bpMsgLogProc[PROXIMITY_REM_APBP_REQ] = LAPI_LogBpRemoveProximityReq;
-    bpMsgLogProc[PROXIMITY_REM_APBP_RES] = LAPI_LogBpRemoveProximityRsp;
     bpMsgLogProc[PROXIMITY_HIT_APBP_IND] = LAPI_LogBpProximityHitInd;
 }

@@ -81,7 +81,7 @@ struct LAPI_SRV_BpMsgRow {
     BpMsgProc proc;
     const char *pProcName; /* the function named on its error lines */
     const char *pFile;     /* the source those lines name */
-    LAPI_SRV_LenRule lenRule;
+    LAPI_LenRule lenRule;
     uint16_t len;
     const char *pWrongLenFmt; /* takes the length received, then len */
 };
@@ -122,8 +122,10 @@ int LAPI_LogBpMsgHeader(const void *pMsgHeader, char *pBuf);
 
 /* Replaces entry subCmdId (below LAPI_BP_MSG_ID_COUNT) of the procedure table
  * and returns the former entry; null for an identifier out of range. */
+/* A hook: the dispatch it replaces runs inside its file, out of a wrap's reach. */
 BpMsgProc LAPI_SRV_SetBpMsgProc(uint8_t subCmdId, BpMsgProc proc);
 /* Forgets any partly received frame (the reassembly state of a fresh start). */
+/* A hook too, but also the reassembler's own reset: it cannot be wrapped away. */
 void LAPI_SRV_ResetBpMsgParse(void);
 
 #endif /* LAPI_SRV_BPMSGPROC_H */

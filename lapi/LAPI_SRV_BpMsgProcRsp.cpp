@@ -123,19 +123,18 @@ static Transaction *TakeAnsweredTran(const uint8_t *pMsg, uint16_t msgLen, int w
     return pTran;
 }
 
-static void SetHeader(MsgHeader *pHdr, uint16_t msgId, uint16_t msgLen) {
-    pHdr->pid = 0;
-    pHdr->msgId = msgId;
-    pHdr->msgLen = msgLen;
+/* Traces the answer, then takes its transaction as TakeAnsweredTran does. */
+static Transaction *TraceAndTakeAnsweredTran(uint8_t *pMsg, uint16_t msgLen, int wantSubCmd,
+                                             int wantSubCmd2, const char *pNotExpectedFmt,
+                                             const char *func) {
+    LAPI_LogBpMsg(pMsg, msgLen);
+    return TakeAnsweredTran(pMsg, msgLen, wantSubCmd, wantSubCmd2, pNotExpectedFmt, func);
 }
 
-/* A client answer of type T to the transaction: zeroed, with its header and
- * the client's own pair. */
-template <typename T>
-static T NewAnswer(uint16_t msgId, uint16_t msgLen, const Transaction *pTran) {
-    T answer;
-    memset(&answer, 0, sizeof(answer));
-    SetHeader(&answer.header, msgId, msgLen);
+/* A client answer of type T to the transaction, with the client's own pair. */
+template <typename T, uint16_t kMsgId>
+static T NewAnswer(const Transaction *pTran) {
+    T answer = LAPI_NewApMsg<T, kMsgId>(0);
     answer.sessionId = pTran->clientSid;
     answer.transactionId = pTran->clientTid;
     return answer;
@@ -149,6 +148,25 @@ static void AnswerAndFree(Transaction *pTran, const void *pAnswer, int len, cons
         BP_RSP_ERR(func, "%s", pFailText);
     }
     free(pTran);
+}
+
+/* The answer of a fixed layout to a request: traces the message, takes its
+ * transaction, builds the client's answer T (fill reads the body after the
+ * BpMsgHeader into it), sends it and frees the transaction. wantSubCmd2 is
+ * a second accepted kind of request, or -1. Every line names func. */
+template <typename T, uint16_t kMsgId, typename Fill>
+static void AnswerFixed(uint8_t *pMsg, uint16_t msgLen, int wantSubCmd, int wantSubCmd2,
+                        const char *pNotExpectedFmt, const char *pSendFail, const char *func,
+                        Fill fill) {
+    Transaction *pTran =
+        TraceAndTakeAnsweredTran(pMsg, msgLen, wantSubCmd, wantSubCmd2, pNotExpectedFmt, func);
+    if (pTran == nullptr) {
+        return;
+    }
+    T rsp = NewAnswer<T, kMsgId>(pTran);
+    LAPI_Reader r = BodyReader(pMsg, msgLen);
+    fill(&rsp, &r);
+    AnswerAndFree(pTran, &rsp, sizeof(rsp), pSendFail, func);
 }
 
 /* ------------------------------------------------------------------------ */
@@ -198,9 +216,8 @@ static void StorePosition(T *pRsp, const Position &pos) {
 }
 
 void LAPI_SRV_ProcBpGetLocationRspMsg(uint8_t *pMsg, uint16_t msgLen) {
-    LAPI_LogBpMsg(pMsg, msgLen);
     /* Last-known requests are answered with an ordinary location response. */
-    Transaction *pTran = TakeAnsweredTran(
+    Transaction *pTran = TraceAndTakeAnsweredTran(
         pMsg, msgLen, GEOLOCATION_APBP_REQ, LAST_KNOWN_GEOLOCATION_APBP_REQ,
         "Received getLocationRsp BP Msg not expected, sid: %d, tid: %d!", __func__);
     if (pTran == nullptr) {
@@ -208,8 +225,7 @@ void LAPI_SRV_ProcBpGetLocationRspMsg(uint8_t *pMsg, uint16_t msgLen) {
     }
 
     /* Zeroed: the NMEA area behind the data stays clear. */
-    GetLocationRsp rsp =
-        NewAnswer<GetLocationRsp>(LAPI_GET_LOCATION_RSP, LAPI_GET_LOCATION_RSP_LEN, pTran);
+    GetLocationRsp rsp = NewAnswer<GetLocationRsp, LAPI_GET_LOCATION_RSP>(pTran);
     uint8_t sid = 0;
     uint8_t tid = 0;
     LAPI_Reader r = BodyReader(pMsg, msgLen, &sid, &tid);
@@ -273,19 +289,11 @@ void LAPI_SRV_ProcBpGetLocationRspMsg(uint8_t *pMsg, uint16_t msgLen) {
 }
 
 void LAPI_SRV_ProcBpAbortLocationRspMsg(uint8_t *pMsg, uint16_t msgLen) {
-    LAPI_LogBpMsg(pMsg, msgLen);
-    Transaction *pTran = TakeAnsweredTran(
+    AnswerFixed<AbortLocationRsp, LAPI_ABORT_LOCATION_RSP>(
         pMsg, msgLen, GEOLOCATION_ABORT_APBP_REQ, -1,
-        "Received abortLocationRsp BP Msg not expected, sid: %d, tid: %d!", __func__);
-    if (pTran == nullptr) {
-        return;
-    }
-    AbortLocationRsp rsp =
-        NewAnswer<AbortLocationRsp>(LAPI_ABORT_LOCATION_RSP, LAPI_ABORT_LOCATION_RSP_LEN, pTran);
-    LAPI_Reader r = BodyReader(pMsg, msgLen);
-    rsp.result = NextI32(&r);
-    AnswerAndFree(pTran, &rsp, sizeof(rsp), "Fail to send abort location response to client!",
-                  __func__);
+        "Received abortLocationRsp BP Msg not expected, sid: %d, tid: %d!",
+        "Fail to send abort location response to client!", __func__,
+        [](AbortLocationRsp *pRsp, LAPI_Reader *pR) { pRsp->result = NextI32(pR); });
 }
 
 /* ------------------------------------------------------------------------ */
@@ -293,19 +301,11 @@ void LAPI_SRV_ProcBpAbortLocationRspMsg(uint8_t *pMsg, uint16_t msgLen) {
 /* ------------------------------------------------------------------------ */
 
 void LAPI_SRV_ProcBpSetGpsDbDataRspMsg(uint8_t *pMsg, uint16_t msgLen) {
-    LAPI_LogBpMsg(pMsg, msgLen);
-    Transaction *pTran = TakeAnsweredTran(
+    AnswerFixed<SetGpsDbDataRsp, LAPI_SET_GPS_DB_DATA_RSP>(
         pMsg, msgLen, DB_WRITE_APBP_REQ, -1,
-        "Received setGpsDbDataRsp BP Msg not expected, sid: %d, tid: %d!", __func__);
-    if (pTran == nullptr) {
-        return;
-    }
-    SetGpsDbDataRsp rsp =
-        NewAnswer<SetGpsDbDataRsp>(LAPI_SET_GPS_DB_DATA_RSP, LAPI_SET_GPS_DB_DATA_RSP_LEN, pTran);
-    LAPI_Reader r = BodyReader(pMsg, msgLen);
-    rsp.result = NextI32(&r);
-    AnswerAndFree(pTran, &rsp, sizeof(rsp), "Fail to send set location state response to client!",
-                  __func__);
+        "Received setGpsDbDataRsp BP Msg not expected, sid: %d, tid: %d!",
+        "Fail to send set location state response to client!", __func__,
+        [](SetGpsDbDataRsp *pRsp, LAPI_Reader *pR) { pRsp->result = NextI32(pR); });
 }
 
 /* The eight status fields of GET_STATUS_APBP_RES and STATUS_CHANGE_BPAP_IND. */
@@ -321,40 +321,26 @@ static void ReadStatus(GetStatusRsp *pRsp, LAPI_Reader *pR) {
 }
 
 void LAPI_SRV_ProcBpGetStatusRspMsg(uint8_t *pMsg, uint16_t msgLen) {
-    LAPI_LogBpMsg(pMsg, msgLen);
-    Transaction *pTran =
-        TakeAnsweredTran(pMsg, msgLen, GET_STATUS_APBP_REQ, -1,
-                         "Received getStatusRsp BP Msg not expected, sid: %d, tid: %d!", __func__);
-    if (pTran == nullptr) {
-        return;
-    }
-    GetStatusRsp rsp = NewAnswer<GetStatusRsp>(LAPI_GET_STATUS_RSP, LAPI_GET_STATUS_RSP_LEN, pTran);
-    LAPI_Reader r = BodyReader(pMsg, msgLen);
-    ReadStatus(&rsp, &r);
-    AnswerAndFree(pTran, &rsp, sizeof(rsp), "Fail to send get status response to client!",
-                  __func__);
+    AnswerFixed<GetStatusRsp, LAPI_GET_STATUS_RSP>(
+        pMsg, msgLen, GET_STATUS_APBP_REQ, -1,
+        "Received getStatusRsp BP Msg not expected, sid: %d, tid: %d!",
+        "Fail to send get status response to client!", __func__, ReadStatus);
 }
 
 void LAPI_SRV_ProcBpDistanceAzimuthRspMsg(uint8_t *pMsg, uint16_t msgLen) {
-    LAPI_LogBpMsg(pMsg, msgLen);
-    Transaction *pTran = TakeAnsweredTran(
+    AnswerFixed<DistanceAzimuthRsp, LAPI_DISTANCE_AZIMUTH_RSP>(
         pMsg, msgLen, DISTANCE_AND_AZIMUTH_APBP_REQ, -1,
-        "Received distanceAzimuthRsp BP Msg not expected, sid: %d, tid: %d!", __func__);
-    if (pTran == nullptr) {
-        return;
-    }
-    DistanceAzimuthRsp rsp = NewAnswer<DistanceAzimuthRsp>(LAPI_DISTANCE_AZIMUTH_RSP,
-                                                           LAPI_DISTANCE_AZIMUTH_RSP_LEN, pTran);
-    LAPI_Reader r = BodyReader(pMsg, msgLen);
-    /* Read into aligned doubles: the client message is packed. */
-    double distance = 0.0;
-    double azimuth = 0.0;
-    r.GetBpFixed(&distance);
-    r.GetBpFixed(&azimuth);
-    rsp.distance = distance;
-    rsp.azimuth = azimuth;
-    AnswerAndFree(pTran, &rsp, sizeof(rsp), "Fail to send distance azimuth response to client!",
-                  __func__);
+        "Received distanceAzimuthRsp BP Msg not expected, sid: %d, tid: %d!",
+        "Fail to send distance azimuth response to client!", __func__,
+        [](DistanceAzimuthRsp *pRsp, LAPI_Reader *pR) {
+            /* Read into aligned doubles: the client message is packed. */
+            double distance = 0.0;
+            double azimuth = 0.0;
+            pR->GetBpFixed(&distance);
+            pR->GetBpFixed(&azimuth);
+            pRsp->distance = distance;
+            pRsp->azimuth = azimuth;
+        });
 }
 
 /* ------------------------------------------------------------------------ */
@@ -393,13 +379,11 @@ static int ParseGpsDbDataRsp(const uint8_t *pMsg, uint16_t msgLen, GetGpsDbDataR
             BP_RSP_ERR(func, "pRsp->dbFile[%d].length: %d is invalid!", i, length);
             return -1;
         }
-        const uint8_t *pData = nullptr;
-        if (r.GetSpan(&pData, length) != 0) {
+        /* The data is one big-endian number of `length` bytes. */
+        if (r.GetReversed(file.data, length) != 0) {
             BP_RSP_ERR(func, "LAPI_SRV_IncreasePtrAndCheck() Error 2!");
             return -1;
         }
-        /* The data is one big-endian number of `length` bytes. */
-        LAPI_SRV_ByteOrderNetToHost(file.data, pData, length);
         memcpy(&pRsp->dbFile[i], &file, sizeof(file));
     }
     int32_t result = 0;
@@ -418,8 +402,7 @@ void LAPI_SRV_ProcBpGetGpsDbDataRspMsg(uint8_t *pMsg, uint16_t msgLen) {
     if (pTran == nullptr) {
         return;
     }
-    GetGpsDbDataRsp rsp =
-        NewAnswer<GetGpsDbDataRsp>(LAPI_GET_GPS_DB_DATA_RSP, LAPI_GET_GPS_DB_DATA_RSP_LEN, pTran);
+    GetGpsDbDataRsp rsp = NewAnswer<GetGpsDbDataRsp, LAPI_GET_GPS_DB_DATA_RSP>(pTran);
     if (ParseGpsDbDataRsp(pMsg, msgLen, &rsp, __func__) != 0) {
         /* Nothing is sent: the client gets the timeout answer instead. */
         RelinkTran(pTran, kRelinkFail, __func__);
@@ -446,12 +429,12 @@ static void MakeAreaActive(Transaction *pTran, const char *func) {
 
 /* A proximity answer for the client of a transaction that may already be
  * gone: the pair and descriptor are taken before. */
-static void SendProximityRsp(Fdops *pFdops, uint16_t msgId, uint8_t sid, uint8_t tid,
-                             int32_t status, const char *pSendFail, const char *func) {
-    AddProximityRsp rsp; /* removeProximityRsp has the same layout */
+template <uint16_t kMsgId>
+static void SendProximityRsp(Fdops *pFdops, uint8_t sid, uint8_t tid, int32_t status,
+                             const char *pSendFail, const char *func) {
+    /* removeProximityRsp has the same layout */
     static_assert(sizeof(AddProximityRsp) == sizeof(RemoveProximityRsp), "same layout");
-    memset(&rsp, 0, sizeof(rsp));
-    SetHeader(&rsp.header, msgId, LAPI_ADD_PROXIMITY_RSP_LEN);
+    AddProximityRsp rsp = LAPI_NewApMsg<AddProximityRsp, kMsgId>(0);
     rsp.sessionId = sid;
     rsp.transactionId = tid;
     rsp.status = status;
@@ -461,8 +444,7 @@ static void SendProximityRsp(Fdops *pFdops, uint16_t msgId, uint8_t sid, uint8_t
 }
 
 void LAPI_SRV_ProcBpAddProximityRspMsg(uint8_t *pMsg, uint16_t msgLen) {
-    LAPI_LogBpMsg(pMsg, msgLen);
-    Transaction *pTran = TakeAnsweredTran(
+    Transaction *pTran = TraceAndTakeAnsweredTran(
         pMsg, msgLen, PROXIMITY_ADD_APBP_REQ, -1,
         "Received addProximityRsp BP Msg not expected, sid: %d, tid: %d!", __func__);
     if (pTran == nullptr) {
@@ -479,8 +461,9 @@ void LAPI_SRV_ProcBpAddProximityRspMsg(uint8_t *pMsg, uint16_t msgLen) {
     } else {
         free(pTran);
     }
-    SendProximityRsp(pFdops, LAPI_ADD_PROXIMITY_RSP, clientSid, clientTid, status,
-                     "Fail to send add proximity response to client!", __func__);
+    SendProximityRsp<LAPI_ADD_PROXIMITY_RSP>(pFdops, clientSid, clientTid, status,
+                                             "Fail to send add proximity response to client!",
+                                             __func__);
 }
 
 /* Answers every proximity area of every client after a successful remove-all
@@ -506,8 +489,9 @@ static void RemoveAllProximityAnswered(uint8_t *pMsg) {
         LAPI_SRV_UnlinkTran(pTran);
         free(pTran);
         LAPI_SRV_tranListChanged = 0;
-        SendProximityRsp(pFdops, LAPI_REMOVE_PROXIMITY_RSP, clientSid, clientTid, status,
-                         "Fail to send remove proximity response to client!", __func__);
+        SendProximityRsp<LAPI_REMOVE_PROXIMITY_RSP>(
+            pFdops, clientSid, clientTid, status,
+            "Fail to send remove proximity response to client!", __func__);
         if (LAPI_SRV_tranListChanged) {
             /* The send removed a client with its transactions. */
             pPos = List_GetHeadPos(&LAPI_SRV_tranList);
@@ -516,8 +500,7 @@ static void RemoveAllProximityAnswered(uint8_t *pMsg) {
 }
 
 void LAPI_SRV_ProcBpRemoveProximityRspMsg(uint8_t *pMsg, uint16_t msgLen) {
-    LAPI_LogBpMsg(pMsg, msgLen);
-    Transaction *pTran = TakeAnsweredTran(
+    Transaction *pTran = TraceAndTakeAnsweredTran(
         pMsg, msgLen, PROXIMITY_REM_APBP_REQ, -1,
         "Received removeProximityRsp BP Msg not expected, sid: %d, tid: %d!", __func__);
     if (pTran == nullptr) {
@@ -548,29 +531,24 @@ void LAPI_SRV_ProcBpRemoveProximityRspMsg(uint8_t *pMsg, uint16_t msgLen) {
     } else {
         free(pTran);
     }
-    SendProximityRsp(pFdops, LAPI_REMOVE_PROXIMITY_RSP, clientSid, clientTid, status,
-                     "Fail to send remove proximity response to client!", __func__);
+    SendProximityRsp<LAPI_REMOVE_PROXIMITY_RSP>(pFdops, clientSid, clientTid, status,
+                                                "Fail to send remove proximity response to client!",
+                                                __func__);
 }
 
 void LAPI_SRV_ProcBpProximityHitIndMsg(uint8_t *pMsg, uint16_t msgLen) {
-    LAPI_LogBpMsg(pMsg, msgLen);
-    Transaction *pTran = TakeAnsweredTran(
-        pMsg, msgLen, LAPI_SRV_PROXIMITY_ACTIVE, PROXIMITY_REM_APBP_REQ,
-        "Received proximityHitInd BP Msg not expected, sid: %d, tid: %d!", __func__);
-    if (pTran == nullptr) {
-        return;
-    }
-    ProximityHitInd ind =
-        NewAnswer<ProximityHitInd>(LAPI_PROXIMITY_HIT_IND, LAPI_PROXIMITY_HIT_IND_LEN, pTran);
-    LAPI_Reader r = BodyReader(pMsg, msgLen);
-    StorePosition(&ind, ReadPosition(&r));
-    ind.locationMethod = NextI32(&r);
-    uint64_t ageOfFix = 0;
-    r.GetBe64(&ageOfFix);
-    ind.ageOfFix = static_cast<uint32_t>(ageOfFix);
     /* An area reports one hit and is gone. */
-    AnswerAndFree(pTran, &ind, sizeof(ind), "Fail to send proximity hit indicator to client!",
-                  __func__);
+    AnswerFixed<ProximityHitInd, LAPI_PROXIMITY_HIT_IND>(
+        pMsg, msgLen, LAPI_SRV_PROXIMITY_ACTIVE, PROXIMITY_REM_APBP_REQ,
+        "Received proximityHitInd BP Msg not expected, sid: %d, tid: %d!",
+        "Fail to send proximity hit indicator to client!", __func__,
+        [](ProximityHitInd *pInd, LAPI_Reader *pR) {
+            StorePosition(pInd, ReadPosition(pR));
+            pInd->locationMethod = NextI32(pR);
+            uint64_t ageOfFix = 0;
+            pR->GetBe64(&ageOfFix);
+            pInd->ageOfFix = static_cast<uint32_t>(ageOfFix);
+        });
 }
 
 /* ------------------------------------------------------------------------ */
@@ -579,9 +557,7 @@ void LAPI_SRV_ProcBpProximityHitIndMsg(uint8_t *pMsg, uint16_t msgLen) {
 
 void LAPI_SRV_ProcBpStatusChangeIndMsg(uint8_t *pMsg, uint16_t msgLen) {
     LAPI_LogBpMsg(pMsg, msgLen);
-    StatusChangeInd ind;
-    memset(&ind, 0, sizeof(ind));
-    SetHeader(&ind.header, LAPI_STATUS_CHANGE_IND, LAPI_STATUS_CHANGE_IND_LEN);
+    StatusChangeInd ind = LAPI_NewApMsg<StatusChangeInd, LAPI_STATUS_CHANGE_IND>(0);
     LAPI_Reader r = BodyReader(pMsg, msgLen, &ind.sessionId, &ind.transactionId);
     ReadStatus(&ind, &r);
     if (LAPI_SRV_BroadcastMsgToStatusClient(&ind, sizeof(ind)) != 0) {
@@ -591,9 +567,8 @@ void LAPI_SRV_ProcBpStatusChangeIndMsg(uint8_t *pMsg, uint16_t msgLen) {
 
 void LAPI_SRV_ProcBpNotificationStatusIndMsg(uint8_t *pMsg, uint16_t msgLen) {
     LAPI_LogBpMsg(pMsg, msgLen);
-    NotificationStatusInd ind;
-    memset(&ind, 0, sizeof(ind));
-    SetHeader(&ind.header, LAPI_NOTIFICATION_STATUS_IND, LAPI_NOTIFICATION_STATUS_IND_LEN);
+    NotificationStatusInd ind =
+        LAPI_NewApMsg<NotificationStatusInd, LAPI_NOTIFICATION_STATUS_IND>(0);
     LAPI_Reader r = BodyReader(pMsg, msgLen, &ind.sessionId, &ind.transactionId);
     ind.cause = NextI32(&r);
     if (LAPI_SRV_BroadcastMsgToMtlrClient(&ind, sizeof(ind)) != 0) {
@@ -657,9 +632,8 @@ static int ParseLocationNotificationInd(const uint8_t *pMsg, uint16_t msgLen,
 }
 
 void LAPI_SRV_ProcBpLocationNotificationIndMsg(uint8_t *pMsg, uint16_t msgLen) {
-    LocationNotificationInd ind;
-    memset(&ind, 0, sizeof(ind));
-    SetHeader(&ind.header, LAPI_LOCATION_NOTIFICATION_IND, LAPI_LOCATION_NOTIFICATION_IND_LEN);
+    LocationNotificationInd ind =
+        LAPI_NewApMsg<LocationNotificationInd, LAPI_LOCATION_NOTIFICATION_IND>(0);
     /* The BP's own pair: the MT-LR client answers with it. */
     BodyReader(pMsg, msgLen, &ind.sessionId, &ind.transactionId);
     if (ParseLocationNotificationInd(pMsg, msgLen, &ind, __func__) != 0) {
@@ -678,40 +652,40 @@ void LAPI_SRV_ProcBpLocationNotificationIndMsg(uint8_t *pMsg, uint16_t msgLen) {
 
 /* The length texts name the message as the BP documentation does. */
 constexpr LAPI_SRV_BpMsgRow LAPI_SRV_bpLocationRows[] = {
-    LAPI_SRV_BP_ROW(GEOLOCATION_APBP_RES, LAPI_SRV_ProcBpGetLocationRspMsg, LAPI_SRV_LEN_AT_LEAST,
+    LAPI_SRV_BP_ROW(GEOLOCATION_APBP_RES, LAPI_SRV_ProcBpGetLocationRspMsg, LAPI_LEN_AT_LEAST,
                     LAPI_BP_GET_LOCATION_RSP_MIN_LEN,
                     "Received getLocationRsp BP Msg length: %d is not expected: %d!"),
-    LAPI_SRV_BP_ROW(GEOLOCATION_ABORT_APBP_RES, LAPI_SRV_ProcBpAbortLocationRspMsg,
-                    LAPI_SRV_LEN_EXACT, LAPI_BP_ABORT_LOCATION_RSP_LEN,
+    LAPI_SRV_BP_ROW(GEOLOCATION_ABORT_APBP_RES, LAPI_SRV_ProcBpAbortLocationRspMsg, LAPI_LEN_EXACT,
+                    LAPI_BP_ABORT_LOCATION_RSP_LEN,
                     "Received abortLocationRsp BP Msg length: %d is not expected: %d!"),
-    LAPI_SRV_BP_ROW(DB_WRITE_APBP_RES, LAPI_SRV_ProcBpSetGpsDbDataRspMsg, LAPI_SRV_LEN_EXACT,
+    LAPI_SRV_BP_ROW(DB_WRITE_APBP_RES, LAPI_SRV_ProcBpSetGpsDbDataRspMsg, LAPI_LEN_EXACT,
                     LAPI_BP_SET_GPS_DB_DATA_RSP_LEN,
                     "Received setGpsDbDataRsp BP Msg length: %d is not expected: %d!"),
-    LAPI_SRV_BP_ROW(DB_READ_APBP_RES, LAPI_SRV_ProcBpGetGpsDbDataRspMsg, LAPI_SRV_LEN_AT_LEAST,
+    LAPI_SRV_BP_ROW(DB_READ_APBP_RES, LAPI_SRV_ProcBpGetGpsDbDataRspMsg, LAPI_LEN_AT_LEAST,
                     LAPI_BP_GET_GPS_DB_DATA_RSP_MIN_LEN,
                     "Received getGpsDbDataRsp BP Msg length: %d is less than: %d!"),
-    LAPI_SRV_BP_ROW(STATUS_CHANGE_BPAP_IND, LAPI_SRV_ProcBpStatusChangeIndMsg, LAPI_SRV_LEN_EXACT,
+    LAPI_SRV_BP_ROW(STATUS_CHANGE_BPAP_IND, LAPI_SRV_ProcBpStatusChangeIndMsg, LAPI_LEN_EXACT,
                     LAPI_BP_STATUS_IND_LEN,
                     "Received statusChangeInd BP Msg length: %d is not expected: %d!"),
-    LAPI_SRV_BP_ROW(GET_STATUS_APBP_RES, LAPI_SRV_ProcBpGetStatusRspMsg, LAPI_SRV_LEN_EXACT,
+    LAPI_SRV_BP_ROW(GET_STATUS_APBP_RES, LAPI_SRV_ProcBpGetStatusRspMsg, LAPI_LEN_EXACT,
                     LAPI_BP_STATUS_IND_LEN,
                     "Received getStatusRsp BP Msg length: %d is not expected: %d!"),
     LAPI_SRV_BP_ROW(LOCATION_NOTIFICATION_BPAP_IND, LAPI_SRV_ProcBpLocationNotificationIndMsg,
-                    LAPI_SRV_LEN_AT_LEAST, LAPI_BP_LOCATION_NOTIFICATION_IND_MIN_LEN,
+                    LAPI_LEN_AT_LEAST, LAPI_BP_LOCATION_NOTIFICATION_IND_MIN_LEN,
                     "Received mtlrLocationNotificationInd BP Msg length: %d is less than: %d!"),
     LAPI_SRV_BP_ROW(NOTIFICATION_STATUS_BPAP_IND, LAPI_SRV_ProcBpNotificationStatusIndMsg,
-                    LAPI_SRV_LEN_EXACT, LAPI_BP_NOTIFICATION_STATUS_IND_LEN,
+                    LAPI_LEN_EXACT, LAPI_BP_NOTIFICATION_STATUS_IND_LEN,
                     "Received mtlrNotificationStatusInd BP Msg length: %d is not expected: %d!"),
     LAPI_SRV_BP_ROW(DISTANCE_AND_AZIMUTH_APBP_RES, LAPI_SRV_ProcBpDistanceAzimuthRspMsg,
-                    LAPI_SRV_LEN_EXACT, LAPI_BP_DISTANCE_AZIMUTH_RSP_LEN,
+                    LAPI_LEN_EXACT, LAPI_BP_DISTANCE_AZIMUTH_RSP_LEN,
                     "Received distanceAzimuthRsp BP Msg length: %d is not expected: %d!"),
-    LAPI_SRV_BP_ROW(PROXIMITY_ADD_APBP_RES, LAPI_SRV_ProcBpAddProximityRspMsg, LAPI_SRV_LEN_EXACT,
+    LAPI_SRV_BP_ROW(PROXIMITY_ADD_APBP_RES, LAPI_SRV_ProcBpAddProximityRspMsg, LAPI_LEN_EXACT,
                     LAPI_BP_ADD_PROXIMITY_RSP_LEN,
                     "Received addProximityRsp BP Msg length: %d is not expected: %d!"),
-    LAPI_SRV_BP_ROW(PROXIMITY_REM_APBP_RES, LAPI_SRV_ProcBpRemoveProximityRspMsg,
-                    LAPI_SRV_LEN_EXACT, LAPI_BP_REMOVE_PROXIMITY_RSP_LEN,
+    LAPI_SRV_BP_ROW(PROXIMITY_REM_APBP_RES, LAPI_SRV_ProcBpRemoveProximityRspMsg, LAPI_LEN_EXACT,
+                    LAPI_BP_REMOVE_PROXIMITY_RSP_LEN,
                     "Received removeProximityRsp BP Msg length: %d is not expected: %d!"),
-    LAPI_SRV_BP_ROW(PROXIMITY_HIT_APBP_IND, LAPI_SRV_ProcBpProximityHitIndMsg, LAPI_SRV_LEN_EXACT,
+    LAPI_SRV_BP_ROW(PROXIMITY_HIT_APBP_IND, LAPI_SRV_ProcBpProximityHitIndMsg, LAPI_LEN_EXACT,
                     LAPI_BP_PROXIMITY_HIT_IND_LEN,
                     "Received proximityHitInd BP Msg length: %d is not expected: %d!"),
 };

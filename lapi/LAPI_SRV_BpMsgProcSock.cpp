@@ -42,6 +42,24 @@ static void PutSocketHead(LAPI_Writer *pW, uint8_t subCmdId, uint8_t sessionId,
     pW->PutBe32(linkId);
 }
 
+/* BpMsgHeader + linkId: the start of every request. */
+struct SockReqHead {
+    uint8_t sessionId;
+    uint8_t transactionId;
+    uint32_t linkId;
+};
+
+/* Reads the head of a request and leaves r after it. The row's length check
+ * has made every fixed field of the request present. */
+static SockReqHead ReadSockReqHead(LAPI_Reader *pR) {
+    SockReqHead head = {0, 0, 0};
+    pR->Skip(1);
+    pR->GetU8(&head.sessionId);
+    pR->GetU8(&head.transactionId);
+    pR->GetBe32(&head.linkId);
+    return head;
+}
+
 /* ------------------------------------------------------------------------ */
 /* Answers and indications                                                   */
 /* ------------------------------------------------------------------------ */
@@ -152,19 +170,12 @@ int LAPI_SRV_SendData(uint8_t sessionId, uint8_t transactionId, uint32_t linkId,
 void LAPI_SRV_ProcBpOpenSocketReqMsg(uint8_t *pMsg, uint16_t msgLen) {
     LAPI_LogBpMsg(pMsg, msgLen);
     LAPI_Reader r(pMsg, msgLen);
-    uint8_t sessionId = 0;
-    uint8_t transactionId = 0;
-    uint32_t linkId = 0;
+    const auto [sessionId, transactionId, linkId] = ReadSockReqHead(&r);
     uint8_t ipv4[4] = {0, 0, 0, 0};
     uint16_t port = 0;
     uint32_t addrType = 0;
     uint8_t fqdnLength = 0;
     const uint8_t *pFqdn = nullptr;
-    /* The length check above makes every fixed field present. */
-    r.Skip(1);
-    r.GetU8(&sessionId);
-    r.GetU8(&transactionId);
-    r.GetBe32(&linkId);
     r.GetBytes(ipv4, sizeof(ipv4));
     r.GetBe16(&port);
     r.GetBe32(&addrType);
@@ -215,14 +226,8 @@ void LAPI_SRV_ProcBpOpenSocketReqMsg(uint8_t *pMsg, uint16_t msgLen) {
 
 void LAPI_SRV_ProcBpSendDataReqMsg(uint8_t *pMsg, uint16_t msgLen) {
     LAPI_Reader r(pMsg, msgLen);
-    uint8_t sessionId = 0;
-    uint8_t transactionId = 0;
-    uint32_t linkId = 0;
+    const auto [sessionId, transactionId, linkId] = ReadSockReqHead(&r);
     uint32_t length = 0;
-    r.Skip(1);
-    r.GetU8(&sessionId);
-    r.GetU8(&transactionId);
-    r.GetBe32(&linkId);
     r.GetBe32(&length);
     const uint8_t *pData = nullptr;
     if (r.GetSpan(&pData, length) != 0) {
@@ -238,13 +243,7 @@ void LAPI_SRV_ProcBpSendDataReqMsg(uint8_t *pMsg, uint16_t msgLen) {
 
 void LAPI_SRV_ProcBpCloseSocketReqMsg(uint8_t *pMsg, uint16_t msgLen) {
     LAPI_Reader r(pMsg, msgLen);
-    uint8_t sessionId = 0;
-    uint8_t transactionId = 0;
-    uint32_t linkId = 0;
-    r.Skip(1);
-    r.GetU8(&sessionId);
-    r.GetU8(&transactionId);
-    r.GetBe32(&linkId);
+    const auto [sessionId, transactionId, linkId] = ReadSockReqHead(&r);
     SocketInfo *pSocketInfo = GetSocketInfoByLinkId(linkId);
     if (pSocketInfo == nullptr) {
         LAPI_SRV_ERR("Failed to match the linkId");
@@ -262,14 +261,8 @@ void LAPI_SRV_ProcBpCloseSocketReqMsg(uint8_t *pMsg, uint16_t msgLen) {
 
 void LAPI_SRV_ProcBpTlsSessionReqMsg(uint8_t *pMsg, uint16_t msgLen) {
     LAPI_Reader r(pMsg, msgLen);
-    uint8_t sessionId = 0;
-    uint8_t transactionId = 0;
-    uint32_t linkId = 0;
+    const auto [sessionId, transactionId, linkId] = ReadSockReqHead(&r);
     uint8_t fqdnLength = 0;
-    r.Skip(1);
-    r.GetU8(&sessionId);
-    r.GetU8(&transactionId);
-    r.GetBe32(&linkId);
     r.GetU8(&fqdnLength);
     /* A private copy with its terminating zero: 255 bytes at most. */
     char fqdn[LAPI_SRV_SOCK_NAME_LEN];
@@ -295,13 +288,13 @@ void LAPI_SRV_ProcBpTlsSessionReqMsg(uint8_t *pMsg, uint16_t msgLen) {
 /* The length texts are the socket service's own (one text for open, send
  * and close, as the BP's documentation words them). */
 constexpr LAPI_SRV_BpMsgRow LAPI_SRV_bpSocketRows[] = {
-    LAPI_SRV_BP_ROW(OPEN_SOCKET_BPAP_REQ, LAPI_SRV_ProcBpOpenSocketReqMsg, LAPI_SRV_LEN_AT_LEAST,
+    LAPI_SRV_BP_ROW(OPEN_SOCKET_BPAP_REQ, LAPI_SRV_ProcBpOpenSocketReqMsg, LAPI_LEN_AT_LEAST,
                     LAPI_BP_OPEN_SOCKET_REQ_MIN_LEN, kOpenSocketLenFmt),
-    LAPI_SRV_BP_ROW(SEND_DATA_BPAP_REQ, LAPI_SRV_ProcBpSendDataReqMsg, LAPI_SRV_LEN_AT_LEAST,
+    LAPI_SRV_BP_ROW(SEND_DATA_BPAP_REQ, LAPI_SRV_ProcBpSendDataReqMsg, LAPI_LEN_AT_LEAST,
                     LAPI_BP_SEND_DATA_REQ_MIN_LEN, kOpenSocketLenFmt),
-    LAPI_SRV_BP_ROW(CLOSE_SOCKET_BPAP_REQ, LAPI_SRV_ProcBpCloseSocketReqMsg, LAPI_SRV_LEN_EXACT,
+    LAPI_SRV_BP_ROW(CLOSE_SOCKET_BPAP_REQ, LAPI_SRV_ProcBpCloseSocketReqMsg, LAPI_LEN_EXACT,
                     LAPI_BP_CLOSE_SOCKET_REQ_LEN, kOpenSocketLenFmt),
-    LAPI_SRV_BP_ROW(TLS_SESSION_BPAP_REQ, LAPI_SRV_ProcBpTlsSessionReqMsg, LAPI_SRV_LEN_AT_LEAST,
+    LAPI_SRV_BP_ROW(TLS_SESSION_BPAP_REQ, LAPI_SRV_ProcBpTlsSessionReqMsg, LAPI_LEN_AT_LEAST,
                     LAPI_BP_TLS_SESSION_REQ_MIN_LEN, kTlsSessionLenFmt),
 };
 const size_t LAPI_SRV_bpSocketRowCount =

@@ -12,6 +12,9 @@
 #include <stdint.h>
 #include <sys/select.h>
 
+/* The length rules of the dispatch rows (LAPI_LenRule, LAPI_LenFits). */
+#include "LAPI_ApMsgRows.h"
+
 /* ------------------------------------------------------------------------ */
 /* List container                                                            */
 /* ------------------------------------------------------------------------ */
@@ -165,21 +168,6 @@ int LAPI_SRV_GetSendDataList(List *pList, uint8_t *pBuf, uint16_t *pLen, uint8_t
 void LAPI_SRV_ByteOrderNetToHost(void *pTo, const void *pFrom, int length);
 void LAPI_SRV_ByteOrderHostToNet(void *pTo, const void *pFrom, int length);
 int LAPI_BytesInSocket(int fd);
-
-/* ------------------------------------------------------------------------ */
-/* Dispatch rows                                                             */
-/* ------------------------------------------------------------------------ */
-
-/* How a dispatch row checks the length of a message (client messages: the
- * body after the MsgHeader; BP messages: the whole message). */
-enum LAPI_SRV_LenRule : uint8_t {
-    LAPI_SRV_LEN_EXACT = 0,    /* length == len */
-    LAPI_SRV_LEN_AT_LEAST = 1, /* length >= len */
-};
-
-inline bool LAPI_SRV_LenFits(LAPI_SRV_LenRule rule, uint16_t len, unsigned length) {
-    return rule == LAPI_SRV_LEN_EXACT ? length == len : length >= len;
-}
 
 /* ------------------------------------------------------------------------ */
 /* Clients and transactions                                                  */

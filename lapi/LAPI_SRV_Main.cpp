@@ -159,34 +159,19 @@ constexpr uint8_t kDoubleExceptionValue = 0xFE;
 
 /* The four fields under test. Each is reached by its name, never through a
  * pointer or a pointer-to-member, which would lose the packed attribute. */
-struct Int16Field {
-    using Type = int16_t;
-    static constexpr size_t kOffset = offsetof(PackedTest, i16);
-    static constexpr const char *kName = "int16Test";
-    static Type Get(const PackedTest *p) { return p->i16; }
-    static void Set(PackedTest *p, Type v) { p->i16 = v; }
-};
-struct Int32Field {
-    using Type = int32_t;
-    static constexpr size_t kOffset = offsetof(PackedTest, i32);
-    static constexpr const char *kName = "int32Test";
-    static Type Get(const PackedTest *p) { return p->i32; }
-    static void Set(PackedTest *p, Type v) { p->i32 = v; }
-};
-struct Int64Field {
-    using Type = int64_t;
-    static constexpr size_t kOffset = offsetof(PackedTest, i64);
-    static constexpr const char *kName = "int64Test";
-    static Type Get(const PackedTest *p) { return p->i64; }
-    static void Set(PackedTest *p, Type v) { p->i64 = v; }
-};
-struct DoubleField {
-    using Type = double;
-    static constexpr size_t kOffset = offsetof(PackedTest, d);
-    static constexpr const char *kName = "doubleTest";
-    static Type Get(const PackedTest *p) { return p->d; }
-    static void Set(PackedTest *p, Type v) { p->d = v; }
-};
+#define PACKED_TEST_FIELD(Traits, FieldType, member, name)              \
+    struct Traits {                                                     \
+        using Type = FieldType;                                         \
+        static constexpr size_t kOffset = offsetof(PackedTest, member); \
+        static constexpr const char *kName = name;                      \
+        static Type Get(const PackedTest *p) { return p->member; }      \
+        static void Set(PackedTest *p, Type v) { p->member = v; }       \
+    }
+PACKED_TEST_FIELD(Int16Field, int16_t, i16, "int16Test");
+PACKED_TEST_FIELD(Int32Field, int32_t, i32, "int32Test");
+PACKED_TEST_FIELD(Int64Field, int64_t, i64, "int64Test");
+PACKED_TEST_FIELD(DoubleField, double, d, "doubleTest");
+#undef PACKED_TEST_FIELD
 
 /* One field with the structure at scratch + i: put the expected bytes in
  * place and read the field through the structure, then assign the

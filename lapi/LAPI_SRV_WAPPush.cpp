@@ -570,16 +570,12 @@ int decode_content_type(uint32_t *pValue, char *pText, const uint8_t *p, const u
     } else if (c <= 4) {
         /* Long integer: c octets, big-endian. */
         r.Skip(1);
-        uint32_t value = 0;
-        for (int i = 0; i < c; ++i) {
-            uint8_t octet = 0;
-            if (r.GetU8(&octet) != 0) {
-                LAPI_SRV_ERR("long integer runs off the end of the PDU!");
-                return BytesLeft(p, pEnd);
-            }
-            value = (value << 8) | octet;
+        uint64_t value = 0;
+        if (r.GetBeN(c, &value) != 0) {
+            LAPI_SRV_ERR("long integer runs off the end of the PDU!");
+            return BytesLeft(p, pEnd);
         }
-        *pValue = value;
+        *pValue = static_cast<uint32_t>(value);
         n = c;
         step = c + 1;
     } else {
@@ -708,10 +704,10 @@ int decode_header_value(WspAppId *pAppId, const uint8_t *p, const uint8_t *pEnd)
     int avail = static_cast<int>(r.Left());
     int shown = static_cast<int64_t>(valueLen) < avail ? static_cast<int>(valueLen) : avail;
     WspPrint("value :");
-    const uint8_t *pValue = nullptr;
-    r.GetSpan(&pValue, static_cast<size_t>(shown));
-    for (int i = 0; i < shown; ++i) {
-        WspPrint(" %02X", pValue[i]);
+    LAPI_Reader value;
+    r.Sub(static_cast<size_t>(shown), &value);
+    for (uint8_t octet = 0; value.GetU8(&octet) == 0;) {
+        WspPrint(" %02X", octet);
     }
     WspPrint("\n");
     if (shown < static_cast<int64_t>(valueLen)) {

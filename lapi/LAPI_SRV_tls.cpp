@@ -519,17 +519,28 @@ void LAPI_SRV_FoldTwoByteText(uint8_t *pText, uint32_t *pLength) {
     if (length < 2) {
         return;
     }
+    LAPI_Reader r(pText, length);
+    uint8_t b0 = 0;
+    uint8_t b1 = 0;
+    r.GetU8(&b0);
+    r.GetU8(&b1);
     uint32_t first;
-    if (pText[0] == 0) {
+    if (b0 == 0) {
         first = 1; /* big-endian: the low byte comes second */
-    } else if (pText[1] == 0) {
+    } else if (b1 == 0) {
         first = 0;
     } else {
         return;
     }
+    /* Folded in place: character i is written at i, after its two bytes at
+     * 2i and 2i + 1 (never before i) have been read. */
     uint32_t half = length / 2;
-    for (uint32_t i = 0; i < half; ++i) {
-        pText[i] = pText[2 * i + first];
+    r = LAPI_Reader(pText, 2 * half);
+    LAPI_Writer w(pText, half);
+    uint8_t c0 = 0;
+    uint8_t c1 = 0;
+    while (r.GetU8(&c0) == 0 && r.GetU8(&c1) == 0) {
+        w.PutU8(first == 0 ? c0 : c1);
     }
     *pLength = half;
 }

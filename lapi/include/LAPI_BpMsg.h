@@ -8,9 +8,9 @@
  * A message is a BpMsgHeader followed by its body. Every multi-byte field
  * of a message is big-endian (network order). The structures below keep
  * those fields as byte arrays so that nobody reads one in host order by
- * accident: convert one field at a time (LAPI_SRV_ByteOrderNetToHost /
- * LAPI_SRV_ByteOrderHostToNet in the server, the LAPI_Bp{Get,Put}* helpers
- * below elsewhere), and reals with LAPI_SRV_DoubleToBpFixed /
+ * accident: the server reads and writes them one field at a time with
+ * LAPI_Reader / LAPI_Writer (LAPI_Wire.h), other code with the
+ * LAPI_Bp{Get,Put}* helpers below, and reals with LAPI_SRV_DoubleToBpFixed /
  * LAPI_SRV_BpFixedToDouble.
  *
  * Packed and C-compatible; every size and offset is checked at compile time.

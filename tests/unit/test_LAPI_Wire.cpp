@@ -112,6 +112,16 @@ const Getter kGetters[] = {
          const uint8_t *v;
          return r->GetSpan(&v, 5);
      }},
+    {"GetBeN", 3,
+     [](LAPI_Reader *r) {
+         uint64_t v;
+         return r->GetBeN(3, &v);
+     }},
+    {"GetReversed", 5,
+     [](LAPI_Reader *r) {
+         uint8_t v[5];
+         return r->GetReversed(v, sizeof(v));
+     }},
     {"Skip", 5, [](LAPI_Reader *r) { return r->Skip(5); }},
     {"Sub", 5,
      [](LAPI_Reader *r) {
@@ -132,6 +142,40 @@ TEST(Reader, EveryGetterFailsOnEveryProperPrefixAndLeavesTheCursor) {
         LAPI_Reader whole(bytes, g.width);
         EXPECT_EQ(0, g.get(&whole)) << g.name;
     }
+}
+
+TEST(Reader, GetBeNReadsOneToEightBytesAndRefusesNine) {
+    const uint8_t bytes[] = {0x01, 0x02, 0x03, 0x04, 0x05, 0x06, 0x07, 0x08, 0x09};
+    uint64_t v = 0;
+    LAPI_Reader zero(bytes, sizeof(bytes));
+    ASSERT_EQ(0, zero.GetBeN(0, &v));
+    EXPECT_EQ(0u, v);
+    EXPECT_EQ(sizeof(bytes), zero.Left());
+    LAPI_Reader three(bytes, sizeof(bytes));
+    ASSERT_EQ(0, three.GetBeN(3, &v));
+    EXPECT_EQ(0x010203u, v);
+    LAPI_Reader eight(bytes, sizeof(bytes));
+    ASSERT_EQ(0, eight.GetBeN(8, &v));
+    EXPECT_EQ(0x0102030405060708ull, v);
+    LAPI_Reader nine(bytes, sizeof(bytes));
+    v = 77;
+    EXPECT_EQ(-1, nine.GetBeN(9, &v));
+    EXPECT_EQ(77u, v);
+    EXPECT_EQ(sizeof(bytes), nine.Left());
+}
+
+TEST(Reader, GetReversedTurnsABigEndianNumberIntoHostOrder) {
+    const uint8_t bytes[] = {0x11, 0x22, 0x33, 0x44};
+    LAPI_Reader r(bytes, sizeof(bytes));
+    uint8_t out[3] = {0, 0, 0};
+    ASSERT_EQ(0, r.GetReversed(out, 3));
+    EXPECT_EQ(0x33, out[0]);
+    EXPECT_EQ(0x22, out[1]);
+    EXPECT_EQ(0x11, out[2]);
+    EXPECT_EQ(1u, r.Left());
+    EXPECT_EQ(-1, r.GetReversed(out, 2));
+    EXPECT_EQ(0x33, out[0]) << "a refused read leaves the output alone";
+    EXPECT_EQ(1u, r.Left());
 }
 
 TEST(Reader, DerLengthEveryProperPrefixFails) {

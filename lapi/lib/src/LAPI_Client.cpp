@@ -20,7 +20,7 @@
 #include <time.h>
 #include <unistd.h>
 
-#include "LAPI_ClientInt.h"
+#include "LAPI_ApMsgRows.h"
 #include "LAPI_Log.h"
 #include "LAPI_SrvCli.h"
 #include "lapi_client.h"
@@ -303,10 +303,12 @@ int WaitHandshakeAnswer(lapi_client *pClient, int idx, uint16_t msgId, lapi_msg 
     return LAPI_OK;
 }
 
-void FillHeader(const lapi_client *pClient, MsgHeader *pHeader, uint16_t msgId, uint16_t msgLen) {
-    pHeader->pid = pClient->pid;
-    pHeader->msgId = msgId;
-    pHeader->msgLen = msgLen;
+/* A zeroed message of the client with its header filled in: the body
+ * length is the one of its row. */
+template <typename Msg, uint16_t kMsgId>
+Msg NewMessage(const lapi_client *pClient) {
+    static_assert(!LAPI_ApMsgRowOf(kMsgId)->fromServer, "a message of the client");
+    return LAPI_NewApMsg<Msg, kMsgId>(pClient->pid);
 }
 
 /* Checks shared by every request. */
@@ -332,18 +334,34 @@ int SendRequest(lapi_client *pClient, const Msg &msg) {
     return SendAll(pClient, LAPI_CONN_SYNC, &msg, sizeof(msg));
 }
 
-/* A zeroed request with its header and its prefix (mode and the client's
- * own pair) filled in. */
-template <typename Msg>
-Msg PrefixRequest(const lapi_client *pClient, uint16_t msgId, uint16_t msgLen, uint16_t mode,
-                  uint8_t sessionId, uint8_t transactionId) {
-    Msg msg;
-    memset(&msg, 0, sizeof(msg));
-    FillHeader(pClient, &msg.header, msgId, msgLen);
+/* A request with its header and its prefix (mode and the client's own
+ * pair) filled in. */
+template <typename Msg, uint16_t kMsgId>
+Msg PrefixRequest(const lapi_client *pClient, uint16_t mode, uint8_t sessionId,
+                  uint8_t transactionId) {
+    Msg msg = NewMessage<Msg, kMsgId>(pClient);
     msg.mode = mode;
     msg.sessionId = sessionId;
     msg.transactionId = transactionId;
     return msg;
+}
+
+/* Sends a request with a prefix; fill sets the fields after it. */
+template <typename Msg, uint16_t kMsgId, typename Fill>
+int SendPrefixed(lapi_client *pClient, uint16_t mode, uint8_t sessionId, uint8_t transactionId,
+                 Fill fill) {
+    if (pClient == nullptr) {
+        return LAPI_E_INVAL;
+    }
+    Msg req = PrefixRequest<Msg, kMsgId>(pClient, mode, sessionId, transactionId);
+    fill(req);
+    return SendRequest(pClient, req);
+}
+
+/* A request whose prefix is all it carries. */
+template <typename Msg, uint16_t kMsgId>
+int SendPrefixOnly(lapi_client *pClient, uint16_t mode, uint8_t sessionId, uint8_t transactionId) {
+    return SendPrefixed<Msg, kMsgId>(pClient, mode, sessionId, transactionId, [](Msg &) {});
 }
 
 int EffectiveTimeout(int timeoutMs) {
@@ -389,9 +407,7 @@ extern "C" int lapi_open_ex(const char *sockPath, uint32_t service, int timeoutM
         rc = ConnectTo(sockPath, deadline, &pClient->conn[LAPI_CONN_SYNC].fd);
     }
     if (rc == LAPI_OK) {
-        RegisterReq req;
-        memset(&req, 0, sizeof(req));
-        FillHeader(pClient, &req.header, LAPI_REGISTER_REQ, LAPI_REGISTER_REQ_LEN);
+        RegisterReq req = NewMessage<RegisterReq, LAPI_REGISTER_REQ>(pClient);
         req.service = service;
         rc = SendAll(pClient, LAPI_CONN_SYNC, &req, sizeof(req));
     }
@@ -404,9 +420,7 @@ extern "C" int lapi_open_ex(const char *sockPath, uint32_t service, int timeoutM
         rc = ConnectTo(sockPath, deadline, &pClient->conn[LAPI_CONN_ASYNC].fd);
     }
     if (rc == LAPI_OK) {
-        GetAsyncFdReq req;
-        memset(&req, 0, sizeof(req));
-        FillHeader(pClient, &req.header, LAPI_GET_ASYNC_FD_REQ, LAPI_GET_ASYNC_FD_REQ_LEN);
+        GetAsyncFdReq req = NewMessage<GetAsyncFdReq, LAPI_GET_ASYNC_FD_REQ>(pClient);
         req.globalId = pClient->globalId;
         rc = SendAll(pClient, LAPI_CONN_ASYNC, &req, sizeof(req));
     }
@@ -433,9 +447,7 @@ extern "C" int lapi_unregister(lapi_client *pClient) {
         return rc;
     }
     if (rc == LAPI_OK) {
-        UnregisterReq req;
-        memset(&req, 0, sizeof(req));
-        FillHeader(pClient, &req.header, LAPI_UNREGISTER_REQ, LAPI_UNREGISTER_REQ_LEN);
+        UnregisterReq req = NewMessage<UnregisterReq, LAPI_UNREGISTER_REQ>(pClient);
         rc = SendAll(pClient, LAPI_CONN_SYNC, &req, sizeof(req));
     }
     if (rc == LAPI_OK) {
@@ -586,100 +598,81 @@ extern "C" void lapi_location_params_init(lapi_location_params *pParams) {
 }
 
 extern "C" int lapi_get_location(lapi_client *pClient, const lapi_location_params *pParams) {
-    if (pClient == nullptr || pParams == nullptr) {
+    if (pParams == nullptr) {
         return LAPI_E_INVAL;
     }
-    GetLocationReq req =
-        PrefixRequest<GetLocationReq>(pClient, LAPI_GET_LOCATION_REQ, LAPI_GET_LOCATION_REQ_LEN,
-                                      pParams->mode, pParams->sessionId, pParams->transactionId);
-    req.responseTime = pParams->responseTime;
-    req.horizontalAccuracy = pParams->horizontalAccuracy;
-    req.verticalAccuracy = pParams->verticalAccuracy;
-    req.preferredPowerConsumption = pParams->preferredPowerConsumption;
-    req.interval = pParams->interval;
-    req.reportCriteria = pParams->reportCriteria;
-    req.costAllowed = pParams->costAllowed;
-    req.addressInfoRequired = pParams->addressInfoRequired;
-    req.speedAndCourseRequired = pParams->speedAndCourseRequired;
-    req.altitudeRequired = pParams->altitudeRequired;
-    req.nmeaRequired = pParams->nmeaRequired;
-    return SendRequest(pClient, req);
+    return SendPrefixed<GetLocationReq, LAPI_GET_LOCATION_REQ>(
+        pClient, pParams->mode, pParams->sessionId, pParams->transactionId,
+        [pParams](GetLocationReq &req) {
+            req.responseTime = pParams->responseTime;
+            req.horizontalAccuracy = pParams->horizontalAccuracy;
+            req.verticalAccuracy = pParams->verticalAccuracy;
+            req.preferredPowerConsumption = pParams->preferredPowerConsumption;
+            req.interval = pParams->interval;
+            req.reportCriteria = pParams->reportCriteria;
+            req.costAllowed = pParams->costAllowed;
+            req.addressInfoRequired = pParams->addressInfoRequired;
+            req.speedAndCourseRequired = pParams->speedAndCourseRequired;
+            req.altitudeRequired = pParams->altitudeRequired;
+            req.nmeaRequired = pParams->nmeaRequired;
+        });
 }
 
 extern "C" int lapi_abort_location(lapi_client *pClient, uint16_t mode, uint8_t sessionId,
                                    uint8_t transactionId) {
-    if (pClient == nullptr) {
-        return LAPI_E_INVAL;
-    }
-    return SendRequest(pClient, PrefixRequest<AbortLocationReq>(pClient, LAPI_ABORT_LOCATION_REQ,
-                                                                LAPI_ABORT_LOCATION_REQ_LEN, mode,
-                                                                sessionId, transactionId));
+    return SendPrefixOnly<AbortLocationReq, LAPI_ABORT_LOCATION_REQ>(pClient, mode, sessionId,
+                                                                     transactionId);
 }
 
 extern "C" int lapi_abort_all_location(lapi_client *pClient) {
     if (pClient == nullptr) {
         return LAPI_E_INVAL;
     }
-    AbortAllLocationReq req;
-    memset(&req, 0, sizeof(req));
-    FillHeader(pClient, &req.header, LAPI_ABORT_ALL_LOCATION_REQ, LAPI_ABORT_ALL_LOCATION_REQ_LEN);
-    return SendRequest(pClient, req);
+    return SendRequest(pClient,
+                       NewMessage<AbortAllLocationReq, LAPI_ABORT_ALL_LOCATION_REQ>(pClient));
 }
 
 extern "C" int lapi_last_known_location(lapi_client *pClient, uint16_t mode, uint8_t sessionId,
                                         uint8_t transactionId) {
-    if (pClient == nullptr) {
-        return LAPI_E_INVAL;
-    }
-    return SendRequest(pClient,
-                       PrefixRequest<LastKnownLocationReq>(pClient, LAPI_LAST_KNOWN_LOCATION_REQ,
-                                                           LAPI_LAST_KNOWN_LOCATION_REQ_LEN, mode,
-                                                           sessionId, transactionId));
+    return SendPrefixOnly<LastKnownLocationReq, LAPI_LAST_KNOWN_LOCATION_REQ>(
+        pClient, mode, sessionId, transactionId);
 }
 
 extern "C" int lapi_get_gps_db_data(lapi_client *pClient, uint16_t mode, uint8_t sessionId,
                                     uint8_t transactionId, uint32_t fileId) {
-    if (pClient == nullptr) {
-        return LAPI_E_INVAL;
-    }
-    GetGpsDbDataReq req = PrefixRequest<GetGpsDbDataReq>(pClient, LAPI_GET_GPS_DB_DATA_REQ,
-                                                         LAPI_GET_GPS_DB_DATA_REQ_LEN, mode,
-                                                         sessionId, transactionId);
-    req.fileId = fileId;
-    return SendRequest(pClient, req);
+    return SendPrefixed<GetGpsDbDataReq, LAPI_GET_GPS_DB_DATA_REQ>(
+        pClient, mode, sessionId, transactionId,
+        [fileId](GetGpsDbDataReq &req) { req.fileId = fileId; });
 }
 
 extern "C" int lapi_set_gps_db_data(lapi_client *pClient, uint16_t mode, uint8_t sessionId,
                                     uint8_t transactionId, const DbFile *pFiles,
                                     uint16_t numFiles) {
-    if (pClient == nullptr || numFiles > LAPI_MAX_DB_FILES || (pFiles == nullptr && numFiles > 0)) {
+    if (numFiles > LAPI_MAX_DB_FILES || (pFiles == nullptr && numFiles > 0)) {
         return LAPI_E_INVAL;
     }
-    SetGpsDbDataReq req = PrefixRequest<SetGpsDbDataReq>(pClient, LAPI_SET_GPS_DB_DATA_REQ,
-                                                         LAPI_SET_GPS_DB_DATA_REQ_LEN, mode,
-                                                         sessionId, transactionId);
-    req.numFiles = numFiles;
     for (uint16_t i = 0; i < numFiles; ++i) {
         /* The server copies `length` bytes from the entry's data field; a
          * longer length would hand it the next entries' bytes. */
         if (pFiles[i].length == 0 || pFiles[i].length > LAPI_DB_FILE_DATA_LEN) {
             return LAPI_E_INVAL;
         }
-        req.dbFile[i].fileId = pFiles[i].fileId;
-        req.dbFile[i].length = pFiles[i].length;
-        memcpy(req.dbFile[i].data, pFiles[i].data, pFiles[i].length);
     }
-    return SendRequest(pClient, req);
+    return SendPrefixed<SetGpsDbDataReq, LAPI_SET_GPS_DB_DATA_REQ>(
+        pClient, mode, sessionId, transactionId, [pFiles, numFiles](SetGpsDbDataReq &req) {
+            req.numFiles = numFiles;
+            for (uint16_t i = 0; i < numFiles; ++i) {
+                req.dbFile[i].fileId = pFiles[i].fileId;
+                req.dbFile[i].length = pFiles[i].length;
+                memcpy(req.dbFile[i].data, pFiles[i].data, pFiles[i].length);
+            }
+        });
 }
 
 extern "C" int lapi_get_status(lapi_client *pClient, uint16_t mode, uint8_t sessionId,
                                uint8_t transactionId) {
-    if (pClient == nullptr) {
-        return LAPI_E_INVAL;
-    }
-    return SendRequest(
-        pClient, PrefixRequest<GetStatusReq>(pClient, LAPI_GET_STATUS_REQ, LAPI_GET_STATUS_REQ_LEN,
-                                             mode, sessionId, transactionId));
+    return SendPrefixOnly<GetStatusReq, LAPI_GET_STATUS_REQ>(pClient, mode, sessionId,
+                                                             transactionId);
 }
 
 extern "C" int lapi_location_notification_cfm(lapi_client *pClient, uint8_t sessionId,
@@ -687,10 +680,8 @@ extern "C" int lapi_location_notification_cfm(lapi_client *pClient, uint8_t sess
     if (pClient == nullptr) {
         return LAPI_E_INVAL;
     }
-    LocationNotificationCfm req;
-    memset(&req, 0, sizeof(req));
-    FillHeader(pClient, &req.header, LAPI_LOCATION_NOTIFICATION_CFM,
-               LAPI_LOCATION_NOTIFICATION_CFM_LEN);
+    LocationNotificationCfm req =
+        NewMessage<LocationNotificationCfm, LAPI_LOCATION_NOTIFICATION_CFM>(pClient);
     req.sessionId = sessionId;
     req.transactionId = transactionId;
     req.responseType = responseType;
@@ -700,48 +691,35 @@ extern "C" int lapi_location_notification_cfm(lapi_client *pClient, uint8_t sess
 extern "C" int lapi_distance_azimuth(lapi_client *pClient, uint16_t mode, uint8_t sessionId,
                                      uint8_t transactionId, double latitude1, double longitude1,
                                      double latitude2, double longitude2, int distanceOnly) {
-    if (pClient == nullptr) {
-        return LAPI_E_INVAL;
-    }
-    DistanceAzimuthReq req = PrefixRequest<DistanceAzimuthReq>(pClient, LAPI_DISTANCE_AZIMUTH_REQ,
-                                                               LAPI_DISTANCE_AZIMUTH_REQ_LEN, mode,
-                                                               sessionId, transactionId);
-    req.latitude1 = latitude1;
-    req.longitude1 = longitude1;
-    req.latitude2 = latitude2;
-    req.longitude2 = longitude2;
-    req.distanceOnly = distanceOnly ? 1 : 0;
-    return SendRequest(pClient, req);
+    return SendPrefixed<DistanceAzimuthReq, LAPI_DISTANCE_AZIMUTH_REQ>(
+        pClient, mode, sessionId, transactionId, [&](DistanceAzimuthReq &req) {
+            req.latitude1 = latitude1;
+            req.longitude1 = longitude1;
+            req.latitude2 = latitude2;
+            req.longitude2 = longitude2;
+            req.distanceOnly = distanceOnly ? 1 : 0;
+        });
 }
 
 extern "C" int lapi_add_proximity(lapi_client *pClient, uint16_t mode, uint8_t sessionId,
                                   uint8_t transactionId, double latitude, double longitude,
                                   double altitude, double radius) {
-    if (pClient == nullptr) {
-        return LAPI_E_INVAL;
-    }
-    AddProximityReq req =
-        PrefixRequest<AddProximityReq>(pClient, LAPI_ADD_PROXIMITY_REQ, LAPI_ADD_PROXIMITY_REQ_LEN,
-                                       mode, sessionId, transactionId);
-    req.latitude = latitude;
-    req.longitude = longitude;
-    req.altitude = altitude;
-    req.radius = radius;
-    return SendRequest(pClient, req);
+    return SendPrefixed<AddProximityReq, LAPI_ADD_PROXIMITY_REQ>(
+        pClient, mode, sessionId, transactionId, [&](AddProximityReq &req) {
+            req.latitude = latitude;
+            req.longitude = longitude;
+            req.altitude = altitude;
+            req.radius = radius;
+        });
 }
 
 namespace {
 
 int RemoveProximity(lapi_client *pClient, uint16_t mode, uint8_t sessionId, uint8_t transactionId,
                     uint32_t removeType) {
-    if (pClient == nullptr) {
-        return LAPI_E_INVAL;
-    }
-    RemoveProximityReq req = PrefixRequest<RemoveProximityReq>(pClient, LAPI_REMOVE_PROXIMITY_REQ,
-                                                               LAPI_REMOVE_PROXIMITY_REQ_LEN, mode,
-                                                               sessionId, transactionId);
-    req.removeType = removeType;
-    return SendRequest(pClient, req);
+    return SendPrefixed<RemoveProximityReq, LAPI_REMOVE_PROXIMITY_REQ>(
+        pClient, mode, sessionId, transactionId,
+        [removeType](RemoveProximityReq &req) { req.removeType = removeType; });
 }
 
 }  // namespace

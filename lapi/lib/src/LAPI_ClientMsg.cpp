@@ -1,76 +1,17 @@
 /*
- * Message tables of the client library: names, the fixed body length of
- * every server message, decoding of one whole message, error texts, the
+ * Messages in the client library: names and lengths (from the rows shared
+ * with the server), decoding of one whole message, error texts, the
  * library's version.
  * Nothing here touches a descriptor, so all of it is testable alone.
  */
 #include <string.h>
 
-#include <array>
-
-#include "LAPI_ClientInt.h"
+#include "LAPI_ApMsgRows.h"
 #include "lapi_client.h"
 
 namespace {
 
-struct MsgRow {
-    const char *name;
-    int bodyLen; /* -1: the identifier is not in the protocol */
-    bool fromServer;
-};
-
-constexpr MsgRow kNoRow = {nullptr, -1, false};
-
-constexpr std::array<MsgRow, LAPI_SRV_MSG_COUNT> kSrvRows = {{
-    {"getLocationRsp", LAPI_GET_LOCATION_RSP_LEN, true},
-    {"abortLocationRsp", LAPI_ABORT_LOCATION_RSP_LEN, true},
-    {"timeOutRsp", LAPI_TIME_OUT_RSP_LEN, true},
-    {"invalidRequestRsp", LAPI_INVALID_REQUEST_RSP_LEN, true},
-    {"getGpsDbDataRsp", LAPI_GET_GPS_DB_DATA_RSP_LEN, true},
-    {"setGpsDbDataRsp", LAPI_SET_GPS_DB_DATA_RSP_LEN, true},
-    {"getStatusRsp", LAPI_GET_STATUS_RSP_LEN, true},
-    {"statusChangeInd", LAPI_STATUS_CHANGE_IND_LEN, true},
-    {"locationNotificationInd", LAPI_LOCATION_NOTIFICATION_IND_LEN, true},
-    {"notificationStatusInd", LAPI_NOTIFICATION_STATUS_IND_LEN, true},
-    {"distanceAzimuthRsp", LAPI_DISTANCE_AZIMUTH_RSP_LEN, true},
-    {"addProximityRsp", LAPI_ADD_PROXIMITY_RSP_LEN, true},
-    {"removeProximityRsp", LAPI_REMOVE_PROXIMITY_RSP_LEN, true},
-    {"proximityHitInd", LAPI_PROXIMITY_HIT_IND_LEN, true},
-}};
-
-constexpr std::array<MsgRow, LAPI_CLI_MSG_COUNT> kCliRows = {{
-    {"registerReq", LAPI_REGISTER_REQ_LEN, false},
-    {"registerRsp", LAPI_REGISTER_RSP_LEN, true},
-    {"getAsyncFdReq", LAPI_GET_ASYNC_FD_REQ_LEN, false},
-    {"getAsyncFdRsp", LAPI_GET_ASYNC_FD_RSP_LEN, true},
-    {"unregisterReq", LAPI_UNREGISTER_REQ_LEN, false},
-    {"unregisterRsp", LAPI_UNREGISTER_RSP_LEN, true},
-    {"getLocationReq", LAPI_GET_LOCATION_REQ_LEN, false},
-    {"abortLocationReq", LAPI_ABORT_LOCATION_REQ_LEN, false},
-    {"abortAllLocationReq", LAPI_ABORT_ALL_LOCATION_REQ_LEN, false},
-    {"lastKnownLocationReq", LAPI_LAST_KNOWN_LOCATION_REQ_LEN, false},
-    {"getGpsDbDataReq", LAPI_GET_GPS_DB_DATA_REQ_LEN, false},
-    {"setGpsDbDataReq", LAPI_SET_GPS_DB_DATA_REQ_LEN, false},
-    {"getStatusReq", LAPI_GET_STATUS_REQ_LEN, false},
-    {"locationNotificationCfm", LAPI_LOCATION_NOTIFICATION_CFM_LEN, false},
-    {"distanceAzimuthReq", LAPI_DISTANCE_AZIMUTH_REQ_LEN, false},
-    {"addProximityReq", LAPI_ADD_PROXIMITY_REQ_LEN, false},
-    {"removeProximityReq", LAPI_REMOVE_PROXIMITY_REQ_LEN, false},
-}};
-
-static_assert(kSrvRows.size() == LAPI_SRV_MSG_COUNT);
-static_assert(kCliRows.size() == LAPI_CLI_MSG_COUNT);
 static_assert(sizeof(lapi_msg{}.u) == LAPI_MAX_SRV_MSG_LEN);
-
-const MsgRow &Row(int msgId) {
-    if (msgId >= 0 && msgId < LAPI_SRV_MSG_COUNT) {
-        return kSrvRows[static_cast<size_t>(msgId)];
-    }
-    if (msgId >= LAPI_CLI_MSG_BASE && msgId < LAPI_CLI_MSG_BASE + LAPI_CLI_MSG_COUNT) {
-        return kCliRows[static_cast<size_t>(msgId - LAPI_CLI_MSG_BASE)];
-    }
-    return kNoRow;
-}
 
 struct ErrText {
     int code;
@@ -97,11 +38,6 @@ constexpr ErrText kErrTexts[] = {
 
 }  // namespace
 
-int LAPI_CLI_ServerBodyLen(int msgId) {
-    const MsgRow &row = Row(msgId);
-    return row.fromServer ? row.bodyLen : -1;
-}
-
 extern "C" const char *lapi_strerror(int err) {
     for (const ErrText &e : kErrTexts) {
         if (e.code == err) {
@@ -116,7 +52,8 @@ extern "C" const char *lapi_version(void) {
 }
 
 extern "C" const char *lapi_msg_name(int msgId) {
-    return Row(msgId).name;
+    const LAPI_ApMsgLenRow *pRow = LAPI_ApMsgRowOf(msgId);
+    return pRow != nullptr ? pRow->pName : nullptr;
 }
 
 extern "C" int lapi_decode_msg(const void *buf, size_t len, lapi_msg *pMsg, size_t *pUsed) {
@@ -143,12 +80,12 @@ extern "C" int lapi_decode_msg(const void *buf, size_t len, lapi_msg *pMsg, size
     pMsg->msgId = header.msgId;
     pMsg->length = static_cast<uint16_t>(whole);
     pMsg->conn = LAPI_CONN_SYNC;
-    int expected = LAPI_CLI_ServerBodyLen(header.msgId);
-    if (expected < 0) {
+    const LAPI_ApMsgLenRow *pRow = LAPI_ApMsgRowOf(header.msgId);
+    if (pRow == nullptr || !pRow->fromServer) {
         memcpy(pMsg->u.raw, buf, LAPI_MSG_HEADER_LEN);
         return LAPI_E_UNKNOWN_MSG;
     }
-    if (expected != header.msgLen) {
+    if (!LAPI_LenFits(pRow->lenRule, pRow->len, header.msgLen)) {
         memcpy(pMsg->u.raw, buf, LAPI_MSG_HEADER_LEN);
         return LAPI_E_BAD_LENGTH;
     }

@@ -10,9 +10,13 @@
  */
 #include "LAPI_SrvCli.h"
 
+#include "LAPI_ApMsgRows.h"
 #include "LAPI_LogFmt.h"
+#include "LAPI_TraceText.h"
 
 #include <atomic>
+#include <iterator>
+#include <type_traits>
 
 #include <stddef.h>
 #include <stdio.h>
@@ -56,52 +60,7 @@ constexpr int kDebugHexBytesPerLine = 1365;
  * beyond it is cut, never written past. */
 constexpr int kLogLineSize = 8192;
 
-struct LogText {
-    char buf[kLogLineSize];
-    int len;
-};
-
-void Init(LogText *pText) {
-    pText->buf[0] = '\0';
-    pText->len = 0;
-}
-
-/* Copies fixed text; cut (never written past) when the line is full. */
-void AppendStr(LogText *pText, const char *str, size_t n) {
-    int room = kLogLineSize - pText->len;
-    if (room <= 1) {
-        return;
-    }
-    if (n > static_cast<size_t>(room - 1)) {
-        n = static_cast<size_t>(room - 1);
-    }
-    memcpy(pText->buf + pText->len, str, n);
-    pText->len += static_cast<int>(n);
-    pText->buf[pText->len] = '\0';
-}
-
-template <size_t N>
-void AppendStr(LogText *pText, const char (&str)[N]) {
-    AppendStr(pText, str, N - 1);
-}
-
-/* One number, formatted by fmt (one of lapi_fmt's), cut as text is. */
-template <typename Fmt, typename T>
-void AppendNum(LogText *pText, Fmt fmt, T value) {
-    char num[lapi_fmt::kNumRoom];
-    char *end = fmt(num, value);
-    AppendStr(pText, num, static_cast<size_t>(end - num));
-}
-
-/* "%d" */
-void AppendInt(LogText *pText, int value) {
-    AppendNum(pText, lapi_fmt::Int, value);
-}
-
-/* "%u" */
-void AppendUInt(LogText *pText, unsigned value) {
-    AppendNum(pText, lapi_fmt::UInt, value);
-}
+using LogText = LAPI_TraceText<kLogLineSize>;
 
 /* "%.30e". A fix's reals repeat from report to report (accuracies, speed,
  * course, a position that does not move): the text of the last few values
@@ -120,7 +79,7 @@ void AppendDouble(LogText *pText, double value) {
         char num[lapi_fmt::kNumRoom];
         size_t n = static_cast<size_t>(lapi_fmt::Sci30(num, value) - num);
         if (n > sizeof(k.text)) {
-            AppendStr(pText, num, n);
+            pText->Append(num, n);
             return;
         }
         k.len = 0; /* emptied first, as the hex dump's */
@@ -130,32 +89,22 @@ void AppendDouble(LogText *pText, double value) {
         std::atomic_signal_fence(std::memory_order_seq_cst);
         k.len = static_cast<uint8_t>(n);
     }
-    AppendStr(pText, k.text, k.len);
+    pText->Append(k.text, k.len);
 }
 
-/* The raw bytes of a field in hex. A zero length goes to LAPI_FormatHexStr
- * all the same, so that its error line says the field was empty. */
-void AppendHex(LogText *pText, const void *pData, int length, uint8_t side) {
-    int room = kLogLineSize - pText->len;
-    if (length > 0 && 2 * length + 5 > room) {
-        return; /* would not fit: cut */
-    }
-    pText->len += LAPI_FormatHexStr(pData, length, pText->buf + pText->len, side);
-}
-
-/* Checks the identifier and the fixed body length of a traced message; the
- * error line names the trace procedure that refused it. */
-int CheckMsg(const MsgHeader &h, uint16_t msgId, uint16_t msgLen, const char *name, uint8_t side,
-             const char *func, int line) {
-    if (h.msgId != msgId) {
+/* Checks a traced message against its row (identifier, then body length);
+ * the error line names the trace procedure that refused it. */
+int CheckMsg(const MsgHeader &h, const LAPI_ApMsgLenRow &row, uint8_t side, const char *func,
+             int line) {
+    if (h.msgId != row.msgId) {
         LAPI_LogLine(side, 1, LAPI_LOG_FILE, line, func,
                      "pMsgHeader->msgId : %d is not expected, pid : %d!", h.msgId,
                      static_cast<int>(h.pid));
         return -1;
     }
-    if (h.msgLen != msgLen) {
+    if (!LAPI_LenFits(row.lenRule, row.len, h.msgLen)) {
         LAPI_LogLine(side, 1, LAPI_LOG_FILE, line, func, "Wrong %s msg length: %d, pid is: %d!",
-                     name, h.msgLen, static_cast<int>(h.pid));
+                     row.pName, h.msgLen, static_cast<int>(h.pid));
         return -1;
     }
     return 0;
@@ -182,18 +131,33 @@ ApTraceMemo gMemo;
 int Emit(const LogText &text, uint8_t side, const char *func, int line) {
     if (gMemo.capturing && text.len >= 0) {
         gMemo.lineLen = static_cast<int>(LAPI_LogBuildLine(side, 0, LAPI_LOG_FILE, line, func,
-                                                           text.buf, static_cast<size_t>(text.len),
+                                                           text.text, static_cast<size_t>(text.len),
                                                            gMemo.line, sizeof(gMemo.line)));
     }
-    LAPI_LogText(side, 0, LAPI_LOG_FILE, line, func, text.buf, static_cast<size_t>(text.len));
+    LAPI_LogText(side, 0, LAPI_LOG_FILE, line, func, text.text, static_cast<size_t>(text.len));
     return text.len;
 }
 
 /* Starts the line: "S->C timeOutRsp " and the header. */
-void Begin(LogText *pText, const char *prefix, const MsgHeader &h, uint8_t side) {
-    Init(pText);
-    AppendStr(pText, prefix, strlen(prefix));
-    pText->len += LAPI_LogApMsgHeader(&h, pText->buf + pText->len, side);
+void Begin(LogText *pText, const LAPI_ApMsgLenRow &row, const MsgHeader &h, uint8_t side) {
+    pText->Clear();
+    if (row.fromServer) {
+        pText->Append("S->C ");
+    } else {
+        pText->Append("C->S ");
+    }
+    pText->AppendCStr(row.pName);
+    pText->Append(" ");
+    pText->len += LAPI_LogApMsgHeader(&h, pText->End(), side);
+}
+
+/* "sessionId: %d, transactionId: %d, " */
+void AppendPair(LogText *pText, int sessionId, int transactionId) {
+    pText->Append("sessionId: ");
+    pText->AppendInt(sessionId);
+    pText->Append(", transactionId: ");
+    pText->AppendInt(transactionId);
+    pText->Append(", ");
 }
 
 int Min(int a, int b) {
@@ -202,60 +166,185 @@ int Min(int a, int b) {
 
 }  // namespace
 
-/* Copies the message into a record of its type, checks it and starts the
- * line. Used at the top of every trace procedure. */
-#define LOG_BEGIN(Type, msgIdValue, msgLenValue, name, prefix)                                   \
-    Type m;                                                                                      \
-    memcpy(&m, pMsg, sizeof(m));                                                                 \
-    if (CheckMsg(m.header, (msgIdValue), (msgLenValue), (name), side, __func__, __LINE__) < 0) { \
-        return -1;                                                                               \
-    }                                                                                            \
-    LogText text;                                                                                \
-    Begin(&text, (prefix), m.header, side)
+namespace {
 
-/* A field: its label and value (by the appender: AppendInt for "%d",
- * AppendUInt for "%u", AppendDouble for "%.30e"), ", ", then its raw bytes
- * in hex. */
-#define LOG_FIELD_BY(Type, member, label, appender, value)                                      \
-    do {                                                                                        \
-        AppendStr(&text, label);                                                                \
-        appender(&text, value);                                                                 \
-        AppendStr(&text, ", ");                                                                 \
-        AppendHex(&text, pMsg + offsetof(Type, member), static_cast<int>(sizeof(Type::member)), \
-                  side);                                                                        \
-    } while (0)
+/* How a traced field shows its value. */
+enum class FieldKind : uint8_t {
+    kInt,       /* "%d" */
+    kUInt,      /* "%u" */
+    kDouble,    /* "%.30e" */
+    kReqPrefix, /* "mode: %d, sessionId: %d, transactionId: %d, " */
+    kPair,      /* "sessionId: %d, transactionId: %d, " */
+    kDbFiles,   /* the used file entries, counted by the field at countOffset */
+};
 
-#define LOG_INT(Type, member, label, value) \
-    LOG_FIELD_BY(Type, member, label, AppendInt, static_cast<int>(value))
-#define LOG_UINT(Type, member, label, value) \
-    LOG_FIELD_BY(Type, member, label, AppendUInt, static_cast<unsigned>(value))
-#define LOG_DOUBLE(Type, member) LOG_FIELD_BY(Type, member, #member ": ", AppendDouble, m.member)
+/* One traced field: its label, its value, ", ", then its raw bytes in hex
+ * (the prefix and the pair: their four and two bytes). */
+struct TraceField {
+    FieldKind kind;
+    const char *label;
+    uint16_t labelLen;
+    uint16_t offset; /* in the whole message */
+    uint8_t width;
+    bool isSigned;
+    uint16_t countOffset; /* kDbFiles: where numFiles is */
+};
 
-/* "sessionId: %d, transactionId: %d, " with the two bytes in hex. */
-#define LOG_SERVER_PAIR(Type)                                        \
-    do {                                                             \
-        AppendStr(&text, "sessionId: ");                             \
-        AppendInt(&text, m.sessionId);                               \
-        AppendStr(&text, ", transactionId: ");                       \
-        AppendInt(&text, m.transactionId);                           \
-        AppendStr(&text, ", ");                                      \
-        AppendHex(&text, pMsg + offsetof(Type, sessionId), 2, side); \
-    } while (0)
+/* The fields of a message of type T (the procedure's T). */
+#define TF_NUM(kind, member, label)                                                 \
+    TraceField {                                                                    \
+        (kind), (label), sizeof(label) - 1, offsetof(T, member), sizeof(T::member), \
+            std::is_signed_v<decltype(T::member)>, 0                                \
+    }
+#define TF_INT(member, label) TF_NUM(FieldKind::kInt, member, label)
+/* An i32 inside a member (a field of a nested record), shown as "%d". */
+#define TF_I32_AT(label, off)                                          \
+    TraceField {                                                       \
+        FieldKind::kInt, (label), sizeof(label) - 1, (off), 4, true, 0 \
+    }
+#define TF_UINT(member, label) TF_NUM(FieldKind::kUInt, member, label)
+#define TF_DOUBLE(member) TF_NUM(FieldKind::kDouble, member, #member ": ")
+#define TF_PREFIX()                                                  \
+    TraceField {                                                     \
+        FieldKind::kReqPrefix, "", 0, offsetof(T, mode), 4, false, 0 \
+    }
+#define TF_PAIR()                                                    \
+    TraceField {                                                     \
+        FieldKind::kPair, "", 0, offsetof(T, sessionId), 2, false, 0 \
+    }
+#define TF_DB_FILES()                                                                    \
+    TraceField {                                                                         \
+        FieldKind::kDbFiles, "", 0, offsetof(T, dbFile), 0, false, offsetof(T, numFiles) \
+    }
+/* The eleven reals that getLocationRsp and proximityHitInd share. */
+#define TF_POSITION()                                                                             \
+    TF_DOUBLE(longitude), TF_DOUBLE(latitude), TF_DOUBLE(latLonAccuracy), TF_DOUBLE(timeStamp),   \
+        TF_DOUBLE(altitude), TF_DOUBLE(speed), TF_DOUBLE(travelDirection),                        \
+        TF_DOUBLE(pointingDirection), TF_DOUBLE(horizontalAccuracy), TF_DOUBLE(verticalAccuracy), \
+        TF_DOUBLE(course)
 
-/* "mode: %d, sessionId: %d, transactionId: %d, " with the four bytes in hex. */
-#define LOG_REQ_PREFIX(Type)                                    \
-    do {                                                        \
-        AppendStr(&text, "mode: ");                             \
-        AppendInt(&text, m.mode);                               \
-        AppendStr(&text, ", sessionId: ");                      \
-        AppendInt(&text, m.sessionId);                          \
-        AppendStr(&text, ", transactionId: ");                  \
-        AppendInt(&text, m.transactionId);                      \
-        AppendStr(&text, ", ");                                 \
-        AppendHex(&text, pMsg + offsetof(Type, mode), 4, side); \
-    } while (0)
+/* The value of an integer field of width bytes (1, 2, 4 or 8). */
+int64_t FieldValue(const uint8_t *p, int width, bool isSigned) {
+    switch (width) {
+        case 1: {
+            uint8_t v;
+            memcpy(&v, p, sizeof(v));
+            return isSigned ? static_cast<int8_t>(v) : v;
+        }
+        case 2: {
+            uint16_t v;
+            memcpy(&v, p, sizeof(v));
+            return isSigned ? static_cast<int16_t>(v) : v;
+        }
+        case 4: {
+            uint32_t v;
+            memcpy(&v, p, sizeof(v));
+            return isSigned ? static_cast<int32_t>(v) : static_cast<int64_t>(v);
+        }
+        default: {
+            uint64_t v;
+            memcpy(&v, p, sizeof(v));
+            return static_cast<int64_t>(v);
+        }
+    }
+}
 
-#define LOG_END() return Emit(text, side, __func__, __LINE__)
+void AppendDbFiles(LogText *pText, const uint8_t *pFiles, int numFiles, uint8_t side);
+
+void AppendFields(LogText *pText, const uint8_t *pMsg, const TraceField *pFields, size_t count,
+                  uint8_t side) {
+    for (size_t i = 0; i < count; ++i) {
+        const TraceField &f = pFields[i];
+        const uint8_t *p = pMsg + f.offset;
+        switch (f.kind) {
+            case FieldKind::kReqPrefix:
+                pText->Append("mode: ");
+                pText->AppendInt(static_cast<int>(FieldValue(p, 2, false)));
+                pText->Append(", ");
+                AppendPair(pText, static_cast<int>(FieldValue(p + 2, 1, false)),
+                           static_cast<int>(FieldValue(p + 3, 1, false)));
+                pText->AppendHex(p, f.width, side);
+                break;
+            case FieldKind::kPair:
+                AppendPair(pText, static_cast<int>(FieldValue(p, 1, false)),
+                           static_cast<int>(FieldValue(p + 1, 1, false)));
+                pText->AppendHex(p, f.width, side);
+                break;
+            case FieldKind::kDbFiles:
+                AppendDbFiles(pText, p,
+                              static_cast<int>(FieldValue(pMsg + f.countOffset, 2, false)), side);
+                break;
+            default:
+                pText->Append(f.label, f.labelLen);
+                if (f.kind == FieldKind::kDouble) {
+                    double v;
+                    memcpy(&v, p, sizeof(v));
+                    AppendDouble(pText, v);
+                } else if (f.kind == FieldKind::kUInt) {
+                    pText->AppendUInt(static_cast<unsigned>(FieldValue(p, f.width, f.isSigned)));
+                } else {
+                    pText->AppendInt(static_cast<int>(FieldValue(p, f.width, f.isSigned)));
+                }
+                pText->Append(", ");
+                pText->AppendHex(p, f.width, side);
+                break;
+        }
+    }
+}
+
+/* Checks a message of type T against its row and starts its line: false
+ * after the error line in func's name. */
+template <typename T, uint16_t kMsgId>
+bool BeginTrace(const uint8_t *pMsg, uint8_t side, const char *func, LogText *pText) {
+    static_assert(LAPI_ApMsgRowOf(kMsgId) != nullptr &&
+                  sizeof(T) == LAPI_MSG_HEADER_LEN + LAPI_ApMsgRowOf(kMsgId)->len);
+    const LAPI_ApMsgLenRow &row = *LAPI_ApMsgRowOf(kMsgId);
+    MsgHeader h;
+    memcpy(&h, pMsg, sizeof(h));
+    if (CheckMsg(h, row, side, func, __LINE__) < 0) {
+        return false;
+    }
+    Begin(pText, row, h, side);
+    return true;
+}
+
+/* Starts the line as BeginTrace does and appends the given fields. */
+template <typename T, uint16_t kMsgId>
+bool BeginTraceFields(const uint8_t *pMsg, uint8_t side, const char *func, LogText *pText,
+                      const TraceField *pFields, size_t count) {
+    if (!BeginTrace<T, kMsgId>(pMsg, side, func, pText)) {
+        return false;
+    }
+    AppendFields(pText, pMsg, pFields, count, side);
+    return true;
+}
+
+/* The whole trace of a message made of its header and the given fields. */
+template <typename T, uint16_t kMsgId>
+int TraceFields(const uint8_t *pMsg, uint8_t side, const TraceField *pFields, size_t count,
+                const char *func) {
+    LogText text;
+    if (!BeginTraceFields<T, kMsgId>(pMsg, side, func, &text, pFields, count)) {
+        return -1;
+    }
+    return Emit(text, side, func, __LINE__);
+}
+
+}  // namespace
+
+/* A trace procedure of the tables: the message's header, then the fields
+ * listed (with T the message's type). */
+#define TRACE_PROC(name, Type, msgId, ...)                                            \
+    int name(const uint8_t *pMsg, uint8_t side) {                                     \
+        using T = Type;                                                               \
+        static constexpr TraceField kFields[] = {__VA_ARGS__};                        \
+        return TraceFields<T, msgId>(pMsg, side, kFields, std::size(kFields), #name); \
+    }
+/* One that traces the header alone. */
+#define TRACE_HEADER_PROC(name, Type, msgId)                            \
+    int name(const uint8_t *pMsg, uint8_t side) {                       \
+        return TraceFields<Type, msgId>(pMsg, side, nullptr, 0, #name); \
+    }
 
 /* ------------------------------------------------------------------------ */
 /* Hex helpers                                                               */
@@ -333,72 +422,27 @@ int LAPI_LogApMsgHeader(const MsgHeader *pMsgHeader, char *pBuf, uint8_t side) {
 /* Client to server                                                          */
 /* ------------------------------------------------------------------------ */
 
-int LAPI_LogRegisterReq(const uint8_t *pMsg, uint8_t side) {
-    LOG_BEGIN(RegisterReq, LAPI_REGISTER_REQ, LAPI_REGISTER_REQ_LEN, "registerReq",
-              "C->S registerReq ");
-    LOG_UINT(RegisterReq, service, "service: ", m.service);
-    LOG_END();
-}
-
-int LAPI_LogGetAsyncFdReq(const uint8_t *pMsg, uint8_t side) {
-    LOG_BEGIN(GetAsyncFdReq, LAPI_GET_ASYNC_FD_REQ, LAPI_GET_ASYNC_FD_REQ_LEN, "getAsyncFdReq",
-              "C->S getAsyncFdReq ");
-    LOG_INT(GetAsyncFdReq, globalId, "globalId: ", m.globalId);
-    LOG_END();
-}
-
-int LAPI_LogUnregisterReq(const uint8_t *pMsg, uint8_t side) {
-    LOG_BEGIN(UnregisterReq, LAPI_UNREGISTER_REQ, LAPI_UNREGISTER_REQ_LEN, "unregisterReq",
-              "C->S unregisterReq ");
-    LOG_END();
-}
-
-int LAPI_LogGetLocationReq(const uint8_t *pMsg, uint8_t side) {
-    LOG_BEGIN(GetLocationReq, LAPI_GET_LOCATION_REQ, LAPI_GET_LOCATION_REQ_LEN, "getLocationReq",
-              "C->S getLocationReq ");
-    LOG_REQ_PREFIX(GetLocationReq);
-    LOG_INT(GetLocationReq, responseTime, "responseTime: ", m.responseTime);
-    LOG_INT(GetLocationReq, horizontalAccuracy, "horizontalAccuracy: ", m.horizontalAccuracy);
-    LOG_INT(GetLocationReq, verticalAccuracy, "verticalAccuracy: ", m.verticalAccuracy);
-    LOG_INT(GetLocationReq, preferredPowerConsumption,
-            "preferredPowerConsumption: ", m.preferredPowerConsumption);
-    LOG_INT(GetLocationReq, interval, "interval: ", m.interval);
-    LOG_INT(GetLocationReq, reportCriteria, "reportCriteria: ", m.reportCriteria);
-    LOG_UINT(GetLocationReq, costAllowed, "costAllowed: ", m.costAllowed);
-    LOG_UINT(GetLocationReq, addressInfoRequired, "addressInfoRequired: ", m.addressInfoRequired);
-    LOG_UINT(GetLocationReq, speedAndCourseRequired,
-             "speedAndCourseRequired: ", m.speedAndCourseRequired);
-    LOG_UINT(GetLocationReq, altitudeRequired, "altitudeRequired: ", m.altitudeRequired);
-    LOG_END();
-}
-
-int LAPI_LogAbortLocationReq(const uint8_t *pMsg, uint8_t side) {
-    LOG_BEGIN(AbortLocationReq, LAPI_ABORT_LOCATION_REQ, LAPI_ABORT_LOCATION_REQ_LEN,
-              "abortLocationReq", "C->S abortLocationReq ");
-    LOG_REQ_PREFIX(AbortLocationReq);
-    LOG_END();
-}
-
-int LAPI_LogAbortAllLocationReq(const uint8_t *pMsg, uint8_t side) {
-    LOG_BEGIN(AbortAllLocationReq, LAPI_ABORT_ALL_LOCATION_REQ, LAPI_ABORT_ALL_LOCATION_REQ_LEN,
-              "abortAllLocationReq", "C->S abortAllLocationReq ");
-    LOG_END();
-}
-
-int LAPI_LogLastKnownLocationReq(const uint8_t *pMsg, uint8_t side) {
-    LOG_BEGIN(LastKnownLocationReq, LAPI_LAST_KNOWN_LOCATION_REQ, LAPI_LAST_KNOWN_LOCATION_REQ_LEN,
-              "lastKnownLocationReq", "C->S lastKnownLocationReq ");
-    LOG_REQ_PREFIX(LastKnownLocationReq);
-    LOG_END();
-}
-
-int LAPI_LogGetGpsDbDataReq(const uint8_t *pMsg, uint8_t side) {
-    LOG_BEGIN(GetGpsDbDataReq, LAPI_GET_GPS_DB_DATA_REQ, LAPI_GET_GPS_DB_DATA_REQ_LEN,
-              "getGpsDbDataReq", "C->S getGpsDbDataReq ");
-    LOG_REQ_PREFIX(GetGpsDbDataReq);
-    LOG_UINT(GetGpsDbDataReq, fileId, "fileId: ", m.fileId);
-    LOG_END();
-}
+TRACE_PROC(LAPI_LogRegisterReq, RegisterReq, LAPI_REGISTER_REQ, TF_UINT(service, "service: "))
+TRACE_PROC(LAPI_LogGetAsyncFdReq, GetAsyncFdReq, LAPI_GET_ASYNC_FD_REQ,
+           TF_INT(globalId, "globalId: "))
+TRACE_HEADER_PROC(LAPI_LogUnregisterReq, UnregisterReq, LAPI_UNREGISTER_REQ)
+/* nmeaRequired travels but is not traced. */
+TRACE_PROC(LAPI_LogGetLocationReq, GetLocationReq, LAPI_GET_LOCATION_REQ, TF_PREFIX(),
+           TF_INT(responseTime, "responseTime: "),
+           TF_INT(horizontalAccuracy, "horizontalAccuracy: "),
+           TF_INT(verticalAccuracy, "verticalAccuracy: "),
+           TF_INT(preferredPowerConsumption, "preferredPowerConsumption: "),
+           TF_INT(interval, "interval: "), TF_INT(reportCriteria, "reportCriteria: "),
+           TF_UINT(costAllowed, "costAllowed: "),
+           TF_UINT(addressInfoRequired, "addressInfoRequired: "),
+           TF_UINT(speedAndCourseRequired, "speedAndCourseRequired: "),
+           TF_UINT(altitudeRequired, "altitudeRequired: "))
+TRACE_PROC(LAPI_LogAbortLocationReq, AbortLocationReq, LAPI_ABORT_LOCATION_REQ, TF_PREFIX())
+TRACE_HEADER_PROC(LAPI_LogAbortAllLocationReq, AbortAllLocationReq, LAPI_ABORT_ALL_LOCATION_REQ)
+TRACE_PROC(LAPI_LogLastKnownLocationReq, LastKnownLocationReq, LAPI_LAST_KNOWN_LOCATION_REQ,
+           TF_PREFIX())
+TRACE_PROC(LAPI_LogGetGpsDbDataReq, GetGpsDbDataReq, LAPI_GET_GPS_DB_DATA_REQ, TF_PREFIX(),
+           TF_UINT(fileId, "fileId: "))
 
 namespace {
 
@@ -410,140 +454,74 @@ void AppendDbFiles(LogText *pText, const uint8_t *pFiles, int numFiles, uint8_t 
         const uint8_t *pFile = pFiles + i * sizeof(DbFile);
         DbFile f;
         memcpy(&f, pFile, sizeof(f));
-        AppendStr(pText, "dbFile[");
-        AppendInt(pText, i);
-        AppendStr(pText, "]: fileId: ");
-        AppendInt(pText, static_cast<int>(f.fileId));
-        AppendStr(pText, ", ");
-        AppendHex(pText, pFile + offsetof(DbFile, fileId), 4, side);
-        AppendStr(pText, "length: ");
-        AppendInt(pText, f.length);
-        AppendStr(pText, ", ");
-        AppendHex(pText, pFile + offsetof(DbFile, length), 2, side);
-        AppendStr(pText, "data: ");
-        AppendHex(pText, pFile + offsetof(DbFile, data), Min(f.length, LAPI_DB_FILE_DATA_LEN),
-                  side);
+        pText->Append("dbFile[");
+        pText->AppendInt(i);
+        pText->Append("]: fileId: ");
+        pText->AppendInt(static_cast<int>(f.fileId));
+        pText->Append(", ");
+        pText->AppendHex(pFile + offsetof(DbFile, fileId), 4, side);
+        pText->Append("length: ");
+        pText->AppendInt(f.length);
+        pText->Append(", ");
+        pText->AppendHex(pFile + offsetof(DbFile, length), 2, side);
+        pText->Append("data: ");
+        pText->AppendHex(pFile + offsetof(DbFile, data), Min(f.length, LAPI_DB_FILE_DATA_LEN),
+                         side);
     }
 }
 
 }  // namespace
 
-int LAPI_LogSetGpsDbDataReq(const uint8_t *pMsg, uint8_t side) {
-    LOG_BEGIN(SetGpsDbDataReq, LAPI_SET_GPS_DB_DATA_REQ, LAPI_SET_GPS_DB_DATA_REQ_LEN,
-              "setGpsDbDataReq", "C->S setGpsDbDataReq ");
-    LOG_REQ_PREFIX(SetGpsDbDataReq);
-    LOG_INT(SetGpsDbDataReq, numFiles, "numFiles: ", m.numFiles);
-    AppendDbFiles(&text, pMsg + offsetof(SetGpsDbDataReq, dbFile), m.numFiles, side);
-    LOG_END();
-}
-
-int LAPI_LogGetStatusReq(const uint8_t *pMsg, uint8_t side) {
-    LOG_BEGIN(GetStatusReq, LAPI_GET_STATUS_REQ, LAPI_GET_STATUS_REQ_LEN, "getStatusReq",
-              "C->S getStatusReq ");
-    LOG_REQ_PREFIX(GetStatusReq);
-    LOG_END();
-}
-
-int LAPI_LogLocationNotificationCfm(const uint8_t *pMsg, uint8_t side) {
-    LOG_BEGIN(LocationNotificationCfm, LAPI_LOCATION_NOTIFICATION_CFM,
-              LAPI_LOCATION_NOTIFICATION_CFM_LEN, "locationNotificationCfm",
-              "C->S locationNotificationCfm ");
-    LOG_SERVER_PAIR(LocationNotificationCfm);
-    LOG_INT(LocationNotificationCfm, responseType, "responseType: ", m.responseType);
-    LOG_END();
-}
-
-int LAPI_LogDistanceAzimuthReq(const uint8_t *pMsg, uint8_t side) {
-    LOG_BEGIN(DistanceAzimuthReq, LAPI_DISTANCE_AZIMUTH_REQ, LAPI_DISTANCE_AZIMUTH_REQ_LEN,
-              "distanceAzimuthReq", "C->S distanceAzimuthReq ");
-    LOG_REQ_PREFIX(DistanceAzimuthReq);
-    LOG_DOUBLE(DistanceAzimuthReq, latitude1);
-    LOG_DOUBLE(DistanceAzimuthReq, longitude1);
-    LOG_DOUBLE(DistanceAzimuthReq, latitude2);
-    LOG_DOUBLE(DistanceAzimuthReq, longitude2);
-    LOG_INT(DistanceAzimuthReq, distanceOnly, "distanceOnly: ", m.distanceOnly);
-    LOG_END();
-}
-
-int LAPI_LogAddProximityReq(const uint8_t *pMsg, uint8_t side) {
-    LOG_BEGIN(AddProximityReq, LAPI_ADD_PROXIMITY_REQ, LAPI_ADD_PROXIMITY_REQ_LEN,
-              "addProximityReq", "C->S addProximityReq ");
-    LOG_REQ_PREFIX(AddProximityReq);
-    LOG_DOUBLE(AddProximityReq, latitude);
-    LOG_DOUBLE(AddProximityReq, longitude);
-    LOG_DOUBLE(AddProximityReq, altitude);
-    LOG_DOUBLE(AddProximityReq, radius);
-    LOG_END();
-}
-
-int LAPI_LogRemoveProximityReq(const uint8_t *pMsg, uint8_t side) {
-    LOG_BEGIN(RemoveProximityReq, LAPI_REMOVE_PROXIMITY_REQ, LAPI_REMOVE_PROXIMITY_REQ_LEN,
-              "removeProximityReq", "C->S removeProximityReq ");
-    LOG_REQ_PREFIX(RemoveProximityReq);
-    LOG_INT(RemoveProximityReq, removeType, "removeType: ", m.removeType);
-    LOG_END();
-}
+TRACE_PROC(LAPI_LogSetGpsDbDataReq, SetGpsDbDataReq, LAPI_SET_GPS_DB_DATA_REQ, TF_PREFIX(),
+           TF_INT(numFiles, "numFiles: "), TF_DB_FILES())
+TRACE_PROC(LAPI_LogGetStatusReq, GetStatusReq, LAPI_GET_STATUS_REQ, TF_PREFIX())
+TRACE_PROC(LAPI_LogLocationNotificationCfm, LocationNotificationCfm, LAPI_LOCATION_NOTIFICATION_CFM,
+           TF_PAIR(), TF_INT(responseType, "responseType: "))
+TRACE_PROC(LAPI_LogDistanceAzimuthReq, DistanceAzimuthReq, LAPI_DISTANCE_AZIMUTH_REQ, TF_PREFIX(),
+           TF_DOUBLE(latitude1), TF_DOUBLE(longitude1), TF_DOUBLE(latitude2), TF_DOUBLE(longitude2),
+           TF_INT(distanceOnly, "distanceOnly: "))
+TRACE_PROC(LAPI_LogAddProximityReq, AddProximityReq, LAPI_ADD_PROXIMITY_REQ, TF_PREFIX(),
+           TF_DOUBLE(latitude), TF_DOUBLE(longitude), TF_DOUBLE(altitude), TF_DOUBLE(radius))
+TRACE_PROC(LAPI_LogRemoveProximityReq, RemoveProximityReq, LAPI_REMOVE_PROXIMITY_REQ, TF_PREFIX(),
+           TF_INT(removeType, "removeType: "))
 
 /* ------------------------------------------------------------------------ */
 /* Server to client                                                          */
 /* ------------------------------------------------------------------------ */
 
-int LAPI_LogRegisterRsp(const uint8_t *pMsg, uint8_t side) {
-    LOG_BEGIN(RegisterRsp, LAPI_REGISTER_RSP, LAPI_REGISTER_RSP_LEN, "registerRsp",
-              "S->C registerRsp ");
-    LOG_INT(RegisterRsp, globalId, "globalId: ", m.globalId);
-    LOG_END();
-}
-
-int LAPI_LogGetAsyncFdRsp(const uint8_t *pMsg, uint8_t side) {
-    LOG_BEGIN(GetAsyncFdRsp, LAPI_GET_ASYNC_FD_RSP, LAPI_GET_ASYNC_FD_RSP_LEN, "getAsyncFdRsp",
-              "S->C getAsyncFdRsp ");
-    LOG_END();
-}
-
-int LAPI_LogUnregisterRsp(const uint8_t *pMsg, uint8_t side) {
-    LOG_BEGIN(UnregisterRsp, LAPI_UNREGISTER_RSP, LAPI_UNREGISTER_RSP_LEN, "unregisterRsp",
-              "S->C unregisterRsp ");
-    LOG_END();
-}
-
-/* The eleven doubles that getLocationRsp and proximityHitInd share. */
-#define LOG_POSITION(Type)                    \
-    do {                                      \
-        LOG_DOUBLE(Type, longitude);          \
-        LOG_DOUBLE(Type, latitude);           \
-        LOG_DOUBLE(Type, latLonAccuracy);     \
-        LOG_DOUBLE(Type, timeStamp);          \
-        LOG_DOUBLE(Type, altitude);           \
-        LOG_DOUBLE(Type, speed);              \
-        LOG_DOUBLE(Type, travelDirection);    \
-        LOG_DOUBLE(Type, pointingDirection);  \
-        LOG_DOUBLE(Type, horizontalAccuracy); \
-        LOG_DOUBLE(Type, verticalAccuracy);   \
-        LOG_DOUBLE(Type, course);             \
-    } while (0)
+TRACE_PROC(LAPI_LogRegisterRsp, RegisterRsp, LAPI_REGISTER_RSP, TF_INT(globalId, "globalId: "))
+TRACE_HEADER_PROC(LAPI_LogGetAsyncFdRsp, GetAsyncFdRsp, LAPI_GET_ASYNC_FD_RSP)
+TRACE_HEADER_PROC(LAPI_LogUnregisterRsp, UnregisterRsp, LAPI_UNREGISTER_RSP)
 
 int LAPI_LogGetLocationRsp(const uint8_t *pMsg, uint8_t side) {
-    LOG_BEGIN(GetLocationRsp, LAPI_GET_LOCATION_RSP, LAPI_GET_LOCATION_RSP_LEN, "getLocationRsp",
-              "S->C getLocationRsp ");
-    LOG_SERVER_PAIR(GetLocationRsp);
-    LOG_POSITION(GetLocationRsp);
-    LOG_INT(GetLocationRsp, locationMethod, "locationMethod: ", m.locationMethod);
-    LOG_INT(GetLocationRsp, cause, "cause: ", m.cause);
-    LOG_UINT(GetLocationRsp, ageOfFix, "ageOfFix: ", m.ageOfFix);
-    AppendStr(&text, "nmeaDataLength: ");
-    AppendInt(&text, m.nmeaDataLength);
-    AppendStr(&text, ", \n");
-    AppendHex(&text, pMsg + offsetof(GetLocationRsp, nmeaDataLength), 2, side);
+    using T = GetLocationRsp;
+    static constexpr TraceField kFields[] = {
+        TF_PAIR(),
+        TF_POSITION(),
+        TF_INT(locationMethod, "locationMethod: "),
+        TF_INT(cause, "cause: "),
+        TF_UINT(ageOfFix, "ageOfFix: "),
+    };
+    LogText text;
+    if (!BeginTraceFields<T, LAPI_GET_LOCATION_RSP>(pMsg, side, __func__, &text, kFields,
+                                                    std::size(kFields))) {
+        return -1;
+    }
+    uint16_t nmeaDataLength;
+    memcpy(&nmeaDataLength, pMsg + offsetof(T, nmeaDataLength), sizeof(nmeaDataLength));
+    text.Append("nmeaDataLength: ");
+    text.AppendInt(nmeaDataLength);
+    text.Append(", \n");
+    text.AppendHex(pMsg + offsetof(T, nmeaDataLength), 2, side);
 
     /* The NMEA sentences, as text and in hex, never beyond the array. */
-    int nmeaLen = Min(m.nmeaDataLength, LAPI_MAX_NMEA_LEN);
-    const char *pNmea = reinterpret_cast<const char *>(pMsg + offsetof(GetLocationRsp, nmeaData));
-    AppendStr(&text, "nmeaData: ");
-    AppendStr(&text, pNmea, strnlen(pNmea, static_cast<size_t>(nmeaLen))); /* text stops at NUL */
-    AppendStr(&text, ", \n");
-    AppendStr(&text, "nmeaData: ");
-    AppendHex(&text, pMsg + offsetof(GetLocationRsp, nmeaData), nmeaLen, side);
+    int nmeaLen = Min(nmeaDataLength, LAPI_MAX_NMEA_LEN);
+    const char *pNmea = reinterpret_cast<const char *>(pMsg + offsetof(T, nmeaData));
+    text.Append("nmeaData: ");
+    text.Append(pNmea, strnlen(pNmea, static_cast<size_t>(nmeaLen))); /* text stops at NUL */
+    text.Append(", \n");
+    text.Append("nmeaData: ");
+    text.AppendHex(pMsg + offsetof(T, nmeaData), nmeaLen, side);
 
     /* "\n %s, %s, pMsg->nmeaDataLength:%d\n" on standard output. */
     char plain[256];
@@ -558,153 +536,79 @@ int LAPI_LogGetLocationRsp(const uint8_t *pMsg, uint8_t side) {
     put(", ");
     put(__func__);
     put(", pMsg->nmeaDataLength:");
-    end = lapi_fmt::Int(end, m.nmeaDataLength);
+    end = lapi_fmt::Int(end, nmeaDataLength);
     *end++ = '\n';
     /* Standard output keeps its place among the diagnostic lines. */
     LAPI_LogFlush();
     fwrite(plain, 1, static_cast<size_t>(end - plain), stdout);
     fflush(stdout);
     gMemo.sideEffect = true;
-    AppendStr(&text, "nmea end\n");
-    LOG_END();
+    text.Append("nmea end\n");
+    return Emit(text, side, __func__, __LINE__);
 }
 
-int LAPI_LogAbortLocationRsp(const uint8_t *pMsg, uint8_t side) {
-    LOG_BEGIN(AbortLocationRsp, LAPI_ABORT_LOCATION_RSP, LAPI_ABORT_LOCATION_RSP_LEN,
-              "abortLocationRsp", "S->C abortLocationRsp ");
-    LOG_SERVER_PAIR(AbortLocationRsp);
-    LOG_INT(AbortLocationRsp, result, "result: ", m.result);
-    LOG_END();
-}
-
-int LAPI_LogTimeOutRsp(const uint8_t *pMsg, uint8_t side) {
-    LOG_BEGIN(TimeOutRsp, LAPI_TIME_OUT_RSP, LAPI_TIME_OUT_RSP_LEN, "timeOutRsp",
-              "S->C timeOutRsp ");
-    LOG_SERVER_PAIR(TimeOutRsp);
-    LOG_END();
-}
-
-int LAPI_LogInvalidRequestRsp(const uint8_t *pMsg, uint8_t side) {
-    LOG_BEGIN(InvalidRequestRsp, LAPI_INVALID_REQUEST_RSP, LAPI_INVALID_REQUEST_RSP_LEN,
-              "invalidRequestRsp", "S->C invalidRequestRsp ");
-    LOG_SERVER_PAIR(InvalidRequestRsp);
-    LOG_END();
-}
-
-int LAPI_LogGetGpsDbDataRsp(const uint8_t *pMsg, uint8_t side) {
-    LOG_BEGIN(GetGpsDbDataRsp, LAPI_GET_GPS_DB_DATA_RSP, LAPI_GET_GPS_DB_DATA_RSP_LEN,
-              "getGpsDbDataRsp", "S->C getGpsDbDataRsp ");
-    LOG_SERVER_PAIR(GetGpsDbDataRsp);
-    LOG_INT(GetGpsDbDataRsp, numFiles, "numFiles: ", m.numFiles);
-    AppendDbFiles(&text, pMsg + offsetof(GetGpsDbDataRsp, dbFile), m.numFiles, side);
-    LOG_INT(GetGpsDbDataRsp, result, "result: ", m.result);
-    LOG_END();
-}
-
-int LAPI_LogSetGpsDbDataRsp(const uint8_t *pMsg, uint8_t side) {
-    LOG_BEGIN(SetGpsDbDataRsp, LAPI_SET_GPS_DB_DATA_RSP, LAPI_SET_GPS_DB_DATA_RSP_LEN,
-              "setGpsDbDataRsp", "S->C setGpsDbDataRsp ");
-    LOG_SERVER_PAIR(SetGpsDbDataRsp);
-    LOG_INT(SetGpsDbDataRsp, result, "result: ", m.result);
-    LOG_END();
-}
+TRACE_PROC(LAPI_LogAbortLocationRsp, AbortLocationRsp, LAPI_ABORT_LOCATION_RSP, TF_PAIR(),
+           TF_INT(result, "result: "))
+TRACE_PROC(LAPI_LogTimeOutRsp, TimeOutRsp, LAPI_TIME_OUT_RSP, TF_PAIR())
+TRACE_PROC(LAPI_LogInvalidRequestRsp, InvalidRequestRsp, LAPI_INVALID_REQUEST_RSP, TF_PAIR())
+TRACE_PROC(LAPI_LogGetGpsDbDataRsp, GetGpsDbDataRsp, LAPI_GET_GPS_DB_DATA_RSP, TF_PAIR(),
+           TF_INT(numFiles, "numFiles: "), TF_DB_FILES(), TF_INT(result, "result: "))
+TRACE_PROC(LAPI_LogSetGpsDbDataRsp, SetGpsDbDataRsp, LAPI_SET_GPS_DB_DATA_RSP, TF_PAIR(),
+           TF_INT(result, "result: "))
 
 /* getStatusRsp and statusChangeInd: the six status fields (signalStatus and
  * iconStatus travel but are not traced). */
-#define LOG_STATUS_FIELDS()                                                             \
-    do {                                                                                \
-        LOG_SERVER_PAIR(GetStatusRsp);                                                  \
-        LOG_INT(GetStatusRsp, userStatus, "userStatus: ", m.userStatus);                \
-        LOG_INT(GetStatusRsp, hwStatus, "hwStatus: ", m.hwStatus);                      \
-        LOG_INT(GetStatusRsp, fixStatus, "fixStatus: ", m.fixStatus);                   \
-        LOG_INT(GetStatusRsp, emergencyStatus, "emergencyStatus: ", m.emergencyStatus); \
-        AppendStr(&text, "fixResultStatus.status: ");                                   \
-        AppendInt(&text, m.fixResultStatus.status);                                     \
-        AppendStr(&text, ", ");                                                         \
-        AppendHex(&text, pMsg + offsetof(GetStatusRsp, fixResultStatus), 4, side);      \
-        AppendStr(&text, "fixResultStatus.cause: ");                                    \
-        AppendInt(&text, m.fixResultStatus.cause);                                      \
-        AppendStr(&text, ", ");                                                         \
-        AppendHex(&text, pMsg + offsetof(GetStatusRsp, fixResultStatus) + 4, 4, side);  \
-    } while (0)
+#define TF_STATUS()                                                                     \
+    TF_PAIR(), TF_INT(userStatus, "userStatus: "), TF_INT(hwStatus, "hwStatus: "),      \
+        TF_INT(fixStatus, "fixStatus: "), TF_INT(emergencyStatus, "emergencyStatus: "), \
+        TF_I32_AT("fixResultStatus.status: ",                                           \
+                  offsetof(T, fixResultStatus) + offsetof(FixResultStatus, status)),    \
+        TF_I32_AT("fixResultStatus.cause: ",                                            \
+                  offsetof(T, fixResultStatus) + offsetof(FixResultStatus, cause))
 
-int LAPI_LogGetStatusRsp(const uint8_t *pMsg, uint8_t side) {
-    LOG_BEGIN(GetStatusRsp, LAPI_GET_STATUS_RSP, LAPI_GET_STATUS_RSP_LEN, "getStatusRsp",
-              "S->C getStatusRsp ");
-    LOG_STATUS_FIELDS();
-    LOG_END();
-}
-
-int LAPI_LogStatusChangeInd(const uint8_t *pMsg, uint8_t side) {
-    LOG_BEGIN(StatusChangeInd, LAPI_STATUS_CHANGE_IND, LAPI_STATUS_CHANGE_IND_LEN,
-              "statusChangeInd", "S->C statusChangeInd ");
-    LOG_STATUS_FIELDS();
-    LOG_END();
-}
+TRACE_PROC(LAPI_LogGetStatusRsp, GetStatusRsp, LAPI_GET_STATUS_RSP, TF_STATUS())
+TRACE_PROC(LAPI_LogStatusChangeInd, StatusChangeInd, LAPI_STATUS_CHANGE_IND, TF_STATUS())
 
 int LAPI_LogLocationNotificationInd(const uint8_t *pMsg, uint8_t side) {
-    LOG_BEGIN(LocationNotificationInd, LAPI_LOCATION_NOTIFICATION_IND,
-              LAPI_LOCATION_NOTIFICATION_IND_LEN, "locationNotificationInd",
-              "S->C locationNotificationInd ");
-    LOG_SERVER_PAIR(LocationNotificationInd);
-    LOG_INT(LocationNotificationInd, notificationType, "notificationType: ", m.notificationType);
-    LOG_INT(LocationNotificationInd, locationType, "locationType: ", m.locationType);
-    LOG_INT(LocationNotificationInd, dataCodingSchema, "dataCodingSchema: ", m.dataCodingSchema);
-    AppendStr(&text, "nameLength: ");
-    AppendInt(&text, m.nameLength);
-    AppendStr(&text, ", clientName: ");
-    AppendHex(&text, pMsg + offsetof(LocationNotificationInd, clientName),
-              Min(m.nameLength, LAPI_CLIENT_NAME_LEN), side);
-    AppendStr(&text, "addrLength: ");
-    AppendInt(&text, m.addrLength);
-    AppendStr(&text, ", clientExternalAddr: ");
-    AppendHex(&text, pMsg + offsetof(LocationNotificationInd, clientExternalAddr),
-              Min(m.addrLength, LAPI_CLIENT_ADDR_LEN), side);
-    LOG_END();
+    using T = LocationNotificationInd;
+    static constexpr TraceField kFields[] = {
+        TF_PAIR(),
+        TF_INT(notificationType, "notificationType: "),
+        TF_INT(locationType, "locationType: "),
+        TF_INT(dataCodingSchema, "dataCodingSchema: "),
+    };
+    LogText text;
+    if (!BeginTraceFields<T, LAPI_LOCATION_NOTIFICATION_IND>(pMsg, side, __func__, &text, kFields,
+                                                             std::size(kFields))) {
+        return -1;
+    }
+    uint8_t nameLength;
+    uint8_t addrLength;
+    memcpy(&nameLength, pMsg + offsetof(T, nameLength), sizeof(nameLength));
+    memcpy(&addrLength, pMsg + offsetof(T, addrLength), sizeof(addrLength));
+    text.Append("nameLength: ");
+    text.AppendInt(nameLength);
+    text.Append(", clientName: ");
+    text.AppendHex(pMsg + offsetof(T, clientName), Min(nameLength, LAPI_CLIENT_NAME_LEN), side);
+    text.Append("addrLength: ");
+    text.AppendInt(addrLength);
+    text.Append(", clientExternalAddr: ");
+    text.AppendHex(pMsg + offsetof(T, clientExternalAddr), Min(addrLength, LAPI_CLIENT_ADDR_LEN),
+                   side);
+    return Emit(text, side, __func__, __LINE__);
 }
 
-int LAPI_LogNotificationStatusInd(const uint8_t *pMsg, uint8_t side) {
-    LOG_BEGIN(NotificationStatusInd, LAPI_NOTIFICATION_STATUS_IND, LAPI_NOTIFICATION_STATUS_IND_LEN,
-              "notificationStatusInd", "S->C notificationStatusInd ");
-    LOG_SERVER_PAIR(NotificationStatusInd);
-    LOG_INT(NotificationStatusInd, cause, "cause: ", m.cause);
-    LOG_END();
-}
-
-int LAPI_LogDistanceAzimuthRsp(const uint8_t *pMsg, uint8_t side) {
-    LOG_BEGIN(DistanceAzimuthRsp, LAPI_DISTANCE_AZIMUTH_RSP, LAPI_DISTANCE_AZIMUTH_RSP_LEN,
-              "distanceAzimuthRsp", "S->C distanceAzimuthRsp ");
-    LOG_SERVER_PAIR(DistanceAzimuthRsp);
-    LOG_DOUBLE(DistanceAzimuthRsp, distance);
-    LOG_DOUBLE(DistanceAzimuthRsp, azimuth);
-    LOG_END();
-}
-
-int LAPI_LogAddProximityRsp(const uint8_t *pMsg, uint8_t side) {
-    LOG_BEGIN(AddProximityRsp, LAPI_ADD_PROXIMITY_RSP, LAPI_ADD_PROXIMITY_RSP_LEN,
-              "addProximityRsp", "S->C addProximityRsp ");
-    LOG_SERVER_PAIR(AddProximityRsp);
-    LOG_INT(AddProximityRsp, status, "status: ", m.status);
-    LOG_END();
-}
-
-int LAPI_LogRemoveProximityRsp(const uint8_t *pMsg, uint8_t side) {
-    LOG_BEGIN(RemoveProximityRsp, LAPI_REMOVE_PROXIMITY_RSP, LAPI_REMOVE_PROXIMITY_RSP_LEN,
-              "removeProximityRsp", "S->C removeProximityRsp ");
-    LOG_SERVER_PAIR(RemoveProximityRsp);
-    LOG_INT(RemoveProximityRsp, status, "status: ", m.status);
-    LOG_END();
-}
-
-int LAPI_LogProximityHitInd(const uint8_t *pMsg, uint8_t side) {
-    LOG_BEGIN(ProximityHitInd, LAPI_PROXIMITY_HIT_IND, LAPI_PROXIMITY_HIT_IND_LEN,
-              "proximityHitInd", "S->C proximityHitInd ");
-    LOG_SERVER_PAIR(ProximityHitInd);
-    LOG_POSITION(ProximityHitInd);
-    LOG_INT(ProximityHitInd, locationMethod, "locationMethod: ", m.locationMethod);
-    LOG_UINT(ProximityHitInd, ageOfFix, "ageOfFix: ", m.ageOfFix);
-    LOG_END();
-}
+TRACE_PROC(LAPI_LogNotificationStatusInd, NotificationStatusInd, LAPI_NOTIFICATION_STATUS_IND,
+           TF_PAIR(), TF_INT(cause, "cause: "))
+TRACE_PROC(LAPI_LogDistanceAzimuthRsp, DistanceAzimuthRsp, LAPI_DISTANCE_AZIMUTH_RSP, TF_PAIR(),
+           TF_DOUBLE(distance), TF_DOUBLE(azimuth))
+TRACE_PROC(LAPI_LogAddProximityRsp, AddProximityRsp, LAPI_ADD_PROXIMITY_RSP, TF_PAIR(),
+           TF_INT(status, "status: "))
+TRACE_PROC(LAPI_LogRemoveProximityRsp, RemoveProximityRsp, LAPI_REMOVE_PROXIMITY_RSP, TF_PAIR(),
+           TF_INT(status, "status: "))
+TRACE_PROC(LAPI_LogProximityHitInd, ProximityHitInd, LAPI_PROXIMITY_HIT_IND, TF_PAIR(),
+           TF_POSITION(), TF_INT(locationMethod, "locationMethod: "),
+           TF_UINT(ageOfFix, "ageOfFix: "))
 
 /* ------------------------------------------------------------------------ */
 /* Tables and the dump of one message                                        */

@@ -106,6 +106,26 @@ class LAPI_Reader {
         p_ += n;
         return 0;
     }
+    /* A big-endian unsigned number of n bytes (0 to 8). */
+    int GetBeN(size_t n, uint64_t *pOut) {
+        if (n > sizeof(*pOut)) {
+            return -1;
+        }
+        return GetBe(n, pOut);
+    }
+    /* Copies n bytes out in reverse order: a big-endian number of any width
+     * into host (little-endian) order. */
+    int GetReversed(void *pOut, size_t n) {
+        if (Left() < n) {
+            return -1;
+        }
+        uint8_t *pDst = static_cast<uint8_t *>(pOut);
+        for (size_t i = 0; i < n; ++i) {
+            pDst[i] = p_[n - 1 - i];
+        }
+        p_ += n;
+        return 0;
+    }
     /* Points *ppOut at the next n bytes (no copy) and moves past them. */
     int GetSpan(const uint8_t **ppOut, size_t n) {
         if (Left() < n) {
