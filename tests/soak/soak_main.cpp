@@ -24,7 +24,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <dirent.h>
 #include <memory>
 #include <random>
 #include <string>
@@ -36,6 +35,7 @@
 #include "LAPI_Msg.h"
 #include "ServerFixture.h"
 #include "TestClient.h"
+#include "ToolCommon.h"
 
 using lapitest::Bytes;
 using lapitest::ServerOptions;
@@ -77,22 +77,6 @@ Figures gFig;
 void Fail(const std::string &what) {
     fprintf(stderr, "soak: FAIL: %s\n", what.c_str());
     gFig.failures.push_back(what);
-}
-
-int CountFds(pid_t pid) {
-    std::string path = "/proc/" + std::to_string(pid) + "/fd";
-    DIR *d = opendir(path.c_str());
-    if (d == nullptr) {
-        return -1;
-    }
-    int n = 0;
-    while (struct dirent *e = readdir(d)) {
-        if (e->d_name[0] != '.') {
-            ++n;
-        }
-    }
-    closedir(d);
-    return n;
 }
 
 long PrivateDirtyKb(pid_t pid) {
@@ -345,7 +329,7 @@ void PhaseClients(const Config &cfg, std::mt19937 &rng) {
         warm.Handshake(1);
     }
     s.srv->WaitIdle();
-    gFig.fdsBefore = CountFds(pid);
+    gFig.fdsBefore = toolcommon::CountOpenFds(pid);
     gFig.dirtyBeforeKb = PrivateDirtyKb(pid);
 
     int64_t end = lapitest::NowMs() + cfg.seconds * 1000;
@@ -359,10 +343,10 @@ void PhaseClients(const Config &cfg, std::mt19937 &rng) {
     }
     /* Every connection is gone: back to the descriptors of the start. */
     int64_t settle = lapitest::NowMs() + 5000;
-    while (CountFds(pid) != gFig.fdsBefore && lapitest::NowMs() < settle) {
+    while (toolcommon::CountOpenFds(pid) != gFig.fdsBefore && lapitest::NowMs() < settle) {
         s.srv->WaitIdle(200);
     }
-    gFig.fdsAfter = CountFds(pid);
+    gFig.fdsAfter = toolcommon::CountOpenFds(pid);
     gFig.dirtyAfterKb = PrivateDirtyKb(pid);
     if (gFig.fdsAfter != gFig.fdsBefore) {
         Fail("clients: descriptors " + std::to_string(gFig.fdsBefore) + " before, " +
