@@ -20,6 +20,7 @@
 #include <thread>
 
 #include "LocSvcEnv.h"
+#include "ToolCommon.h"
 
 using namespace locsvc;
 using lapitest::Connection;
@@ -549,6 +550,12 @@ TEST_F(Hardening, ConnectionsPastTheDescriptorLimitAreRefusedButListeningGoesOn)
     for (int fd : conns) {
         close(fd);
     }
+    /* The next client must find low descriptors free again: until the
+     * server has read the end of the closed ones, a new connection may
+     * still land past FD_SETSIZE and be refused, as it should be. */
+    EXPECT_TRUE(
+        toolcommon::PollUntil([&] { return toolcommon::CountOpenFds(srv_->Pid()) < 512; }, kWaitMs))
+        << toolcommon::CountOpenFds(srv_->Pid()) << " descriptors still open in the server";
     TestClient c(root_.Dir());
     EXPECT_TRUE(c.Handshake(1));
     EXPECT_TRUE(RoundTrip(c, 1, 1));
