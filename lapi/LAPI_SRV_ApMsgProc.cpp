@@ -110,12 +110,12 @@ int LAPI_SRV_RunApMsgRow(const LAPI_SRV_ApMsgRow *pRow, uint8_t *pMsg, Fdops *pF
     MsgHeader h = ReadHeader(pMsg);
     int pid = static_cast<int>(h.pid);
     if (h.msgId != m.msgId) {
-        LAPI_LogLine(1, 1, pRow->pFile, __LINE__, pRow->pProcName,
+        LAPI_LogLine(1, 1, pRow->pFile, pRow->line, pRow->pProcName,
                      "pMsgHeader->msgId : %d is not expected, pid : %d!", h.msgId, pid);
         return -1;
     }
     if (!LAPI_LenFits(m.lenRule, m.len, h.msgLen)) {
-        LAPI_LogLine(1, 1, pRow->pFile, __LINE__, pRow->pProcName, m.pWrongLenFmt, h.msgLen, pid);
+        LAPI_LogLine(1, 1, pRow->pFile, pRow->line, pRow->pProcName, m.pWrongLenFmt, h.msgLen, pid);
         return -1;
     }
     return pRow->proc(pMsg, pFdops);

@@ -6,6 +6,7 @@
 #include <stdint.h>
 #include <sys/time.h>
 
+#include "LAPI_Log.h"
 #include "LAPI_SRV_Global.h"
 
 /* Fills the 17-entry client-message handler table. */
@@ -54,11 +55,12 @@ struct LAPI_SRV_ApMsgRow {
     LAPI_SRV_ApMsgProcFn proc;
     const char *pProcName; /* the function named on its error lines */
     const char *pFile;     /* the source those lines name */
+    int line;              /* and the line: where the row is listed */
 };
 
-#define LAPI_SRV_AP_ROW(msgId, proc)                    \
-    LAPI_SRV_ApMsgRow {                                 \
-        LAPI_ApMsgRowOf(msgId), (proc), #proc, __FILE__ \
+#define LAPI_SRV_AP_ROW(msgId, proc)                                   \
+    LAPI_SRV_ApMsgRow {                                                \
+        LAPI_ApMsgRowOf(msgId), (proc), #proc, LAPI_LOG_FILE, __LINE__ \
     }
 
 /* Whether rows are sound: each names a shared row with a wrong-length text

@@ -57,8 +57,8 @@ BpMsgProc LAPI_SRV_SetBpMsgProc(uint8_t subCmdId, BpMsgProc proc) {
     }
     BpMsgProc old = bpMsgProc[subCmdId].proc;
     /* A stand-in procedure takes every length. */
-    bpMsgProc[subCmdId] =
-        LAPI_SRV_BpMsgRow{subCmdId, proc, "", __FILE__, LAPI_LEN_AT_LEAST, 0, nullptr};
+    bpMsgProc[subCmdId] = LAPI_SRV_BpMsgRow{
+        subCmdId, proc, "", LAPI_LOG_FILE, __LINE__, LAPI_LEN_AT_LEAST, 0, nullptr};
     return old;
 }
 
@@ -289,13 +289,13 @@ void LAPI_SRV_RunBpMsgRow(const LAPI_SRV_BpMsgRow *pRow, uint8_t *pMsg, uint16_t
         LAPI_Reader r(pMsg, msgLen);
         uint8_t subCmdId = 0;
         if (r.PeekU8(&subCmdId) != 0 || subCmdId != pRow->subCmdId) {
-            LAPI_LogLine(1, 1, pRow->pFile, __LINE__, pRow->pProcName,
+            LAPI_LogLine(1, 1, pRow->pFile, pRow->line, pRow->pProcName,
                          "pBpMsgHeader->subCmdId : 0x%02x is not expected, msgLen : %d!",
                          r.Left() > 0 ? subCmdId : 0xFF, msgLen);
             return;
         }
         if (!LAPI_LenFits(pRow->lenRule, pRow->len, msgLen)) {
-            LAPI_LogLine(1, 1, pRow->pFile, __LINE__, pRow->pProcName, pRow->pWrongLenFmt, msgLen,
+            LAPI_LogLine(1, 1, pRow->pFile, pRow->line, pRow->pProcName, pRow->pWrongLenFmt, msgLen,
                          pRow->len);
             return;
         }

@@ -6,6 +6,7 @@
 #include <stdint.h>
 
 #include "LAPI_BpMsg.h"
+#include "LAPI_Log.h"
 #include "LAPI_SRV_Global.h"
 
 int LAPI_SRV_ConnectMuxChannel(void);
@@ -81,14 +82,15 @@ struct LAPI_SRV_BpMsgRow {
     BpMsgProc proc;
     const char *pProcName; /* the function named on its error lines */
     const char *pFile;     /* the source those lines name */
+    int line;              /* and the line: where the row is listed */
     LAPI_LenRule lenRule;
     uint16_t len;
     const char *pWrongLenFmt; /* takes the length received, then len */
 };
 
-#define LAPI_SRV_BP_ROW(subCmdId, proc, lenRule, len, wrongLenFmt)           \
-    LAPI_SRV_BpMsgRow {                                                      \
-        (subCmdId), (proc), #proc, __FILE__, (lenRule), (len), (wrongLenFmt) \
+#define LAPI_SRV_BP_ROW(subCmdId, proc, lenRule, len, wrongLenFmt)                          \
+    LAPI_SRV_BpMsgRow {                                                                     \
+        (subCmdId), (proc), #proc, LAPI_LOG_FILE, __LINE__, (lenRule), (len), (wrongLenFmt) \
     }
 
 /* The answers and indications of the location service

@@ -468,13 +468,7 @@ void LAPI_SRV_ProcBpAddProximityRspMsg(uint8_t *pMsg, uint16_t msgLen) {
 
 /* Answers every proximity area of every client after a successful remove-all
  * (no table entry: reached from the remove answer). */
-static void RemoveAllProximityAnswered(uint8_t *pMsg) {
-    if (pMsg == nullptr) {
-        return;
-    }
-    /* Called with a removeProximityRsp whose row has checked its length. */
-    LAPI_Reader r = BodyReader(pMsg, LAPI_BP_REMOVE_PROXIMITY_RSP_LEN);
-    int32_t status = NextI32(&r);
+static void RemoveAllProximityAnswered(int32_t status) {
     ListNode *pPos = List_GetHeadPos(&LAPI_SRV_tranList);
     while (pPos != nullptr) {
         Transaction *pTran = static_cast<Transaction *>(List_GetNext(&LAPI_SRV_tranList, &pPos));
@@ -517,7 +511,7 @@ void LAPI_SRV_ProcBpRemoveProximityRspMsg(uint8_t *pMsg, uint16_t msgLen) {
     if (status == 0) {
         free(pTran);
         if (bRemoveAll) {
-            RemoveAllProximityAnswered(pMsg);
+            RemoveAllProximityAnswered(status);
             /* Answering the areas may have removed the remover itself. */
             if (!ClientAlive(pClient)) {
                 pFdops = nullptr;

@@ -657,7 +657,7 @@ bool InSelect(pid_t pid) {
     if (got != 1) {
         return false;
     }
-    if (TestEmulator() != nullptr) {
+    if (toolcommon::TestEmulator() != nullptr) {
         /* The emulator makes the host's system calls, whose numbers are not
          * this build's: any call the single-threaded server sleeps in is
          * its select. */
@@ -977,17 +977,13 @@ int64_t NowMs() {
     return toolcommon::NowMs();
 }
 
-const char *TestEmulator() {
-    return toolcommon::TestEmulator();
-}
-
 std::string EmulatorPrefix() {
-    const char *pEmulator = TestEmulator();
+    const char *pEmulator = toolcommon::TestEmulator();
     return pEmulator != nullptr ? std::string(pEmulator) + " " : std::string();
 }
 
 std::vector<char *> UnderEmulator(std::vector<char *> argv) {
-    if (const char *pEmulator = TestEmulator()) {
+    if (const char *pEmulator = toolcommon::TestEmulator()) {
         argv.insert(argv.begin(), const_cast<char *>(pEmulator));
     }
     return argv;

@@ -310,10 +310,8 @@ pid_t DeadPid();
 /* Milliseconds of the monotonic clock. */
 int64_t NowMs();
 
-/* The emulator that runs the programs under test when they were built for
- * another processor (LAPI_TEST_EMULATOR, e.g. qemu-arm), or null. */
-const char *TestEmulator();
-/* argv (null-terminated) behind TestEmulator() when there is one. Built
+/* argv (null-terminated) behind toolcommon::TestEmulator() when there is
+ * one (programs built for another processor). Built
  * before fork; the child calls execv(result[0], result.data()). */
 std::vector<char *> UnderEmulator(std::vector<char *> argv);
 /* The same for a shell command line: "EMULATOR " to put before the program,

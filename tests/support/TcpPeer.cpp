@@ -1,5 +1,7 @@
 #include "TcpPeer.h"
 
+#include "ToolCommon.h"
+
 #include <arpa/inet.h>
 #include <dirent.h>
 #include <errno.h>
@@ -14,42 +16,6 @@
 #include <chrono>
 
 namespace lapitest {
-
-namespace {
-
-bool WriteAll(int fd, const uint8_t *p, size_t n) {
-    while (n > 0) {
-        ssize_t w = write(fd, p, n);
-        if (w < 0 && errno == EINTR) {
-            continue;
-        }
-        if (w < 0 && errno == EAGAIN) {
-            pollfd pfd{fd, POLLOUT, 0};
-            poll(&pfd, 1, 100);
-            continue;
-        }
-        if (w <= 0) {
-            return false;
-        }
-        p += w;
-        n -= static_cast<size_t>(w);
-    }
-    return true;
-}
-
-template <class Pred>
-bool WaitUntil(Pred pred, int timeoutMs) {
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-    while (!pred()) {
-        if (std::chrono::steady_clock::now() >= deadline) {
-            return false;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
-    return true;
-}
-
-}  // namespace
 
 int ListenLoopback(uint16_t *pPort, int rcvBuf) {
     int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
@@ -115,7 +81,7 @@ bool TcpPeer::Send(const std::vector<uint8_t> &bytes) {
     }
     bool ok = !conns.empty();
     for (int fd : conns) {
-        ok = WriteAll(fd, bytes.data(), bytes.size()) && ok;
+        ok = toolcommon::WriteAll(fd, bytes.data(), bytes.size()) && ok;
     }
     return ok;
 }
@@ -138,15 +104,15 @@ std::vector<uint8_t> TcpPeer::Received() const {
 }
 
 bool TcpPeer::WaitReceived(size_t n, int timeoutMs) const {
-    return WaitUntil([&] { return Received().size() >= n; }, timeoutMs);
+    return toolcommon::PollUntil([&] { return Received().size() >= n; }, timeoutMs, 2);
 }
 
 bool TcpPeer::WaitAccepted(size_t n, int timeoutMs) const {
-    return WaitUntil([&] { return Accepted() >= n; }, timeoutMs);
+    return toolcommon::PollUntil([&] { return Accepted() >= n; }, timeoutMs, 2);
 }
 
 bool TcpPeer::WaitAllClosed(int timeoutMs) const {
-    return WaitUntil([&] { return OpenConnections() == 0; }, timeoutMs);
+    return toolcommon::PollUntil([&] { return OpenConnections() == 0; }, timeoutMs, 2);
 }
 
 void TcpPeer::Run() {
@@ -196,7 +162,7 @@ void TcpPeer::Run() {
                     received_.insert(received_.end(), buf, buf + n);
                 }
                 if (mode_ == Mode::Echo) {
-                    WriteAll(fds[i].fd, buf, static_cast<size_t>(n));
+                    toolcommon::WriteAll(fds[i].fd, buf, static_cast<size_t>(n));
                 }
             } else if (n == 0 || (errno != EINTR && errno != EAGAIN)) {
                 std::lock_guard<std::mutex> lock(mu_);
@@ -222,17 +188,8 @@ size_t OpenFdCount() {
 }
 
 size_t OpenFdCountOf(int pid) {
-    std::string dir = pid < 0 ? "/proc/self/fd" : "/proc/" + std::to_string(pid) + "/fd";
-    size_t n = 0;
-    DIR *d = opendir(dir.c_str());
-    if (d == nullptr) {
-        return 0;
-    }
-    while (readdir(d) != nullptr) {
-        ++n;
-    }
-    closedir(d);
-    return n;
+    int n = toolcommon::CountOpenFds(pid < 0 ? getpid() : pid);
+    return n < 0 ? 0 : static_cast<size_t>(n);
 }
 
 }  // namespace lapitest

@@ -1,4 +1,5 @@
 #include "TlsPeer.h"
+#include "TcpPeer.h"
 
 #include <arpa/inet.h>
 #include <fcntl.h>
@@ -140,21 +141,8 @@ std::vector<uint8_t> TestPki::ReadDer(const LeafFiles &leaf) {
 }
 
 int PickFreeTcpPort() {
-    int fd = socket(AF_INET, SOCK_STREAM, 0);
-    if (fd < 0) {
-        return 0;
-    }
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t len = sizeof(a);
-    int port = 0;
-    if (bind(fd, reinterpret_cast<sockaddr *>(&a), sizeof(a)) == 0 &&
-        getsockname(fd, reinterpret_cast<sockaddr *>(&a), &len) == 0) {
-        port = ntohs(a.sin_port);
-    }
-    close(fd);
-    return port;
+    /* A loopback port that nothing listens on, for the server to take. */
+    return RefusedPort();
 }
 
 TlsServer::TlsServer(const LeafFiles &leaf) : leaf_(leaf) {}

@@ -15,6 +15,7 @@
 #include "BpSim.h"
 #include "LAPI_BpMsg.h"
 #include "LAPI_Msg.h"
+#include "ToolCommon.h"
 #include "bench_conn.h"
 #include "bench_proc.h"
 
@@ -178,11 +179,9 @@ bool RunOnce(const ProfileOptions &o, CountTool tool, const std::string &toolPat
         kill(serverPid, SIGTERM);
     }
     std::string how;
-    int64_t deadline = NowNs() + static_cast<int64_t>(kStopMs) * 1000000;
-    while (!ChildEnded(pid, &how) && NowNs() < deadline) {
-        usleep(10000);
-    }
-    if (NowNs() >= deadline) {
+    /* Only a child that has not ended is stopped: one already reaped must
+     * not be signalled by its old pid. */
+    if (!toolcommon::PollUntil([&] { return ChildEnded(pid, &how); }, kStopMs, 10)) {
         int code = 0;
         StopChild(pid, 1000, &code);
     }

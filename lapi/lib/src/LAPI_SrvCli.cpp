@@ -133,6 +133,11 @@ int Emit(const LogText &text, uint8_t side, const char *func, int line) {
         gMemo.lineLen = static_cast<int>(LAPI_LogBuildLine(side, 0, LAPI_LOG_FILE, line, func,
                                                            text.text, static_cast<size_t>(text.len),
                                                            gMemo.line, sizeof(gMemo.line)));
+        if (gMemo.lineLen > 0) {
+            /* The first recipient's line is the one just built. */
+            LAPI_LogPutLine(0, gMemo.line, static_cast<size_t>(gMemo.lineLen));
+            return text.len;
+        }
     }
     LAPI_LogText(side, 0, LAPI_LOG_FILE, line, func, text.text, static_cast<size_t>(text.len));
     return text.len;
