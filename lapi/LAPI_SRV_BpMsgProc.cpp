@@ -343,13 +343,18 @@ namespace {
 using BpLogLine = LAPI_TraceText<LAPI_BP_LOG_LINE_SIZE>;
 
 /* One field of a fixed layout: its label and its width on the wire. */
+/* Kept to 16 bytes: the tables of fields hold pointers, so they are
+ * relocated at start-up and their pages are the process's own memory. */
 struct BpLogField {
     constexpr BpLogField(const char *pLabel, int fieldWidth)
-        : label(pLabel), width(fieldWidth), labelLen(std::char_traits<char>::length(pLabel)) {}
+        : label(pLabel),
+          labelLen(static_cast<uint16_t>(std::char_traits<char>::length(pLabel))),
+          width(static_cast<uint8_t>(fieldWidth)) {}
     const char *label;
-    int width;
-    size_t labelLen;
+    uint16_t labelLen;
+    uint8_t width;
 };
+static_assert(sizeof(BpLogField) <= 2 * sizeof(void *));
 
 /* The message being traced and the position of the next field in it. */
 struct BpLogCursor {

@@ -55,7 +55,7 @@ uint8_t LAPI_SRV_tranListChanged;
 uint8_t LAPI_SRV_nextSid = 2;
 uint8_t LAPI_SRV_nextTid = 1;
 
-SocketInfo socketInfoTable[LAPI_SRV_MAX_SOCKET_NUM];
+LAPI_OWN_PAGES SocketInfo socketInfoTable[LAPI_SRV_MAX_SOCKET_NUM];
 
 /* The index beside LAPI_SRV_tranList: its records in list order, the
  * listed records of each BP pair (one, unless a test forces more), and the
@@ -66,7 +66,7 @@ static Transaction *gTranLast;
  * 65536 pairs would be half a megabyte of memory, dirtied by its clearing at
  * start-up. Pairs are handed out in sequence, so the low bits spread them. */
 constexpr unsigned kPairBuckets = 1024; /* a power of two */
-static Transaction *gPairIndex[kPairBuckets];
+LAPI_OWN_PAGES static Transaction *gPairIndex[kPairBuckets];
 static bool gScanBoundKnown;
 static int32_t gScanBound;
 

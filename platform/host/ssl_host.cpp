@@ -38,7 +38,6 @@
 #include <string.h>
 
 #include <new>
-#include <string>
 
 #include "HOST_Root.h"
 
@@ -338,8 +337,10 @@ bool OpenSslKnows(const char *name) {
     if (pTry == nullptr) {
         return false;
     }
-    std::string list = std::string(name) + ":@SECLEVEL=0";
-    bool ok = SSL_CTX_set_cipher_list(pTry, list.c_str()) == 1;
+    char list[128];
+    int n = snprintf(list, sizeof(list), "%s:@SECLEVEL=0", name);
+    bool ok =
+        n > 0 && static_cast<size_t>(n) < sizeof(list) && SSL_CTX_set_cipher_list(pTry, list) == 1;
     SSL_CTX_free(pTry);
     ERR_clear_error();
     return ok;
@@ -409,15 +410,23 @@ long BioCtrl(BIO *, int cmd, long, void *) {
     return cmd == BIO_CTRL_FLUSH ? 1 : 0;
 }
 
+/* Made on first use and kept: one per process. (A plain pointer rather
+ * than a function-local static: the stand-in is used from one thread, and
+ * the server binaries carry none of the C++ runtime's guards.) */
+BIO_METHOD *g_bioMethod = nullptr;
+
 BIO_METHOD *CallbackBioMethod() {
-    static BIO_METHOD *pMethod = [] {
+    if (g_bioMethod == nullptr) {
         BIO_METHOD *m = BIO_meth_new(BIO_get_new_index() | BIO_TYPE_SOURCE_SINK, "zelssl io");
+        if (m == nullptr) {
+            return nullptr;
+        }
         BIO_meth_set_read(m, BioRead);
         BIO_meth_set_write(m, BioWrite);
         BIO_meth_set_ctrl(m, BioCtrl);
-        return m;
-    }();
-    return pMethod;
+        g_bioMethod = m;
+    }
+    return g_bioMethod;
 }
 
 /* --- certificate verdict and alerts ------------------------------------- */
@@ -622,8 +631,11 @@ int TLSInitCMContext(TLSContext *pCtx, CM_CONTEXT_T *pCmContext) {
                 if (n < 5 || strcmp(pEntry->d_name + n - 4, ".pem") != 0) {
                     continue;
                 }
-                std::string file = std::string(dirPath) + "/" + pEntry->d_name;
-                X509_STORE_load_file(pStore, file.c_str());
+                char file[sizeof(dirPath) + sizeof(pEntry->d_name) + 1];
+                int len = snprintf(file, sizeof(file), "%s/%s", dirPath, pEntry->d_name);
+                if (len > 0 && static_cast<size_t>(len) < sizeof(file)) {
+                    X509_STORE_load_file(pStore, file);
+                }
             }
             closedir(pDir);
         }
@@ -694,7 +706,17 @@ int TLSSetCipherSuites(TLSContext *pCtx, const TLSBuffer *pSuites) {
         pSuites->length < 2 || pSuites->length % 2 != 0 || !OpenSslReady()) {
         return kFail;
     }
-    std::string list;
+    /* Built aside: a list too long for the context leaves it as it was. */
+    char list[sizeof(p->cipherList)];
+    size_t len = 0;
+    bool any = false;
+    auto append = [&](const char *text) {
+        size_t n = strlen(text);
+        if (len < sizeof(list)) {
+            memcpy(list + len, text, n < sizeof(list) - len ? n : sizeof(list) - len);
+        }
+        len += n;
+    };
     for (uint32_t i = 0; i + 1 < pSuites->length; i += 2) {
         uint16_t id;
         memcpy(&id, pSuites->data + i, sizeof(id));
@@ -702,17 +724,19 @@ int TLSSetCipherSuites(TLSContext *pCtx, const TLSBuffer *pSuites) {
         if (name == nullptr || !OpenSslKnows(name)) {
             continue;
         }
-        list += name;
-        list += ':';
+        append(name);
+        append(":");
+        any = true;
     }
-    if (list.empty()) {
+    if (!any) {
         return kFail; /* nothing left to offer */
     }
-    list += "@SECLEVEL=0";
-    if (list.size() >= sizeof(p->cipherList)) {
+    append("@SECLEVEL=0");
+    if (len >= sizeof(p->cipherList)) {
         return kFail;
     }
-    memcpy(p->cipherList, list.c_str(), list.size() + 1);
+    memcpy(p->cipherList, list, len);
+    p->cipherList[len] = '\0';
     return 0;
 }
 

@@ -9,7 +9,6 @@
  */
 #include <gtest/gtest.h>
 
-#include <fstream>
 #include <memory>
 #include <ostream>
 #include <optional>
@@ -39,18 +38,6 @@ TestPki &Pki() {
 }
 
 constexpr uint32_t kLink = 5;
-
-/* Whether the process maps a file whose name contains this text. */
-bool Maps(pid_t pid, const std::string &name) {
-    std::ifstream maps("/proc/" + std::to_string(pid) + "/maps");
-    std::string line;
-    while (std::getline(maps, line)) {
-        if (line.find(name) != std::string::npos) {
-            return true;
-        }
-    }
-    return false;
-}
 
 class TlsProxy : public locsvc::LocSvcTest {
   protected:
@@ -328,12 +315,12 @@ TEST_F(TlsProxy, OpenSslIsLoadedByTheFirstTlsRequestNotBefore) {
     spec.commonNames = {"*.example.test"};
     ASSERT_TRUE(Serve(spec));
     ASSERT_TRUE(srv_->Pid() > 0);
-    EXPECT_TRUE(Maps(srv_->Pid(), "lapi_srv_host"));
-    EXPECT_FALSE(Maps(srv_->Pid(), "libcrypto"));
-    EXPECT_FALSE(Maps(srv_->Pid(), "libssl"));
+    EXPECT_TRUE(lapitest::ProcessMaps(srv_->Pid(), "lapi_srv_host"));
+    EXPECT_FALSE(lapitest::ProcessMaps(srv_->Pid(), "libcrypto"));
+    EXPECT_FALSE(lapitest::ProcessMaps(srv_->Pid(), "libssl"));
     ASSERT_EQ(0, Tls("supl.example.test"));
-    EXPECT_TRUE(Maps(srv_->Pid(), "libcrypto"));
-    EXPECT_TRUE(Maps(srv_->Pid(), "libssl"));
+    EXPECT_TRUE(lapitest::ProcessMaps(srv_->Pid(), "libcrypto"));
+    EXPECT_TRUE(lapitest::ProcessMaps(srv_->Pid(), "libssl"));
 }
 
 TEST_F(TlsProxy, HandshakeNeverBlocksTheLoop) {

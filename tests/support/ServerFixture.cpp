@@ -20,6 +20,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <fstream>
 
 #include "ToolCommon.h"
 
@@ -971,6 +972,17 @@ pid_t DeadPid() {
     int status;
     waitpid(pid, &status, 0);
     return pid;
+}
+
+bool ProcessMaps(pid_t pid, const std::string &name) {
+    std::ifstream maps("/proc/" + std::to_string(pid) + "/maps");
+    std::string line;
+    while (std::getline(maps, line)) {
+        if (line.find(name) != std::string::npos) {
+            return true;
+        }
+    }
+    return false;
 }
 
 int64_t NowMs() {

@@ -307,6 +307,8 @@ bool ProcessAlive(pid_t pid);
 /* The pid of a process that has just exited and been reaped: it names
  * nobody. */
 pid_t DeadPid();
+/* Whether the process maps a file whose name contains this text. */
+bool ProcessMaps(pid_t pid, const std::string &name);
 /* Milliseconds of the monotonic clock. */
 int64_t NowMs();
 

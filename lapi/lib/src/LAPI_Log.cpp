@@ -77,7 +77,7 @@ constexpr size_t kStackLineSize = 8192;
 /* The chunk buffer. On a pipe or a socket a chunk stays within PIPE_BUF so
  * that the kernel writes it in one piece. */
 constexpr size_t kChunkSize = 32768;
-char gChunk[kChunkSize];
+LAPI_OWN_PAGES char gChunk[kChunkSize];
 size_t gCap = kChunkSize;
 bool gBuffered = false;
 bool gAtExit = false;
@@ -323,7 +323,7 @@ struct PrefixSlot {
 constexpr size_t kPrefixSlots = 32; /* a power of two */
 /* One page in all: the slots are private memory once written. */
 static_assert(sizeof(PrefixSlot) * kPrefixSlots <= 4096);
-PrefixSlot gPrefix[kPrefixSlots];
+LAPI_OWN_PAGES PrefixSlot gPrefix[kPrefixSlots];
 
 /* The call site's prefix, from the slots; null when it must be built.
  * Two slots may hold a site (its own and the next), so that two busy sites

@@ -105,4 +105,13 @@ extern int LAPI_traceEnabled;
 #define LAPI_TRACE_SIDE(side, ...) \
     LAPI_LogLine((side), 0, LAPI_LOG_FILE, __LINE__, __func__, __VA_ARGS__)
 
+/* A large zero-initialised buffer that start-up leaves alone. Private
+ * memory is counted in whole pages, and the pages of such a buffer that
+ * nothing has written yet cost nothing; but a small variable that start-up
+ * writes, sharing one of its pages, makes that page count. So each starts
+ * on a page of its own, and the link of the server binaries gathers them
+ * ahead of the other zero-initialised variables (cmake/lapi_pages.ld),
+ * which then share as few pages as they can. */
+#define LAPI_OWN_PAGES __attribute__((section(".bss.lapi_pages"), aligned(4096)))
+
 #endif /* LAPI_LOG_H */

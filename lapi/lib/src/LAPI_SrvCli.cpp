@@ -71,7 +71,7 @@ void AppendDouble(LogText *pText, double value) {
         uint8_t len; /* 0: empty */
         char text[lapi_fmt::kNumRoom - 1];
     };
-    static Kept kept[32];
+    LAPI_OWN_PAGES static Kept kept[32];
     uint64_t bits;
     memcpy(&bits, &value, sizeof(bits));
     Kept &k = kept[(bits * 0x9E3779B97F4A7C15ULL) >> 59];
@@ -125,7 +125,7 @@ struct ApTraceMemo {
     int lineLen; /* the whole line, prefix to '\n' */
     char line[kLogLineSize + 256];
 };
-ApTraceMemo gMemo;
+LAPI_OWN_PAGES ApTraceMemo gMemo;
 
 /* Writes the traced text as one trace line of the procedure. */
 int Emit(const LogText &text, uint8_t side, const char *func, int line) {
@@ -184,42 +184,45 @@ enum class FieldKind : uint8_t {
 };
 
 /* One traced field: its label, its value, ", ", then its raw bytes in hex
- * (the prefix and the pair: their four and two bytes). */
+ * (the prefix and the pair: their four and two bytes). Kept to 16 bytes:
+ * the tables of fields hold pointers, so they are relocated at start-up and
+ * their pages are the process's own memory. */
 struct TraceField {
-    FieldKind kind;
     const char *label;
-    uint16_t labelLen;
+    uint8_t labelLen;
+    FieldKind kind;
     uint16_t offset; /* in the whole message */
     uint8_t width;
     bool isSigned;
     uint16_t countOffset; /* kDbFiles: where numFiles is */
 };
+static_assert(sizeof(TraceField) <= 2 * sizeof(void *));
 
 /* The fields of a message of type T (the procedure's T). */
 #define TF_NUM(kind, member, label)                                                 \
     TraceField {                                                                    \
-        (kind), (label), sizeof(label) - 1, offsetof(T, member), sizeof(T::member), \
+        (label), sizeof(label) - 1, (kind), offsetof(T, member), sizeof(T::member), \
             std::is_signed_v<decltype(T::member)>, 0                                \
     }
 #define TF_INT(member, label) TF_NUM(FieldKind::kInt, member, label)
 /* An i32 inside a member (a field of a nested record), shown as "%d". */
 #define TF_I32_AT(label, off)                                          \
     TraceField {                                                       \
-        FieldKind::kInt, (label), sizeof(label) - 1, (off), 4, true, 0 \
+        (label), sizeof(label) - 1, FieldKind::kInt, (off), 4, true, 0 \
     }
 #define TF_UINT(member, label) TF_NUM(FieldKind::kUInt, member, label)
 #define TF_DOUBLE(member) TF_NUM(FieldKind::kDouble, member, #member ": ")
 #define TF_PREFIX()                                                  \
     TraceField {                                                     \
-        FieldKind::kReqPrefix, "", 0, offsetof(T, mode), 4, false, 0 \
+        "", 0, FieldKind::kReqPrefix, offsetof(T, mode), 4, false, 0 \
     }
 #define TF_PAIR()                                                    \
     TraceField {                                                     \
-        FieldKind::kPair, "", 0, offsetof(T, sessionId), 2, false, 0 \
+        "", 0, FieldKind::kPair, offsetof(T, sessionId), 2, false, 0 \
     }
 #define TF_DB_FILES()                                                                    \
     TraceField {                                                                         \
-        FieldKind::kDbFiles, "", 0, offsetof(T, dbFile), 0, false, offsetof(T, numFiles) \
+        "", 0, FieldKind::kDbFiles, offsetof(T, dbFile), 0, false, offsetof(T, numFiles) \
     }
 /* The eleven reals that getLocationRsp and proximityHitInd share. */
 #define TF_POSITION()                                                                             \
@@ -362,7 +365,7 @@ void LAPI_DebugHex(const void *pData, int length, uint8_t side) {
     /* A frame is dumped twice in a row (the bytes read, then the frame cut
      * from them): the text of the last one-line dump is kept, and the same
      * bytes again reuse it. */
-    static struct {
+    LAPI_OWN_PAGES static struct {
         int length;
         uint8_t bytes[kDebugHexBytesPerLine];
         char line[kDebugHexBytesPerLine * 3 + 4];
