@@ -110,8 +110,10 @@ constexpr const char *kHelp =
     "  (b) get-location round trips: getLocationReq (single fix, mode sync)\n"
     "      from C clients in a closed loop, the BP answering at once; round\n"
     "      trips per second and latency p50/p99\n"
-    "  (c) private dirty memory (smaps_rollup Private_Dirty) idle and with the\n"
-    "      largest N of (a) connected\n"
+    "  (c) private dirty memory (smaps_rollup Private_Dirty) idle and with\n"
+    "      each N of (a) connected; per client: from idle to the largest N\n"
+    "      (the trace buffers that the first broadcasts fill are counted in),\n"
+    "      and between the two largest N (what one more client costs)\n"
     "Every figure is also given as a ratio to the relay.\n"
     "\n"
     "Counting modes (instead of the timed table; the server alone, no relay):\n"
@@ -315,6 +317,7 @@ struct RtPoint {
 
 struct MemPoint {
     std::string state;
+    int clients = 0; /* 0: idle */
     double kb[2] = {NAN, NAN};
 };
 
@@ -899,6 +902,22 @@ void PrintTable(const Bench &b, const Machine &m) {
     for (const MemPoint &p : b.mem) {
         Row(f, p.state, "Private_Dirty [kB]", p.kb[kServer], p.kb[kRelay]);
     }
+    /* Per client, from two readings: idle to the largest N, and the two
+     * largest N. */
+    auto perClient = [&](const MemPoint &first, const MemPoint &last) {
+        double n = last.clients - first.clients;
+        if (n > 0) {
+            Row(f, std::to_string(first.clients) + "-" + std::to_string(last.clients),
+                "per client [kB]", (last.kb[kServer] - first.kb[kServer]) / n,
+                (last.kb[kRelay] - first.kb[kRelay]) / n);
+        }
+    };
+    if (b.mem.size() >= 2) {
+        perClient(b.mem.front(), b.mem.back());
+    }
+    if (b.mem.size() >= 3) {
+        perClient(b.mem[b.mem.size() - 2], b.mem.back());
+    }
 
     fprintf(f, "\nnotes:%s\n", b.notes.empty() ? " none" : "");
     for (const std::string &n : b.notes) {
@@ -1120,11 +1139,9 @@ int Run(Bench &b) {
             MeasureFanout(b, x, n, &p.side[i]);
         }
         b.fanout.push_back(p);
-    }
-    if (!gStop) {
         MemPoint loaded;
-        int n = b.opt.fanout.back();
         loaded.state = std::to_string(n) + " clients";
+        loaded.clients = n;
         for (int i : {kServer, kRelay}) {
             Target &x = b.t[i];
             if (static_cast<int>(x.status.size()) == n && b.CheckAlive(x, "the memory reading")) {
