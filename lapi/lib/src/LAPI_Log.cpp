@@ -428,33 +428,40 @@ void FlushGathered() {
     gLen = 0;
 }
 
-/* Adds one line to the chunk buffer (flushing first when it would not fit),
- * or writes it alone when it is longer than a chunk. */
-void Gather(const Head &pre, const Body &body) {
+/* Adds one line to the chunk buffer, flushing the gathered lines first when
+ * it does not fit behind them. put(dst, room) returns the line's length and
+ * writes it at dst when it fits in room; 0 means no line. A line longer than
+ * a chunk goes out alone. The line's bytes are in place before gLen counts
+ * them, so a signal handler that writes the committed lines never sees half
+ * of it. */
+template <typename Put, typename Alone>
+void Append(Put put, Alone alone) {
     gState = kAppending;
     size_t len = gLen;
-    size_t total = BuildLine(pre, body, gChunk + len, gCap - len);
+    size_t total = put(gChunk + len, gCap - len);
     if (total == 0) {
         gState = kIdle;
         return;
     }
-    if (total <= gCap - len) {
-        /* The line's bytes are in place before it counts as written. */
-        std::atomic_signal_fence(std::memory_order_seq_cst);
-        gLen = len + total;
-        gState = kIdle;
-        return;
-    }
-    FlushGathered();
-    if (total <= gCap) {
+    if (total > gCap - len) {
+        FlushGathered();
+        len = 0;
+        if (total > gCap) {
+            alone();
+            gState = kIdle;
+            return;
+        }
         gState = kAppending;
-        BuildLine(pre, body, gChunk, gCap);
-        std::atomic_signal_fence(std::memory_order_seq_cst);
-        gLen = total;
-    } else {
-        WriteAlone(pre, body);
+        put(gChunk, gCap);
     }
+    std::atomic_signal_fence(std::memory_order_seq_cst);
+    gLen = len + total;
     gState = kIdle;
+}
+
+void Gather(const Head &pre, const Body &body) {
+    Append([&](char *dst, size_t room) { return BuildLine(pre, body, dst, room); },
+           [&] { WriteAlone(pre, body); });
 }
 
 void Emit(int side, int isError, const char *file, int line, const char *func, const Body &body) {
@@ -606,21 +613,14 @@ extern "C" void LAPI_LogPutLine(int isError, const char *line, size_t length) {
         errno = savedErrno;
         return;
     }
-    gState = kAppending;
-    size_t len = gLen;
-    if (length > gCap - len) {
-        FlushGathered();
-        len = 0;
-    }
-    if (length <= gCap) {
-        gState = kAppending;
-        memcpy(gChunk + len, line, length);
-        std::atomic_signal_fence(std::memory_order_seq_cst);
-        gLen = len + length;
-    } else {
-        LAPI_LogWriteChunk(line, length);
-    }
-    gState = kIdle;
+    Append(
+        [&](char *dst, size_t room) {
+            if (length <= room) {
+                memcpy(dst, line, length);
+            }
+            return length;
+        },
+        [&] { LAPI_LogWriteChunk(line, length); });
     errno = savedErrno;
 }
 
