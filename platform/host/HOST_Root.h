@@ -17,6 +17,10 @@ int HOST_SetRoot(const char *root);
 const char *HOST_Root(void);
 /* Writes ROOT + absPath into dst. Returns 0, or -1 when it does not fit. */
 int HOST_Path(char *dst, size_t dstSize, const char *absPath);
+/* Opens the FIFO ROOT + absPath (made, with its folder, when missing) for
+ * reading and writing, so that it never reports end of file while no tester
+ * has it open; non-blocking, closed on exec. Returns the descriptor, or -1. */
+int HOST_OpenFifo(const char *absPath);
 
 #ifdef __cplusplus
 }

@@ -11,9 +11,7 @@
 #include "zelnapi.h"
 
 #include <errno.h>
-#include <fcntl.h>
 #include <string.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <array>
@@ -51,20 +49,7 @@ extern "C" int NAPI_Init(int /*mode*/) {
     if (gNapiFd >= 0) {
         return gNapiFd;
     }
-    char dir[512];
-    char path[512];
-    if (HOST_Path(dir, sizeof(dir), "/run") != 0 ||
-        HOST_Path(path, sizeof(path), "/run/napi.fifo") != 0) {
-        return -1;
-    }
-    mkdir(dir, 0755);
-    if (mkfifo(path, 0666) != 0 && errno != EEXIST) {
-        return -1;
-    }
-    int fd;
-    do {
-        fd = open(path, O_RDWR | O_NONBLOCK);
-    } while (fd < 0 && errno == EINTR);
+    int fd = HOST_OpenFifo("/run/napi.fifo");
     if (fd < 0) {
         return -1;
     }

@@ -10,8 +10,6 @@
 #include "zeltapi.h"
 
 #include <errno.h>
-#include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include "HOST_Root.h"
@@ -28,16 +26,7 @@ int gTapiFd = -1;
 extern "C" int TAPI_CLIENT_Init(const uint16_t *pMsgIds, int count) {
     (void)pMsgIds;
     (void)count;
-    char path[512];
-    if (HOST_Path(path, sizeof(path), kTapiFifo) != 0) {
-        return -1;
-    }
-    if (mkfifo(path, 0666) != 0 && errno != EEXIST) {
-        return -1;
-    }
-    /* Read and write: the FIFO never reports end of file while no tester
-     * has it open. */
-    int fd = open(path, O_RDWR | O_NONBLOCK | O_CLOEXEC);
+    int fd = HOST_OpenFifo(kTapiFifo);
     if (fd < 0) {
         return -1;
     }
