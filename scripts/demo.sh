@@ -15,6 +15,9 @@
 set -euo pipefail
 
 REPO=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+LAPI_SCRIPT=demo
+# shellcheck source=scripts/lib.sh
+. "$REPO/scripts/lib.sh"
 BUILD="$REPO/build"
 KEEP=0
 PACKAGES=(cmake ninja-build g++ libgtest-dev libgmock-dev libssl-dev openssl)
@@ -113,31 +116,14 @@ SRV_PID=""
 LAUNCHER_PID=""
 TLS_PID=""
 
-# Stops a process we started: SIGTERM, up to 5 s, then SIGKILL.
-stop_pid() {
-    local pid=$1
-    [ -n "$pid" ] || return 0
-    kill -0 "$pid" 2>/dev/null || return 0
-    kill -TERM "$pid" 2>/dev/null || true
-    for _ in $(seq 50); do
-        kill -0 "$pid" 2>/dev/null || break
-        sleep 0.1
-    done
-    if kill -0 "$pid" 2>/dev/null; then
-        echo "demo: $pid did not stop on SIGTERM; killing it" >&2
-        kill -KILL "$pid" 2>/dev/null || true
-    fi
-    wait "$pid" 2>/dev/null || true
-}
-
 cleanup() {
     local rc=$?
     trap - EXIT INT TERM
-    stop_pid "$SRV_PID"
-    [ "$LAUNCHER_PID" = "$SRV_PID" ] || stop_pid "$LAUNCHER_PID"
+    lapi_stop_pid "$SRV_PID"
+    [ "$LAUNCHER_PID" = "$SRV_PID" ] || lapi_stop_pid "$LAUNCHER_PID"
     exec 7>&- 2>/dev/null || true
-    stop_pid "$SIM_PID"
-    stop_pid "$TLS_PID"
+    lapi_stop_pid "$SIM_PID"
+    lapi_stop_pid "$TLS_PID"
     if [ $rc -ne 0 ] && [ -s "$ROOT/lapi_srv.log" ]; then
         echo "--- last lines of the server's diagnostics ($ROOT/lapi_srv.log) ---" >&2
         tail -n 20 "$ROOT/lapi_srv.log" >&2
@@ -164,12 +150,8 @@ exec 7<>"$ROOT/bpsim.in"
 "$SIM_BIN" --root "$ROOT" --lat "$FIX_LAT" --lon "$FIX_LON" --alt "$FIX_ALT" \
     --nmea "$ROOT/fix.nmea" --quiet <&7 >"$ROOT/bpsim.log" 2>&1 &
 SIM_PID=$!
-for _ in $(seq 100); do
-    grep -q '^bpsim: ready' "$ROOT/bpsim.log" 2>/dev/null && break
-    kill -0 "$SIM_PID" 2>/dev/null || fail "the BP simulator stopped: $(cat "$ROOT/bpsim.log")"
-    sleep 0.1
-done
-grep -q '^bpsim: ready' "$ROOT/bpsim.log" || fail "the BP simulator did not become ready"
+lapi_wait_line "$ROOT/bpsim.log" '^bpsim: ready' "$SIM_PID" ||
+    fail "the BP simulator did not become ready: $(cat "$ROOT/bpsim.log")"
 
 # The engine's answer to distance requests: the great-circle distance and
 # the initial bearing between the two points.
@@ -254,50 +236,24 @@ mkdir -p "$PKI" "$ROOT/www" "$ROOT/etc/certs"
 cp "$PKI/ca.pem" "$ROOT/etc/certs/demo-ca.pem"
 printf 'Assistance data for the engine: 42 satellites in view.\n' >"$ROOT/www/supl.txt"
 
-# openssl s_server on 127.0.0.1, TLS 1.0 only, serving ROOT/www; on a free
-# port (a port taken meanwhile just makes it try the next one).
-TLS_PORT=""
-for port in $(shuf -i 20000-60000 -n 20); do
-    (cd "$ROOT/www" && exec openssl s_server -accept "127.0.0.1:$port" -tls1 \
-        -cipher 'AES128-SHA:@SECLEVEL=0' -cert "$PKI/server.pem" -key "$PKI/server.key" \
-        -WWW </dev/null >"$ROOT/s_server.log" 2>&1) &
-    TLS_PID=$!
-    for _ in $(seq 50); do
-        grep -q ACCEPT "$ROOT/s_server.log" 2>/dev/null && break
-        kill -0 "$TLS_PID" 2>/dev/null || break
-        sleep 0.1
-    done
-    if grep -q ACCEPT "$ROOT/s_server.log" 2>/dev/null && kill -0 "$TLS_PID" 2>/dev/null; then
-        TLS_PORT=$port
-        break
-    fi
-    stop_pid "$TLS_PID"
-    TLS_PID=""
-done
-[ -n "$TLS_PORT" ] || fail "openssl s_server did not start"
+# openssl s_server on 127.0.0.1, TLS 1.0 only, serving ROOT/www.
+lapi_start_s_server "$ROOT/www" "$PKI/server.pem" "$PKI/server.key" "$ROOT/s_server.log" ||
+    fail "openssl s_server did not start"
 echo "openssl s_server -tls1 on 127.0.0.1:$TLS_PORT, certificate for DNS:localhost"
 
-# Waits for the simulator's next socket line matching a pattern.
-wait_sim() {
-    local pattern=$1
-    for _ in $(seq 100); do
-        grep -q -- "$pattern" "$ROOT/bpsim.log" && return 0
-        sleep 0.1
-    done
-    return 1
-}
 REQUEST='GET /supl.txt HTTP/1.0\r\n\r\n'
+# shellcheck disable=SC2059 # the request's \r\n are printf escapes
 REQUEST_HEX=$(printf "$REQUEST" | od -An -tx1 | tr -s ' \n' ' ')
 echo "engine: sockopen 5 localhost $TLS_PORT"
 echo "sockopen 5 localhost $TLS_PORT" >&7
-wait_sim 'socket open-rsp .* link 5 result 0' || fail "the server did not open the connection"
+lapi_wait_line "$ROOT/bpsim.log" 'socket open-rsp .* link 5 result 0' || fail "the server did not open the connection"
 echo "engine: socktls 5 localhost"
 echo "socktls 5 localhost" >&7
-wait_sim 'socket tls-rsp .* link 5 result 0' ||
+lapi_wait_line "$ROOT/bpsim.log" 'socket tls-rsp .* link 5 result 0' ||
     fail "the TLS handshake or the host-name check failed ($(grep 'tls-rsp' "$ROOT/bpsim.log"))"
 echo "engine: socksend 5 ($REQUEST)"
 echo "socksend 5 $REQUEST_HEX" >&7
-wait_sim 'socket data link 5 .* result -1' || fail "no answer came back over TLS"
+lapi_wait_line "$ROOT/bpsim.log" 'socket data link 5 .* result -1' || fail "no answer came back over TLS"
 grep '^bpsim: socket' "$ROOT/bpsim.log" | sed 's/^bpsim: /  /' | cut -c1-100
 printf 'TLS request sent through the server: %s\n' "$REQUEST"
 printf 'TLS answer received through the server:\n'
@@ -313,18 +269,18 @@ suite=$(grep -o 'Negotiated cipher is : [0-9]*' "$ROOT/lapi_srv.log" | head -1 |
 printf "(protocol 0x%04X = TLS 1.0, suite 0x%04X = TLS_RSA_WITH_AES_128_CBC_SHA; the certificate\n" \
     "${version:-0}" "${suite:-0}"
 echo " passed the server's subjectAltName check for 'localhost')"
-stop_pid "$TLS_PID"
+lapi_stop_pid "$TLS_PID"
 TLS_PID=""
 
 step "Stopping the server and the simulator"
-stop_pid "$SRV_PID"
-[ "$LAUNCHER_PID" = "$SRV_PID" ] || stop_pid "$LAUNCHER_PID"
+lapi_stop_pid "$SRV_PID"
+[ "$LAUNCHER_PID" = "$SRV_PID" ] || lapi_stop_pid "$LAUNCHER_PID"
 if [ -e "$ROOT/tmp/lapi.pid" ]; then
     fail "the server did not remove its pid file on SIGTERM"
 fi
 SRV_PID=""
 LAUNCHER_PID=""
-stop_pid "$SIM_PID"
+lapi_stop_pid "$SIM_PID"
 SIM_PID=""
 printf '\nDemo finished: the server answered a location request and a distance request,\n'
 printf 'forwarded a SUPL INIT push to the engine, and carried the engine'"'"'s TLS session\n'

@@ -18,6 +18,9 @@
 # dirty until it is written back, so the script syncs first.
 set -euo pipefail
 cd "$(dirname "$0")/.."
+LAPI_SCRIPT=memory
+# shellcheck source=scripts/lib.sh
+. scripts/lib.sh
 
 usage() { echo "usage: scripts/memory.sh [--build DIR] [--tls]" >&2; exit 2; }
 BUILD=build
@@ -41,32 +44,18 @@ ROOT=$(mktemp -d /tmp/lm.XXXXXX)
 SIM_PID=""
 SRV_PID=""
 TLS_PID=""
-stop_pid() {
-    local pid=$1
-    [ -n "$pid" ] || return 0
-    kill -TERM "$pid" 2>/dev/null || return 0
-    for _ in $(seq 50); do
-        kill -0 "$pid" 2>/dev/null || break
-        sleep 0.1
-    done
-    kill -KILL "$pid" 2>/dev/null || true
-    wait "$pid" 2>/dev/null || true
-}
 cleanup() {
-    stop_pid "$SRV_PID"
-    stop_pid "$TLS_PID"
+    lapi_stop_pid "$SRV_PID"
+    lapi_stop_pid "$TLS_PID"
     exec 7>&- 2>/dev/null || true
-    stop_pid "$SIM_PID"
+    lapi_stop_pid "$SIM_PID"
     rm -rf "$ROOT"
 }
 trap cleanup EXIT
 
 # Waits up to 10 s for a line matching a pattern in a file.
 wait_line() {
-    for _ in $(seq 100); do
-        grep -q -- "$2" "$1" 2>/dev/null && return 0
-        sleep 0.1
-    done
+    lapi_wait_line "$1" "$2" && return 0
     echo "memory: no '$2' in $1:" >&2
     tail -n 5 "$1" >&2
     return 1
@@ -117,20 +106,9 @@ openssl req -x509 -newkey rsa:2048 -nodes -days 1 -subj "/CN=memory" \
     -addext subjectAltName=DNS:localhost -keyout "$PKI/server.key" -out "$PKI/server.pem" \
     >"$PKI/openssl.log" 2>&1 || { echo "memory: openssl could not make a certificate" >&2; exit 1; }
 cp "$PKI/server.pem" "$ROOT/etc/certs/memory.pem"
-for port in $(shuf -i 20000-60000 -n 20); do
-    # -WWW: a web server, which does not stop at the end of its input.
-    (cd "$PKI" && exec openssl s_server -accept "127.0.0.1:$port" -tls1 \
-        -cipher 'AES128-SHA:@SECLEVEL=0' -cert "$PKI/server.pem" -key "$PKI/server.key" \
-        -WWW </dev/null >"$ROOT/s_server.log" 2>&1) &
-    TLS_PID=$!
-    if wait_line "$ROOT/s_server.log" ACCEPT 2>/dev/null && kill -0 "$TLS_PID" 2>/dev/null; then
-        break
-    fi
-    stop_pid "$TLS_PID"
-    TLS_PID=""
-done
-[ -n "$TLS_PID" ] || { echo "memory: openssl s_server did not start" >&2; exit 1; }
-echo "sockopen 5 localhost $port" >&7
+lapi_start_s_server "$PKI" "$PKI/server.pem" "$PKI/server.key" "$ROOT/s_server.log" ||
+    { echo "memory: openssl s_server did not start" >&2; exit 1; }
+echo "sockopen 5 localhost $TLS_PORT" >&7
 wait_line "$ROOT/bpsim.log" 'socket open-rsp .* link 5 result 0'
 echo "socktls 5 localhost" >&7
 wait_line "$ROOT/bpsim.log" 'socket tls-rsp .* link 5 result 0'
