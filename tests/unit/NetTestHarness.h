@@ -34,20 +34,16 @@ namespace nettest {
 
 using Bytes = std::vector<uint8_t>;
 
-inline void PutBe(Bytes *b, uint64_t v, int width) {
-    for (int i = width - 1; i >= 0; --i) {
-        b->push_back(static_cast<uint8_t>(v >> (8 * i)));
-    }
-}
+using locsvc::PutBe;
 
 /* OPEN_SOCKET_BPAP_REQ for an IPv4 address (4 bytes, network order). */
 inline Bytes OpenReqIpv4(uint8_t sid, uint8_t tid, uint32_t linkId, const uint8_t ip[4],
                          uint16_t port) {
     Bytes m{OPEN_SOCKET_BPAP_REQ, sid, tid};
-    PutBe(&m, linkId, 4);
+    PutBe(m, linkId, 4);
     m.insert(m.end(), ip, ip + 4);
-    PutBe(&m, port, 2);
-    PutBe(&m, LAPI_SRV_ADDR_IPV4, 4);
+    PutBe(m, port, 2);
+    PutBe(m, LAPI_SRV_ADDR_IPV4, 4);
     m.push_back(0);
     return m;
 }
@@ -58,10 +54,10 @@ inline const uint8_t kLoopback[4] = {127, 0, 0, 1};
 inline Bytes OpenReqFqdn(uint8_t sid, uint8_t tid, uint32_t linkId, const std::string &name,
                          uint16_t port, int fqdnLength = -1) {
     Bytes m{OPEN_SOCKET_BPAP_REQ, sid, tid};
-    PutBe(&m, linkId, 4);
-    PutBe(&m, 0, 4);
-    PutBe(&m, port, 2);
-    PutBe(&m, LAPI_SRV_ADDR_FQDN, 4);
+    PutBe(m, linkId, 4);
+    PutBe(m, 0, 4);
+    PutBe(m, port, 2);
+    PutBe(m, LAPI_SRV_ADDR_FQDN, 4);
     m.push_back(static_cast<uint8_t>(fqdnLength < 0 ? name.size() : fqdnLength));
     m.insert(m.end(), name.begin(), name.end());
     return m;
@@ -71,22 +67,22 @@ inline Bytes OpenReqFqdn(uint8_t sid, uint8_t tid, uint32_t linkId, const std::s
 inline Bytes SendReq(uint8_t sid, uint8_t tid, uint32_t linkId, const Bytes &data,
                      int64_t length = -1) {
     Bytes m{SEND_DATA_BPAP_REQ, sid, tid};
-    PutBe(&m, linkId, 4);
-    PutBe(&m, length < 0 ? data.size() : static_cast<uint64_t>(length), 4);
+    PutBe(m, linkId, 4);
+    PutBe(m, length < 0 ? data.size() : static_cast<uint64_t>(length), 4);
     m.insert(m.end(), data.begin(), data.end());
     return m;
 }
 
 inline Bytes CloseReq(uint8_t sid, uint8_t tid, uint32_t linkId) {
     Bytes m{CLOSE_SOCKET_BPAP_REQ, sid, tid};
-    PutBe(&m, linkId, 4);
+    PutBe(m, linkId, 4);
     return m;
 }
 
 inline Bytes TlsReq(uint8_t sid, uint8_t tid, uint32_t linkId, const std::string &name,
                     int fqdnLength = -1) {
     Bytes m{TLS_SESSION_BPAP_REQ, sid, tid};
-    PutBe(&m, linkId, 4);
+    PutBe(m, linkId, 4);
     m.push_back(static_cast<uint8_t>(fqdnLength < 0 ? name.size() : fqdnLength));
     m.insert(m.end(), name.begin(), name.end());
     return m;
@@ -101,17 +97,17 @@ inline void Bp(const Bytes &msg) {
 inline Bytes SocketRes(uint8_t subCmdId, uint8_t sid, uint8_t tid, uint32_t linkId,
                        int32_t result) {
     Bytes m{subCmdId, sid, tid};
-    PutBe(&m, linkId, 4);
-    PutBe(&m, static_cast<uint32_t>(result), 4);
+    PutBe(m, linkId, 4);
+    PutBe(m, static_cast<uint32_t>(result), 4);
     return m;
 }
 
 inline Bytes DataInd(uint32_t linkId, const Bytes &data, int32_t result) {
     Bytes m{SOCKET_DATA_APBP_IND, 0, 0};
-    PutBe(&m, linkId, 4);
-    PutBe(&m, data.size(), 4);
+    PutBe(m, linkId, 4);
+    PutBe(m, data.size(), 4);
     m.insert(m.end(), data.begin(), data.end());
-    PutBe(&m, static_cast<uint32_t>(result), 4);
+    PutBe(m, static_cast<uint32_t>(result), 4);
     return m;
 }
 

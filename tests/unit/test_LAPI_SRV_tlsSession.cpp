@@ -43,7 +43,7 @@ TestPki &Pki() {
 
 Bytes TlsRes(uint8_t sid, uint8_t tid, uint32_t linkId, uint8_t result) {
     Bytes m{TLS_SESSION_APBP_RES, sid, tid};
-    nettest::PutBe(&m, linkId, 4);
+    nettest::PutBe(m, linkId, 4);
     m.push_back(result);
     return m;
 }
