@@ -47,5 +47,13 @@ extern "C" int HOST_OpenFifo(const char *absPath) {
     do {
         fd = open(path, O_RDWR | O_NONBLOCK | O_CLOEXEC);
     } while (fd < 0 && errno == EINTR);
+    /* Something else in the FIFO's place (a regular file, a folder) would
+     * read as end of file or data of nobody's making: refused. */
+    struct stat st;
+    if (fd >= 0 && (fstat(fd, &st) != 0 || !S_ISFIFO(st.st_mode))) {
+        close(fd);
+        errno = ENOTSUP;
+        return -1;
+    }
     return fd;
 }

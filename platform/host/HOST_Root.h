@@ -19,7 +19,8 @@ const char *HOST_Root(void);
 int HOST_Path(char *dst, size_t dstSize, const char *absPath);
 /* Opens the FIFO ROOT + absPath (made, with its folder, when missing) for
  * reading and writing, so that it never reports end of file while no tester
- * has it open; non-blocking, closed on exec. Returns the descriptor, or -1. */
+ * has it open; non-blocking, closed on exec. Returns the descriptor, or -1
+ * (also when something other than a FIFO is in its place). */
 int HOST_OpenFifo(const char *absPath);
 
 #ifdef __cplusplus
