@@ -322,27 +322,38 @@ constexpr SuiteName kSuites[] = {
     {0x0035, "AES256-SHA"}, {0x003C, "AES128-SHA256"},
 };
 
-const char *SuiteNameOf(uint16_t id) {
-    for (const SuiteName &s : kSuites) {
-        if (s.id == id) {
-            return s.name;
-        }
+constexpr size_t kSuiteCount = sizeof(kSuites) / sizeof(kSuites[0]);
+
+/* The suite's place in kSuites, or kSuiteCount. */
+size_t SuiteIndexOf(uint16_t id) {
+    size_t i = 0;
+    while (i < kSuiteCount && kSuites[i].id != id) {
+        ++i;
     }
-    return nullptr;
+    return i;
 }
 
-/* Whether this OpenSSL build accepts the suite at security level 0. */
-bool OpenSslKnows(const char *name) {
+/* Whether this OpenSSL build accepts the suite at security level 0. The
+ * answer depends on the build alone, so each suite is tried once per
+ * process: a trial takes a context of its own, which costs more than the
+ * rest of a session's set-up. 0 not tried yet, 1 accepted, -1 refused. */
+int8_t g_suiteKnown[kSuiteCount];
+
+bool OpenSslKnows(size_t index) {
+    if (g_suiteKnown[index] != 0) {
+        return g_suiteKnown[index] > 0;
+    }
     SSL_CTX *pTry = SSL_CTX_new(TLS_client_method());
     if (pTry == nullptr) {
-        return false;
+        return false; /* out of memory, perhaps: tried again next time */
     }
     char list[128];
-    int n = snprintf(list, sizeof(list), "%s:@SECLEVEL=0", name);
+    int n = snprintf(list, sizeof(list), "%s:@SECLEVEL=0", kSuites[index].name);
     bool ok =
         n > 0 && static_cast<size_t>(n) < sizeof(list) && SSL_CTX_set_cipher_list(pTry, list) == 1;
     SSL_CTX_free(pTry);
     ERR_clear_error();
+    g_suiteKnown[index] = ok ? 1 : -1;
     return ok;
 }
 
@@ -720,11 +731,11 @@ int TLSSetCipherSuites(TLSContext *pCtx, const TLSBuffer *pSuites) {
     for (uint32_t i = 0; i + 1 < pSuites->length; i += 2) {
         uint16_t id;
         memcpy(&id, pSuites->data + i, sizeof(id));
-        const char *name = SuiteNameOf(id);
-        if (name == nullptr || !OpenSslKnows(name)) {
+        size_t index = SuiteIndexOf(id);
+        if (index == kSuiteCount || !OpenSslKnows(index)) {
             continue;
         }
-        append(name);
+        append(kSuites[index].name);
         append(":");
         any = true;
     }
