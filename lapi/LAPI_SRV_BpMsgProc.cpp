@@ -342,8 +342,8 @@ namespace {
 
 using BpLogLine = LAPI_TraceText<LAPI_BP_LOG_LINE_SIZE>;
 
-/* One field of a fixed layout: its label and its width on the wire. */
-/* Kept to 16 bytes: the tables of fields hold pointers, so they are
+/* One field of a fixed layout: its label and its width on the wire. Kept to
+ * a pointer and 8 bytes: the tables of fields hold pointers, so they are
  * relocated at start-up and their pages are the process's own memory. */
 struct BpLogField {
     constexpr BpLogField(const char *pLabel, int fieldWidth)
@@ -354,7 +354,7 @@ struct BpLogField {
     uint16_t labelLen;
     uint8_t width;
 };
-static_assert(sizeof(BpLogField) <= 2 * sizeof(void *));
+static_assert(sizeof(BpLogField) <= sizeof(void *) + 8);
 
 /* The message being traced and the position of the next field in it. */
 struct BpLogCursor {

@@ -63,7 +63,8 @@ enum FdInfoKind : uint8_t {
 };
 
 /* fdInfoKind sits in the padding after fd: every client holds two Fdops,
- * and 72 bytes take a smaller heap block than 80. */
+ * and on 64 bits the record is then 72 bytes instead of 80, which takes a
+ * smaller heap block. */
 struct Fdops {
     int fd;
     FdInfoKind fdInfoKind; /* which of the three pFdInfo is */

@@ -184,9 +184,9 @@ enum class FieldKind : uint8_t {
 };
 
 /* One traced field: its label, its value, ", ", then its raw bytes in hex
- * (the prefix and the pair: their four and two bytes). Kept to 16 bytes:
- * the tables of fields hold pointers, so they are relocated at start-up and
- * their pages are the process's own memory. */
+ * (the prefix and the pair: their four and two bytes). Kept to a pointer and
+ * 8 bytes: the tables of fields hold pointers, so they are relocated at
+ * start-up and their pages are the process's own memory. */
 struct TraceField {
     const char *label;
     uint8_t labelLen;
@@ -196,7 +196,7 @@ struct TraceField {
     bool isSigned;
     uint16_t countOffset; /* kDbFiles: where numFiles is */
 };
-static_assert(sizeof(TraceField) <= 2 * sizeof(void *));
+static_assert(sizeof(TraceField) <= sizeof(void *) + 8);
 
 /* The fields of a message of type T (the procedure's T). */
 #define TF_NUM(kind, member, label)                                                 \
