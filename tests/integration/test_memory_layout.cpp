@@ -31,17 +31,27 @@ struct Section {
     unsigned long long align = 0;
 };
 
-/* One section of the server binary, from readelf's table. */
-Section FindSection(const std::string &name) {
-    Section s;
-    std::string command = std::string("readelf -SW '") + LAPI_SRV_HOST_BIN + "' 2>/dev/null";
+/* The lines readelf prints for the server binary with these options. */
+std::vector<std::string> Readelf(const char *options) {
+    std::vector<std::string> lines;
+    std::string command =
+        std::string("readelf ") + options + " '" + LAPI_SRV_HOST_BIN + "' 2>/dev/null";
     FILE *p = popen(command.c_str(), "r");
     if (p == nullptr) {
-        return s;
+        return lines;
     }
     char line[512];
     while (fgets(line, sizeof(line), p) != nullptr) {
-        std::string text(line);
+        lines.emplace_back(line);
+    }
+    pclose(p);
+    return lines;
+}
+
+/* One section of the server binary, from readelf's table. */
+Section FindSection(const std::string &name) {
+    Section s;
+    for (const std::string &text : Readelf("-SW")) {
         size_t at = text.find("] " + name + " ");
         if (at == std::string::npos) {
             continue;
@@ -59,29 +69,19 @@ Section FindSection(const std::string &name) {
         s.align = std::stoull(last);
         s.found = true;
     }
-    pclose(p);
     return s;
 }
 
-/* The libraries the server binary names as needed, from readelf. */
+/* The libraries the server binary names as needed. */
 std::vector<std::string> NeededLibraries() {
     std::vector<std::string> out;
-    std::string command = std::string("readelf -dW '") + LAPI_SRV_HOST_BIN + "' 2>/dev/null";
-    FILE *p = popen(command.c_str(), "r");
-    if (p == nullptr) {
-        return out;
-    }
-    char line[512];
-    while (fgets(line, sizeof(line), p) != nullptr) {
-        std::string text(line);
-        size_t open = text.find("(NEEDED)");
+    for (const std::string &text : Readelf("-dW")) {
         size_t from = text.find('[');
         size_t to = text.find(']');
-        if (open != std::string::npos && from != std::string::npos && to > from) {
+        if (text.find("(NEEDED)") != std::string::npos && from != std::string::npos && to > from) {
             out.push_back(text.substr(from + 1, to - from - 1));
         }
     }
-    pclose(p);
     return out;
 }
 
