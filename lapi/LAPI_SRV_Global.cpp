@@ -38,6 +38,8 @@ List LAPI_SRV_readFdopsList;
 List LAPI_SRV_writeFdopsList;
 fd_set readFdSet;
 fd_set writeFdSet;
+fd_set *LAPI_SRV_pTurnReadSet;
+fd_set *LAPI_SRV_pTurnWriteSet;
 int maxReadFd;
 int maxWriteFd;
 uint8_t readListChanged;
@@ -235,6 +237,17 @@ Fdops *CreateFdops(int fd, int rbufSize, int wbufSize) {
 void *FreeFdops(Fdops *pFdops) {
     if (pFdops == nullptr) {
         return nullptr;
+    }
+    /* Its readiness in the loop's current turn ends with it: a descriptor
+     * opened later in the turn may get the same number, and has to wait for
+     * a turn of its own. */
+    if (pFdops->fd >= 0 && pFdops->fd < FD_SETSIZE) {
+        if (LAPI_SRV_pTurnReadSet != nullptr) {
+            FD_CLR(pFdops->fd, LAPI_SRV_pTurnReadSet);
+        }
+        if (LAPI_SRV_pTurnWriteSet != nullptr) {
+            FD_CLR(pFdops->fd, LAPI_SRV_pTurnWriteSet);
+        }
     }
     void *pFdInfo = pFdops->pFdInfo;
     FreeFdBuf(&pFdops->rbuf);

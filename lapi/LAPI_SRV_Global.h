@@ -94,6 +94,10 @@ extern List LAPI_SRV_readFdopsList;
 extern List LAPI_SRV_writeFdopsList;
 extern fd_set readFdSet;
 extern fd_set writeFdSet;
+/* While the loop serves what select found ready: its copies of the sets.
+ * Freeing an Fdops takes its descriptor out of these too. Null otherwise. */
+extern fd_set *LAPI_SRV_pTurnReadSet;
+extern fd_set *LAPI_SRV_pTurnWriteSet;
 extern int maxReadFd;
 extern int maxWriteFd;
 extern uint8_t readListChanged;

@@ -534,6 +534,8 @@ void LAPI_SRV_LoopOnce(void) {
     gInWait = 0;
     errno = waitErrno;
     if (n > 0) {
+        LAPI_SRV_pTurnReadSet = &readSet;
+        LAPI_SRV_pTurnWriteSet = &writeSet;
         ListNode *pPos = List_GetHeadPos(&LAPI_SRV_readFdopsList);
         while (pPos != nullptr && n > 0) {
             Fdops *pFdops = static_cast<Fdops *>(List_GetNext(&LAPI_SRV_readFdopsList, &pPos));
@@ -580,6 +582,8 @@ void LAPI_SRV_LoopOnce(void) {
                 pPos = List_GetHeadPos(&LAPI_SRV_writeFdopsList);
             }
         }
+        LAPI_SRV_pTurnReadSet = nullptr;
+        LAPI_SRV_pTurnWriteSet = nullptr;
     } else if (n < 0 && errno != EINTR && errno != EAGAIN) {
         LAPI_SRV_ERR("select numfd < 0, errno is: %d, %s", errno, strerror(errno));
     }

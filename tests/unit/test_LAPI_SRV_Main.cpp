@@ -649,6 +649,37 @@ TEST_F(LoopTest, ReadProcFreeingTheNextNodeRestartsFromHead) {
     gMoved = nullptr;
 }
 
+Fdops *gVictim = nullptr;
+int gVictimFd = -1;
+
+/* Destroys another descriptor that select found ready too, before the loop
+ * came to it, and opens a new one, not readable, which gets its number. */
+void ReadDestroyReadyOneAndReuseItsNumber(Fdops *p) {
+    gCalls.push_back("r:" + gNames[p->fd]);
+    gVictimFd = gVictim->fd;
+    DestroyFdops(gVictim);
+    gVictim = nullptr;
+    gCreated.push_back(gLoopTest->AddReadable("C", ReadDrain, /*withData=*/false));
+}
+
+TEST_F(LoopTest, DescriptorNumberReusedInTheSameTurnWaitsForTheNextTurn) {
+    gLoopTest = this;
+    ASSERT_NE(nullptr, AddReadable("A", ReadDestroyReadyOneAndReuseItsNumber));
+    gVictim = AddReadable("B", ReadDrain);
+    ASSERT_NE(nullptr, gVictim);
+
+    LAPI_SRV_LoopOnce();
+    ASSERT_EQ(1u, gCreated.size());
+    ASSERT_NE(nullptr, gCreated[0]);
+    /* The new descriptor took the number of the one that was ready... */
+    ASSERT_EQ(gVictimFd, gCreated[0]->fd);
+    /* ...but nothing was ready on it: B's readiness does not pass to C. */
+    EXPECT_EQ((std::vector<std::string>{"r:A"}), gCalls);
+    EXPECT_EQ(nullptr, LAPI_SRV_pTurnReadSet);
+    EXPECT_EQ(nullptr, LAPI_SRV_pTurnWriteSet);
+    gLoopTest = nullptr;
+}
+
 TEST_F(LoopTest, NfdsAfterRemovingHighestIsOldHighest) {
     Fdops *pLow = AddReadable("low", ReadDrain);
     ASSERT_NE(nullptr, pLow);
