@@ -179,6 +179,17 @@ int ParseNapiMsg(Fdops *pFdops) {
         return -1;
     }
 
+    /* The outcome of a dial counts only while the entry waits for it. A
+     * record that arrives later (its link handle closed and handed out again
+     * to this entry, or a second record for one dial) would otherwise open a
+     * second socket over the first one, which nothing could close again. */
+    if ((msgId == NAPI_RESULT_SUCCESS_MSGID || msgId == NAPI_RESULT_FAIL_MSGID) &&
+        pSocketInfo->pFdops != nullptr) {
+        LAPI_SRV_TRACE("ParseNapiMsg: linkId %d has its socket already, msg id %d ignored",
+                       static_cast<int>(pSocketInfo->linkId), msgId);
+        return 0;
+    }
+
     switch (msgId) {
         case NAPI_RESULT_SUCCESS_MSGID: {
             LAPI_SRV_TRACE("NAPI_RESULT_SUCCESS_MSGID received");
@@ -366,7 +377,11 @@ void LAPI_SRV_WaitConnectRes(Fdops *pFdops) {
                                pSocketInfo->transactionId, pSocketInfo->linkId, 0);
         pSocketInfo->fdStatus = LAPI_SRV_SOCK_CONNECTED;
         SetConnectedProcs(pFdops);
-        LAPI_SRV_RemoveFdopsWriteList(pFdops);
+        /* Data that the BP sent while the connect was under way waits in
+         * wbuf: the socket stays on the write list until it is written. */
+        if (pFdops->wbuf.idx == 0) {
+            LAPI_SRV_RemoveFdopsWriteList(pFdops);
+        }
         return;
     }
     LAPI_SRV_TRACE("Non-block socket, failed to connect to the network!");
@@ -558,14 +573,14 @@ int LAPI_SRV_CheckSubCommonName(const TLSBuffer *pCertificate, const char *serve
     LAPI_SRV_TRACE("certificate len:%d data:%.*s", static_cast<int>(pCertificate->length), shown,
                    reinterpret_cast<const char *>(pCertificate->data));
 
-    /* One byte of the 80 stays for the terminator: a common name of 80 or
-     * more encoded bytes does not fit and is refused, never cut (a cut name
-     * could match a name it is not). */
-    uint8_t commonName[LAPI_SRV_COMMON_NAME_LEN];
+    /* The library gets 80 bytes; one more byte behind them holds the
+     * terminator of a one-byte name of all 80. A longer name is refused by
+     * the library, never cut (a cut name could match a name it is not). */
+    uint8_t commonName[LAPI_SRV_COMMON_NAME_LEN + 1];
     memset(commonName, 0, sizeof(commonName));
-    TLSBuffer name = {LAPI_SRV_COMMON_NAME_LEN - 1, commonName};
+    TLSBuffer name = {LAPI_SRV_COMMON_NAME_LEN, commonName};
     int ret = TLSExtractCertificateNameItem(pCertificate, 0, &name);
-    if (ret != 0 || name.length >= LAPI_SRV_COMMON_NAME_LEN) {
+    if (ret != 0 || name.length > LAPI_SRV_COMMON_NAME_LEN) {
         LAPI_SRV_ERR("TLSExtractCertificateNameItem : %d", ret);
         return LAPI_SRV_FQDN_NO_MATCH;
     }
@@ -610,20 +625,21 @@ static int FailTlsSetup(SocketInfo *pSocketInfo) {
     return LAPI_SRV_TLS_SETUP_FAILED;
 }
 
-/* The negotiated suite and version, traced after a handshake ended. */
-static void TraceNegotiated(SocketInfo *pSocketInfo) {
-    LAPI_SRV_TRACE("Negotiated cipher is : %d.", TLSGetNegotiatedCipher(pSocketInfo->pTlsContext));
-    LAPI_SRV_TRACE("Negotiated protocol version is : %d.",
-                   TLSGetProtocolVersion(pSocketInfo->pTlsContext));
+/* The negotiated suite and version, traced after a handshake ended, in the
+ * name of the procedure that ran it. */
+static void TraceNegotiated(SocketInfo *pSocketInfo, const char *func, int line) {
+    LAPI_LogLine(1, 0, LAPI_LOG_FILE, line, func, "Negotiated cipher is : %d.",
+                 TLSGetNegotiatedCipher(pSocketInfo->pTlsContext));
+    LAPI_LogLine(1, 0, LAPI_LOG_FILE, line, func, "Negotiated protocol version is : %d.",
+                 TLSGetProtocolVersion(pSocketInfo->pTlsContext));
 }
 
-/* The handshake failed: the BP hears result 2 and the socket is closed. */
-static void FailTlsHandshake(SocketInfo *pSocketInfo, int ret) {
-    if (ret == TLS_RESULT_READ_OVERFLOW) {
-        LAPI_SRV_TRACE("Read buffer overflow");
-    } else {
-        LAPI_SRV_TRACE("TLShandshake -- Failure");
-    }
+/* The handshake failed: the BP hears result 2 and the socket is closed.
+ * The line is written in the name of the procedure that ran it. */
+static void FailTlsHandshake(SocketInfo *pSocketInfo, int ret, const char *func, int line) {
+    LAPI_LogLine(
+        1, 0, LAPI_LOG_FILE, line, func, "%s",
+        ret == TLS_RESULT_READ_OVERFLOW ? "Read buffer overflow" : "TLShandshake -- Failure");
     pSocketInfo->fdStatus = LAPI_SRV_SOCK_UNATTACHED;
     LAPI_SRV_SendTLSRes(pSocketInfo->sessionId, pSocketInfo->transactionId, pSocketInfo->linkId,
                         LAPI_SRV_TLS_HANDSHAKE_FAILED);
@@ -751,13 +767,13 @@ int LAPI_SRV_CreateTlsSession(uint8_t sessionId, uint8_t transactionId, uint32_t
                                LAPI_SRV_DoTlsHandshake, LAPI_SRV_CloseSocketFdops);
         return LAPI_SRV_TLS_IN_PROGRESS;
     }
-    TraceNegotiated(pSocketInfo);
+    TraceNegotiated(pSocketInfo, __func__, __LINE__);
     if (ret == TLS_RESULT_OK || ret == TLS_RESULT_CLOSED) {
         pSocketInfo->bIsTlsSession = 1;
         LAPI_SRV_TRACE("TLShandshake -- Successfull");
         return LAPI_SRV_TLS_DONE;
     }
-    FailTlsHandshake(pSocketInfo, ret);
+    FailTlsHandshake(pSocketInfo, ret, __func__, __LINE__);
     return LAPI_SRV_TLS_HANDSHAKE_FAILED;
 }
 
@@ -776,7 +792,7 @@ void LAPI_SRV_DoTlsHandshake(Fdops *pFdops) {
     if (ret == TLS_RESULT_WOULD_BLOCK) {
         return; /* the next readiness of the socket goes on */
     }
-    TraceNegotiated(pSocketInfo);
+    TraceNegotiated(pSocketInfo, __func__, __LINE__);
     if (ret == TLS_RESULT_OK || ret == TLS_RESULT_CLOSED) {
         pSocketInfo->fdStatus = LAPI_SRV_SOCK_CONNECTED;
         pSocketInfo->bIsTlsSession = 1;
@@ -786,7 +802,7 @@ void LAPI_SRV_DoTlsHandshake(Fdops *pFdops) {
                             LAPI_SRV_TLS_DONE);
         return;
     }
-    FailTlsHandshake(pSocketInfo, ret);
+    FailTlsHandshake(pSocketInfo, ret, __func__, __LINE__);
 }
 
 int LAPI_SRV_CloseTlsSession(SocketInfo *pSocketInfo) {

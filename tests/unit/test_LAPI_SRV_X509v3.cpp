@@ -390,12 +390,21 @@ TEST(X509CommonName, BmpStringCommonNameIsFolded) {
     EXPECT_TRUE(cap.HasTrace("CommonName: www.example.test"));
 }
 
-TEST(X509CommonName, CommonNameOf80BytesOrMoreIsRefused) {
-    /* 40 two-byte characters: 80 bytes of encoding. */
+TEST(X509CommonName, TwoByteCommonNameOf80BytesIsFoldedAndMatches) {
+    /* 40 two-byte characters: 80 bytes of encoding, all the array holds. */
     LeafSpec spec = Cn("www." + std::string(31, 'x') + ".test");
     spec.bmpString = true;
     StderrCapture cap;
-    EXPECT_EQ(4, CheckCn(Der(spec), ("www." + std::string(31, 'x') + ".test").c_str()));
+    EXPECT_EQ(0, CheckCn(Der(spec), ("a." + std::string(31, 'x') + ".test").c_str()));
+    EXPECT_TRUE(cap.HasTrace("CommonName length: 40"));
+}
+
+TEST(X509CommonName, CommonNameOfMoreThan80BytesIsRefused) {
+    /* 41 two-byte characters: 82 bytes of encoding. */
+    LeafSpec spec = Cn("www." + std::string(32, 'x') + ".test");
+    spec.bmpString = true;
+    StderrCapture cap;
+    EXPECT_EQ(4, CheckCn(Der(spec), ("www." + std::string(32, 'x') + ".test").c_str()));
     EXPECT_TRUE(cap.HasError("TLSExtractCertificateNameItem : 8"));
 }
 

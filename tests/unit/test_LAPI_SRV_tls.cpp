@@ -25,6 +25,7 @@
 #include "NetTestHarness.h"
 #include "ServerFixture.h"
 #include "TcpPeer.h"
+#include "ToolCommon.h"
 #include "zelnapi.h"
 
 namespace {
@@ -58,6 +59,15 @@ class NetLink : public ::testing::Test {
     void Deliver(const Bytes &record) {
         ASSERT_TRUE(h.WriteNapi(record));
         LAPI_SRV_ReadNapiMsg(NetHarness::NapiFdops());
+    }
+    /* Opens socket linkId to the peer as the BP does and waits until the
+     * peer has accepted it; its entry, or null. */
+    SocketInfo *OpenTo(const TcpPeer &peer, uint32_t linkId) {
+        Bp(OpenReqIpv4(1, 1, linkId, kLoopback, peer.Port()));
+        if (!h.PumpForBp(OPEN_SOCKET_APBP_RES) || !peer.WaitAccepted(1, 3000)) {
+            return nullptr;
+        }
+        return GetSocketInfoByLinkId(linkId);
     }
 
     NetHarness h;
@@ -257,10 +267,7 @@ TEST_F(NetLink, FourthFailNotificationClosesTheEntryAndTheFirstThreeRedial) {
 TEST_F(NetLink, LinkLostRecordSendsADataIndicationWithMinus1AndClosesTheSocket) {
     TcpPeer peer(TcpPeer::Mode::Sink);
     ASSERT_TRUE(peer.ok());
-    Bp(OpenReqIpv4(1, 1, 7, kLoopback, peer.Port()));
-    ASSERT_TRUE(h.PumpForBp(OPEN_SOCKET_APBP_RES));
-    ASSERT_TRUE(peer.WaitAccepted(1, 3000));
-    SocketInfo *p = GetSocketInfoByLinkId(7);
+    SocketInfo *p = OpenTo(peer, 7);
     ASSERT_NE(nullptr, p);
     h.Seen().clear();
     ASSERT_TRUE(h.WriteNapi(NapiRecord(NAPI_LINK_LOST_MSGID, static_cast<uint8_t>(p->napiLink))));
@@ -268,6 +275,48 @@ TEST_F(NetLink, LinkLostRecordSendsADataIndicationWithMinus1AndClosesTheSocket) 
     EXPECT_EQ(std::vector<Bytes>{DataInd(7, {}, -1)}, h.Seen());
     EXPECT_EQ(nullptr, GetSocketInfoByLinkId(7));
     EXPECT_TRUE(peer.WaitAllClosed(3000));
+}
+
+TEST_F(NetLink, StaleLinkUpRecordForAnOpenSocketIsIgnored) {
+    TcpPeer peer(TcpPeer::Mode::Sink);
+    ASSERT_TRUE(peer.ok());
+    SocketInfo *p = OpenTo(peer, 7);
+    ASSERT_NE(nullptr, p);
+    Fdops *pBefore = p->pFdops;
+    int fdBefore = p->fd;
+    h.Seen().clear();
+
+    StderrCapture cap;
+    int fdsBefore = toolcommon::CountOpenFds(getpid());
+    Deliver(NapiRecord(NAPI_RESULT_SUCCESS_MSGID, static_cast<uint8_t>(p->napiLink)));
+    int fdsAfter = toolcommon::CountOpenFds(getpid());
+    cap.Restore();
+    /* No second socket, no second answer: the open socket stays as it was. */
+    EXPECT_EQ(pBefore, p->pFdops);
+    EXPECT_EQ(fdBefore, p->fd);
+    EXPECT_EQ(fdsBefore, fdsAfter);
+    EXPECT_TRUE(h.Seen().empty());
+    EXPECT_EQ(1u, peer.Accepted());
+    std::vector<std::string> t = cap.Traces();
+    EXPECT_EQ(0u, Count(t, "NAPI_RESULT_SUCCESS_MSGID received"));
+    EXPECT_EQ(1u, Count(t, "ParseNapiMsg: linkId 7 has its socket already, msg id 16 ignored"));
+}
+
+TEST_F(NetLink, StaleLinkFailRecordForAnOpenSocketDoesNotRedial) {
+    TcpPeer peer(TcpPeer::Mode::Sink);
+    ASSERT_TRUE(peer.ok());
+    SocketInfo *p = OpenTo(peer, 7);
+    ASSERT_NE(nullptr, p);
+    int napiLink = p->napiLink;
+    h.Seen().clear();
+
+    StderrCapture cap;
+    Deliver(NapiRecord(NAPI_RESULT_FAIL_MSGID, static_cast<uint8_t>(napiLink)));
+    cap.Restore();
+    EXPECT_EQ(napiLink, p->napiLink) << "the link under the open socket was not dialled again";
+    EXPECT_EQ(0, p->dialCount);
+    EXPECT_TRUE(h.Seen().empty());
+    EXPECT_EQ(0u, Count(cap.Traces(), "NAPI_RESULT_FAIL_MSGID received"));
 }
 
 /* ---- resolution, connect and completion ----------------------------------- */
@@ -410,6 +459,42 @@ TEST_F(NetLink, WaitConnectResRefusalsEndWithoutAction) {
               cap.Errors());
     EXPECT_TRUE(h.BpMsgs().empty());
     memset(socketInfoTable, 0, sizeof(socketInfoTable));
+}
+
+TEST_F(NetLink, SendBeforeTheConnectCompletesIsWrittenOnceConnected) {
+    /* A connecting socket, as Connect2Server leaves it (a socket pair stands
+     * in for the network: its connect has long completed). */
+    int s[2];
+    ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, s));
+    SocketInfo *p = &socketInfoTable[0];
+    p->linkId = 9;
+    p->fd = s[0];
+    p->fdStatus = LAPI_SRV_SOCK_CONNECTING;
+    Fdops *pFdops = CreateFdops(s[0], LAPI_SRV_SOCK_RBUF_SIZE, LAPI_SRV_SOCK_WBUF_SIZE);
+    ASSERT_NE(nullptr, pFdops);
+    pFdops->readProc = LAPI_SRV_WaitConnectRes;
+    pFdops->writeProc = LAPI_SRV_WaitConnectRes;
+    pFdops->closeProc = LAPI_SRV_CloseSocketFdops;
+    p->pFdops = pFdops;
+    LAPI_SRV_AddFdopsReadList(pFdops);
+    LAPI_SRV_AddFdopsWriteList(pFdops);
+
+    /* The BP sends before it has the open answer: the data waits in wbuf. */
+    Bp(nettest::SendReq(2, 3, 9, {'h', 'i'}));
+    EXPECT_TRUE(h.Seen().empty()) << "no send answer while unconnected";
+
+    LAPI_SRV_WaitConnectRes(pFdops);
+    EXPECT_EQ(LAPI_SRV_SOCK_CONNECTED, p->fdStatus);
+    EXPECT_TRUE(FD_ISSET(s[0], &writeFdSet)) << "still on the write list: wbuf holds data";
+
+    ASSERT_TRUE(h.PumpForBp(SEND_DATA_APBP_RES));
+    char got[8] = {0};
+    EXPECT_EQ(2, read(s[1], got, sizeof(got)));
+    EXPECT_EQ(std::string("hi"), std::string(got, 2));
+    EXPECT_EQ(SocketRes(SEND_DATA_APBP_RES, 2, 3, 9, 0), h.Seen().back());
+    EXPECT_FALSE(FD_ISSET(s[0], &writeFdSet)) << "off the write list once written";
+    LAPI_SRV_CloseSocket(p);
+    close(s[1]);
 }
 
 /* ---- read and write refusals ---------------------------------------------- */

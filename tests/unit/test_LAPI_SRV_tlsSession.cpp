@@ -158,6 +158,38 @@ TEST_F(TlsSession, ParentDomainCommonNameFailsTheHandshakeWithResult2AndCloses) 
     EXPECT_TRUE(cap.HasTrace("TLShandshake -- Failure"));
 }
 
+/* The whole line of the capture that holds this text, or "". */
+std::string LineWith(const std::string &text, const std::string &needle) {
+    size_t at = text.find(needle);
+    if (at == std::string::npos) {
+        return "";
+    }
+    size_t from = text.rfind('\n', at);
+    size_t to = text.find('\n', at);
+    from = from == std::string::npos ? 0 : from + 1;
+    return text.substr(from, to == std::string::npos ? std::string::npos : to - from);
+}
+
+/* Whether a trace line is written in the name of one of the two procedures
+ * that run a handshake. */
+bool NamesAHandshakeProcedure(const std::string &line) {
+    return line.find(", LAPI_SRV_DoTlsHandshake()\t") != std::string::npos ||
+           line.find(", LAPI_SRV_CreateTlsSession()\t") != std::string::npos;
+}
+
+TEST_F(TlsSession, HandshakeLinesNameTheProcedureThatRanTheHandshake) {
+    ASSERT_TRUE(Connect(Cn("example.test")));
+    StderrCapture cap;
+    EXPECT_EQ(2, RequestTls(7, "supl.example.test"));
+    std::string text = cap.Text();
+    for (const char *needle : {"TLShandshake -- Failure",
+                               "Negotiated cipher is : ", "Negotiated protocol version is : "}) {
+        std::string line = LineWith(text, needle);
+        ASSERT_FALSE(line.empty()) << needle << " missing in:\n" << text;
+        EXPECT_TRUE(NamesAHandshakeProcedure(line)) << line;
+    }
+}
+
 TEST_F(TlsSession, SubjectAltNameAcceptsWhenTheCommonNameFails) {
     LeafSpec spec = Cn("nobody");
     spec.dnsNames = {"supl.example.test"};
