@@ -602,8 +602,6 @@ void LAPI_LogBpGetLocationRsp(const uint8_t *pMsg, int length) {
         /* Only the NMEA bytes that the message really holds. */
         int shown = nmeaLen < cur.length - cur.pos ? nmeaLen : cur.length - cur.pos;
         LogField(&line, &cur, "nmeaData: ", shown);
-        /* Standard output keeps its place among the diagnostic lines. */
-        LAPI_LogFlush();
         /* "\n %s, %s, data_len:%d\n": both names are short. */
         char plain[256];
         char *end = plain;
@@ -614,8 +612,7 @@ void LAPI_LogBpGetLocationRsp(const uint8_t *pMsg, int length) {
         }
         end = lapi_fmt::Int(end, line.len);
         *end++ = '\n';
-        fwrite(plain, 1, static_cast<size_t>(end - plain), stdout);
-        fflush(stdout);
+        LAPI_LogStdout(plain, static_cast<size_t>(end - plain));
         line.Append("nmea end\n");
     }
     BP_LOG_LINE(__func__, line);

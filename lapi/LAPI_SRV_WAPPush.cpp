@@ -51,16 +51,32 @@ static_assert(LAPI_SRV_PUSH_IND_HEAD_LEN == LAPI_BP_MSG_HEADER_LEN + 4,
 static_assert(LAPI_SRV_PUSH_IND_HEAD_LEN + LAPI_SRV_PUSH_CONTENT_SIZE <= LAPI_BP_MSG_MAX_LEN,
               "a full push content fits one BP frame");
 
-/* The decoder's plain lines on standard output, flushed at once so that a
+/* The decoder's plain lines on standard output, written at once so that a
  * reader of the stream sees them in step with the diagnostics. */
 __attribute__((format(printf, 1, 2))) void WspPrint(const char *fmt, ...) {
-    /* The diagnostics gathered so far go out first. */
-    LAPI_LogFlush();
+    char text[2048];
     va_list ap;
     va_start(ap, fmt);
-    vprintf(fmt, ap);
+    int n = vsnprintf(text, sizeof(text), fmt, ap);
     va_end(ap);
-    fflush(stdout);
+    if (n < 0) {
+        return;
+    }
+    if (static_cast<size_t>(n) < sizeof(text)) {
+        LAPI_LogStdout(text, static_cast<size_t>(n));
+        return;
+    }
+    /* Longer than any push holds, but never cut. */
+    char *pLong = static_cast<char *>(malloc(static_cast<size_t>(n) + 1));
+    if (pLong == nullptr) {
+        LAPI_LogStdout(text, sizeof(text) - 1);
+        return;
+    }
+    va_start(ap, fmt);
+    vsnprintf(pLong, static_cast<size_t>(n) + 1, fmt, ap);
+    va_end(ap);
+    LAPI_LogStdout(pLong, static_cast<size_t>(n));
+    free(pLong);
 }
 
 /* A NUL-terminated text starting at p: its length without the terminator,

@@ -93,6 +93,23 @@ class Hardening : public ::testing::Test {
         return m && m->msgId == LAPI_GET_LOCATION_RSP;
     }
 
+    /* Starts the server with one of its output streams (1 or 2) on a pipe
+     * that nobody reads yet; *pReadEnd is the test's end, non-blocking. */
+    bool StartWithStreamOnPipe(int stream, int *pReadEnd) {
+        int p[2];
+        if (pipe2(p, O_CLOEXEC) != 0) {
+            return false;
+        }
+        fcntl(p[0], F_SETFL, O_NONBLOCK);
+        ServerOptions o = Options();
+        int writeEnd = p[1];
+        o.childSetup = [writeEnd, stream] { dup2(writeEnd, stream); };
+        bool started = Start(o);
+        close(p[1]);
+        *pReadEnd = p[0];
+        return started;
+    }
+
     std::string PidFile() const { return root_.Path("/tmp/lapi.pid"); }
 
     TempRoot root_;
@@ -119,6 +136,18 @@ std::string DrainPipe(int fd) {
         }
         out.append(buf, static_cast<size_t>(n));
     }
+}
+
+/* Reads the pipe until its text holds this, or the wait is over. */
+std::string DrainPipeUntil(int fd, const std::string &text) {
+    std::string out;
+    auto deadline = lapitest::NowMs() + kWaitMs;
+    while (out.find(text) == std::string::npos && lapitest::NowMs() < deadline) {
+        struct pollfd pfd = {fd, POLLIN, 0};
+        poll(&pfd, 1, 100);
+        out += DrainPipe(fd);
+    }
+    return out;
 }
 
 }  // namespace
@@ -296,14 +325,8 @@ TEST_F(Hardening, StderrWhoseReaderHasGoneIsGivenUpAndClientsAreServed) {
 }
 
 TEST_F(Hardening, FullStderrDropsLinesCountsThemAndNeverBlocksShutdown) {
-    int p[2];
-    ASSERT_EQ(0, pipe2(p, O_CLOEXEC));
-    fcntl(p[0], F_SETFL, O_NONBLOCK);
-    ServerOptions o = Options();
-    int writeEnd = p[1];
-    o.childSetup = [writeEnd] { dup2(writeEnd, 2); };
-    ASSERT_TRUE(Start(o));
-    close(p[1]);
+    int readEnd = -1;
+    ASSERT_TRUE(StartWithStreamOnPipe(2, &readEnd));
 
     /* Far more than the pipe holds (the server widens it to 1 MiB): every
      * round trip writes about 8 KB of lines. */
@@ -314,15 +337,9 @@ TEST_F(Hardening, FullStderrDropsLinesCountsThemAndNeverBlocksShutdown) {
     }
     /* Read now: the stream takes writes again, and the next line says how
      * many were lost. */
-    std::string after = DrainPipe(p[0]);
+    DrainPipe(readEnd);
     ASSERT_TRUE(RoundTrip(c, 2, 1));
-    auto deadline = lapitest::NowMs() + kWaitMs;
-    while (after.find("diagnostic lines dropped") == std::string::npos &&
-           lapitest::NowMs() < deadline) {
-        struct pollfd pfd = {p[0], POLLIN, 0};
-        poll(&pfd, 1, 100);
-        after += DrainPipe(p[0]);
-    }
+    std::string after = DrainPipeUntil(readEnd, "diagnostic lines dropped");
     EXPECT_NE(std::string::npos, after.find("diagnostic lines dropped, standard error was full"))
         << after.substr(0, 2000);
 
@@ -333,7 +350,35 @@ TEST_F(Hardening, FullStderrDropsLinesCountsThemAndNeverBlocksShutdown) {
     ASSERT_EQ(0, kill(srv_->Pid(), SIGTERM));
     EXPECT_EQ(0, srv_->WaitExit(kExitWithinMs));
     EXPECT_FALSE(root_.Exists("/tmp/lapi.pid"));
-    close(p[0]);
+    close(readEnd);
+}
+
+/* Standard output that nobody reads: the plain line beside each traced
+ * location answer (about 70 bytes, twice per round trip) fills the pipe
+ * after a few hundred round trips; from then on the text is dropped with an
+ * error line, and the server goes on serving. */
+TEST_F(Hardening, FullStdoutDropsTextAndNeverBlocksTheServer) {
+    int readEnd = -1;
+    ASSERT_TRUE(StartWithStreamOnPipe(1, &readEnd));
+
+    TestClient c(root_.Dir());
+    ASSERT_TRUE(c.Handshake(1));
+    for (int i = 0; i < 1500; ++i) {
+        ASSERT_TRUE(RoundTrip(c, 1, static_cast<uint8_t>(i % 255 + 1), 2000)) << i;
+    }
+    EXPECT_GE(
+        srv_->WaitForLineContaining(lapitest::Stream::Stderr, "standard output is full, ", kWaitMs),
+        0);
+    /* The stream takes writes again once it is read. */
+    std::string got = DrainPipe(readEnd);
+    EXPECT_NE(std::string::npos, got.find("pMsg->nmeaDataLength:"));
+    ASSERT_TRUE(RoundTrip(c, 2, 1));
+    EXPECT_NE(std::string::npos,
+              DrainPipeUntil(readEnd, "pMsg->nmeaDataLength:").find("pMsg->nmeaDataLength:"));
+
+    ASSERT_EQ(0, kill(srv_->Pid(), SIGTERM));
+    EXPECT_EQ(0, srv_->WaitExit(kExitWithinMs));
+    close(readEnd);
 }
 
 /* ------------------------------------------------------------------------ */

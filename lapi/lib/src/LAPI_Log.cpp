@@ -28,6 +28,12 @@ volatile sig_atomic_t gStreamGone = 0;   /* EPIPE: its reader left; never writte
 volatile sig_atomic_t gDroppedLines = 0; /* lines dropped while it was full */
 volatile sig_atomic_t gMidLine = 0;      /* a dropped line left half a line behind */
 volatile sig_atomic_t gUseSend = 0;      /* a socket: written with send, never blocking */
+/* The same for standard output, which only the main flow writes; until it
+ * is prepared (never, in the client library) it is the application's
+ * stream and is written through stdio. */
+bool gStdoutPrepared = false;
+bool gStdoutGone = false;
+bool gStdoutUseSend = false;
 /* The side of the last line accepted: dropped lines are reported in its name. */
 volatile sig_atomic_t gLastSide = 1;
 
@@ -42,12 +48,12 @@ constexpr int kStderrPipeSize = 1024 * 1024;
  * is given up for good, so the SIGPIPE trace cannot raise SIGPIPE again and
  * again; a stream that is full reports it and the caller drops the line.
  */
-ChunkResult WriteChunk(const char *p, size_t n, size_t *pDone) {
+ChunkResult WriteStream(int fd, bool useSend, const char *p, size_t n, size_t *pDone) {
     size_t &done = *pDone;
     done = 0;
     while (done < n) {
-        ssize_t w = gUseSend ? send(STDERR_FILENO, p + done, n - done, MSG_DONTWAIT | MSG_NOSIGNAL)
-                             : write(STDERR_FILENO, p + done, n - done);
+        ssize_t w = useSend ? send(fd, p + done, n - done, MSG_DONTWAIT | MSG_NOSIGNAL)
+                            : write(fd, p + done, n - done);
         if (w > 0) {
             done += static_cast<size_t>(w);
             continue;
@@ -56,17 +62,22 @@ ChunkResult WriteChunk(const char *p, size_t n, size_t *pDone) {
             continue;
         }
         if (w < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
-            if (done > 0 && p[done - 1] != '\n') {
-                gMidLine = 1;
-            }
             return kChunkWouldBlock;
-        }
-        if (w < 0 && errno == EPIPE) {
-            gStreamGone = 1;
         }
         return kChunkGone;
     }
     return kChunkWritten;
+}
+
+ChunkResult WriteChunk(const char *p, size_t n, size_t *pDone) {
+    ChunkResult r = WriteStream(STDERR_FILENO, gUseSend != 0, p, n, pDone);
+    if (r == kChunkWouldBlock && *pDone > 0 && p[*pDone - 1] != '\n') {
+        gMidLine = 1;
+    }
+    if (r == kChunkGone && errno == EPIPE) {
+        gStreamGone = 1;
+    }
+    return r;
 }
 
 /* Lines up to this size are built on the stack when they go out at once;
@@ -524,35 +535,76 @@ extern "C" void LAPI_LogWriteChunk(const char *data, size_t length) {
     }
 }
 
-extern "C" void LAPI_LogPrepareStream(void) {
+namespace {
+
+/* Makes one of the server's output streams one that never keeps it waiting
+ * and returns what kind of file it is (0 when that is unknown). A socket is
+ * written with send and MSG_DONTWAIT (*pUseSend). A pipe or a terminal gets
+ * a new open file description of the same stream, non-blocking, in place of
+ * the descriptor, so that the flag does not change the stream that the
+ * parent and its other children share. A file never keeps a writer
+ * waiting. */
+mode_t MakeStreamNonBlocking(int fd, const char *procPath, bool *pUseSend) {
     struct stat st;
-    if (fstat(STDERR_FILENO, &st) != 0) {
-        return;
+    if (fstat(fd, &st) != 0) {
+        return 0;
     }
     if (S_ISSOCK(st.st_mode)) {
-        gUseSend = 1;
-        return;
+        *pUseSend = true;
+    } else if (S_ISFIFO(st.st_mode) || S_ISCHR(st.st_mode)) {
+        int newFd = open(procPath, O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+        /* When it fails, a pipe without a reader: writes fail at once with
+         * EPIPE. */
+        if (newFd >= 0 && newFd != fd) {
+            dup2(newFd, fd);
+            close(newFd);
+        }
     }
-    if (!S_ISFIFO(st.st_mode) && !S_ISCHR(st.st_mode)) {
-        return; /* a file never keeps a writer waiting */
-    }
-    /* A pipe or a terminal: a new open file description of the same
-     * stream, non-blocking, in place of descriptor 2, so that the flag does
-     * not change the stream that the parent and its other children share. */
-    int fd = open("/proc/self/fd/2", O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
-    if (fd < 0) {
-        return; /* a pipe without a reader: writes fail at once with EPIPE */
-    }
-    if (fd != STDERR_FILENO) {
-        dup2(fd, STDERR_FILENO);
-        close(fd);
-    }
+    return st.st_mode;
+}
+
+}  // namespace
+
+extern "C" void LAPI_LogPrepareStream(void) {
+    bool useSend = false;
+    mode_t mode = MakeStreamNonBlocking(STDERR_FILENO, "/proc/self/fd/2", &useSend);
+    gUseSend = useSend ? 1 : 0;
     /* A reader that is merely slower than a burst of traces (a hex dump per
      * frame) should lose nothing: room for a long burst before anything is
      * dropped, as far as the system allows an unprivileged process. */
-    if (S_ISFIFO(st.st_mode)) {
+    if (S_ISFIFO(mode)) {
         (void)fcntl(STDERR_FILENO, F_SETPIPE_SZ, kStderrPipeSize);
     }
+    /* The plain lines on standard output go out through LAPI_LogStdout. */
+    fflush(stdout);
+    MakeStreamNonBlocking(STDOUT_FILENO, "/proc/self/fd/1", &gStdoutUseSend);
+    gStdoutPrepared = true;
+}
+
+extern "C" void LAPI_LogStdout(const char *text, size_t length) {
+    int savedErrno = errno;
+    /* Standard output keeps its place among the diagnostic lines. */
+    LAPI_LogFlush();
+    if (!gStdoutPrepared) {
+        /* The application's stream: after what it has written itself. */
+        fwrite(text, 1, length, stdout);
+        fflush(stdout);
+        errno = savedErrno;
+        return;
+    }
+    if (gStdoutGone || length == 0) {
+        errno = savedErrno;
+        return;
+    }
+    size_t done = 0;
+    ChunkResult r = WriteStream(STDOUT_FILENO, gStdoutUseSend, text, length, &done);
+    if (r == kChunkWouldBlock) {
+        LAPI_LogLine(1, 1, LAPI_LOG_FILE, __LINE__, __func__,
+                     "standard output is full, %d bytes dropped", static_cast<int>(length - done));
+    } else if (r == kChunkGone && errno == EPIPE) {
+        gStdoutGone = true; /* its reader left: never written again */
+    }
+    errno = savedErrno;
 }
 
 extern "C" const char *LAPI_LogBaseName(const char *path) {

@@ -32,14 +32,23 @@ void LAPI_LogLine(int side, int isError, const char *file, int line, const char 
                   const char *fmt, ...) __attribute__((format(printf, 6, 7)));
 
 /*
- * Makes standard error safe for a daemon (the server calls it once at
- * start-up; the client library never does, as the stream belongs to the
- * application): a pipe or a terminal is reopened non-blocking in place of
- * descriptor 2, a socket is written with send and MSG_DONTWAIT. From then
- * on a full stream drops lines (counted, and reported in one line when it
- * takes writes again) and never stops the server.
+ * Makes standard error and standard output safe for a daemon (the server
+ * calls it once at start-up; the client library never does, as the streams
+ * belong to the application): a pipe or a terminal is reopened non-blocking
+ * in place of descriptor 2 (and 1), a socket is written with send and
+ * MSG_DONTWAIT. From then on a full standard error drops lines (counted,
+ * and reported in one line when it takes writes again), a full standard
+ * output drops text (LAPI_LogStdout), and neither stops the server.
  */
 void LAPI_LogPrepareStream(void);
+
+/* Text for standard output (the plain lines some tracers write beside
+ * their trace): the gathered diagnostics go out first, so that the two
+ * streams keep their order when they share a file. Once LAPI_LogPrepareStream
+ * has run (the server) it never waits: what a full stream cannot take is
+ * dropped, with an error line that says so. Before (the client library) it
+ * goes through stdio, after what the application has written. */
+void LAPI_LogStdout(const char *text, size_t length);
 
 /* The same line with its message text given as it is (no format): used by
  * tracers that build their text themselves. */

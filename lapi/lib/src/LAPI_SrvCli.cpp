@@ -546,10 +546,7 @@ int LAPI_LogGetLocationRsp(const uint8_t *pMsg, uint8_t side) {
     put(", pMsg->nmeaDataLength:");
     end = lapi_fmt::Int(end, nmeaDataLength);
     *end++ = '\n';
-    /* Standard output keeps its place among the diagnostic lines. */
-    LAPI_LogFlush();
-    fwrite(plain, 1, static_cast<size_t>(end - plain), stdout);
-    fflush(stdout);
+    LAPI_LogStdout(plain, static_cast<size_t>(end - plain));
     gMemo.sideEffect = true;
     text.Append("nmea end\n");
     return Emit(text, side, __func__, __LINE__);
