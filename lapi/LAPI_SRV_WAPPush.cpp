@@ -66,7 +66,8 @@ __attribute__((format(printf, 1, 2))) void WspPrint(const char *fmt, ...) {
         LAPI_LogStdout(text, static_cast<size_t>(n));
         return;
     }
-    /* Longer than any push holds, but never cut. */
+    /* A long text value of an SMS-port push (its body may be far longer
+     * than a datagram): never cut. */
     char *pLong = static_cast<char *>(malloc(static_cast<size_t>(n) + 1));
     if (pLong == nullptr) {
         LAPI_LogStdout(text, sizeof(text) - 1);

@@ -86,19 +86,22 @@ TEST(SetUpScripts, NothingMissingTouchesNothing) {
     EXPECT_EQ("fine\n", r.output);
 }
 
-TEST(SetUpScripts, TestScriptRefusesAnUnknownMode) {
-    ScriptRun r = Bash("bash scripts/test.sh --bogus");
+/* A script run with an option it does not know: status 2 and its usage. */
+void ExpectUsageRefusal(const std::string &script) {
+    ScriptRun r = Bash("bash " + script + " --bogus");
     EXPECT_EQ(2, r.status);
-    EXPECT_NE(std::string::npos, r.output.find("usage: scripts/test.sh")) << r.output;
-    r = Bash("bash scripts/test.sh --fuzz x");
+    EXPECT_NE(std::string::npos, r.output.find("usage: " + script)) << r.output;
+}
+
+TEST(SetUpScripts, TestScriptRefusesAnUnknownMode) {
+    ExpectUsageRefusal("scripts/test.sh");
+    ScriptRun r = Bash("bash scripts/test.sh --fuzz x");
     EXPECT_EQ(2, r.status);
 }
 
 TEST(SetUpScripts, MemoryScriptRefusesAnUnknownOptionAndExplainsItself) {
-    ScriptRun r = Bash("bash scripts/memory.sh --bogus");
-    EXPECT_EQ(2, r.status);
-    EXPECT_NE(std::string::npos, r.output.find("usage: scripts/memory.sh")) << r.output;
-    r = Bash("bash scripts/memory.sh --help");
+    ExpectUsageRefusal("scripts/memory.sh");
+    ScriptRun r = Bash("bash scripts/memory.sh --help");
     EXPECT_EQ(0, r.status);
     EXPECT_NE(std::string::npos, r.output.find("Private_Dirty")) << r.output;
 }

@@ -544,7 +544,7 @@ namespace {
  * the descriptor, so that the flag does not change the stream that the
  * parent and its other children share. A file never keeps a writer
  * waiting. */
-mode_t MakeStreamNonBlocking(int fd, const char *procPath, bool *pUseSend) {
+mode_t MakeStreamNonBlocking(int fd, bool *pUseSend) {
     struct stat st;
     if (fstat(fd, &st) != 0) {
         return 0;
@@ -552,6 +552,8 @@ mode_t MakeStreamNonBlocking(int fd, const char *procPath, bool *pUseSend) {
     if (S_ISSOCK(st.st_mode)) {
         *pUseSend = true;
     } else if (S_ISFIFO(st.st_mode) || S_ISCHR(st.st_mode)) {
+        char procPath[32];
+        snprintf(procPath, sizeof(procPath), "/proc/self/fd/%d", fd);
         int newFd = open(procPath, O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
         /* When it fails, a pipe without a reader: writes fail at once with
          * EPIPE. */
@@ -567,7 +569,7 @@ mode_t MakeStreamNonBlocking(int fd, const char *procPath, bool *pUseSend) {
 
 extern "C" void LAPI_LogPrepareStream(void) {
     bool useSend = false;
-    mode_t mode = MakeStreamNonBlocking(STDERR_FILENO, "/proc/self/fd/2", &useSend);
+    mode_t mode = MakeStreamNonBlocking(STDERR_FILENO, &useSend);
     gUseSend = useSend ? 1 : 0;
     /* A reader that is merely slower than a burst of traces (a hex dump per
      * frame) should lose nothing: room for a long burst before anything is
@@ -577,7 +579,7 @@ extern "C" void LAPI_LogPrepareStream(void) {
     }
     /* The plain lines on standard output go out through LAPI_LogStdout. */
     fflush(stdout);
-    MakeStreamNonBlocking(STDOUT_FILENO, "/proc/self/fd/1", &gStdoutUseSend);
+    MakeStreamNonBlocking(STDOUT_FILENO, &gStdoutUseSend);
     gStdoutPrepared = true;
 }
 
